@@ -1,0 +1,43 @@
+# Wraps CMake: `make` builds, `make test` installs what is missing, builds and runs every test.
+BUILD_DIR ?= build
+ASAN_DIR  ?= build-asan
+BENCH_DIR ?= build-bench
+JOBS      ?= $(shell nproc)
+CTEST_J   ?= 2
+
+.PHONY: all deps build test test-asan bench install format clean
+
+all: build
+
+deps:
+	@tools/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR) -j$(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j$(CTEST_J)
+
+# The same suite under AddressSanitizer and UndefinedBehaviorSanitizer; the
+# two-minute real time-out test runs only in the plain build.
+test-asan: deps
+	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DNB_SANITIZE=ON
+	cmake --build $(ASAN_DIR) -j$(JOBS)
+	cd $(ASAN_DIR) && ctest --output-on-failure -j$(CTEST_J) -LE slow
+
+# Throughput and memory against curl and bare Qt on a local nginx; prints a table.
+bench:
+	@tools/install-deps.sh --bench
+	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DNB_BUILD_TESTS=OFF -DNB_BUILD_BENCH=ON
+	cmake --build $(BENCH_DIR) -j$(JOBS)
+	bench/run.sh $(BENCH_DIR)
+
+install: build
+	cmake --install $(BUILD_DIR)
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR)

@@ -1,0 +1,127 @@
+// Each channel keeps its file open in append mode without buffering and writes a
+// whole line with one call under the channel's lock, so lines never interleave.
+#include "QtNBLogger.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMutex>
+#include <QVector>
+
+namespace {
+
+struct Channel
+{
+    QString path;
+    QFile file;
+    QMutex mutex;
+    QAtomicInt level { QtNBLogger::DefaultLevel };
+};
+
+// Channels are never freed: lines may be written from static destructors and from
+// threads that outlive the application object.
+QMutex registryMutex;
+QVector<Channel*>& channels()
+{
+    static auto* all = new QVector<Channel*>;
+    return *all;
+}
+
+Channel* channel(int handle)
+{
+    QMutexLocker lock(&registryMutex);
+    if (handle < 1 || handle > channels().size())
+        return nullptr;
+    return channels().at(handle - 1);
+}
+
+const char* priorityName(QtNBLogger::Priority priority)
+{
+    switch (priority) {
+    case QtNBLogger::Fatal:
+        return "FATAL";
+    case QtNBLogger::Error:
+        return "ERROR";
+    case QtNBLogger::Warning:
+        return "WARN ";
+    case QtNBLogger::Information:
+        return "INFO ";
+    case QtNBLogger::Debug:
+        return "DEBUG";
+    }
+    return "?????";
+}
+
+} // namespace
+
+int QtNBLogger::create(const QString& path)
+{
+    const QString absolute = QFileInfo(path).absoluteFilePath();
+    QMutexLocker lock(&registryMutex);
+    QVector<Channel*>& all = channels();
+    for (int i = 0; i < all.size(); ++i) {
+        if (all.at(i)->path == absolute)
+            return i + 1;
+    }
+    auto* c = new Channel;
+    c->path = absolute;
+    c->file.setFileName(absolute);
+    all.append(c);
+    return all.size();
+}
+
+void QtNBLogger::init(int handle)
+{
+    Channel* c = channel(handle);
+    if (!c)
+        return;
+    QMutexLocker lock(&c->mutex);
+    if (c->file.isOpen())
+        return;
+    QDir().mkpath(QFileInfo(c->path).absolutePath());
+    c->file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered);
+}
+
+void QtNBLogger::setLevel(int handle, int level)
+{
+    if (Channel* c = channel(handle))
+        c->level.storeRelaxed(level);
+}
+
+int QtNBLogger::level(int handle)
+{
+    Channel* c = channel(handle);
+    return c ? c->level.loadRelaxed() : 0;
+}
+
+void QtNBLogger::information(int handle, const QString& line)
+{
+    write(handle, Information, line);
+}
+
+void QtNBLogger::error(int handle, const QString& line)
+{
+    write(handle, Error, line);
+}
+
+void QtNBLogger::fatal(int handle, const QString& line)
+{
+    write(handle, Fatal, line);
+}
+
+void QtNBLogger::write(int handle, Priority priority, const QString& line)
+{
+    Channel* c = channel(handle);
+    if (!c || priority > c->level.loadRelaxed())
+        return;
+    QByteArray text = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).toUtf8();
+    text += ' ';
+    text += priorityName(priority);
+    text += ' ';
+    text += line.toUtf8();
+    text += '\n';
+    QMutexLocker lock(&c->mutex);
+    if (c->file.isOpen())
+        c->file.write(text);
+}

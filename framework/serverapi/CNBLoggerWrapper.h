@@ -1,0 +1,50 @@
+// The library's log channel: binds a module's log file to a logger channel and
+// prefixes every line with its source file, function and line number.
+#pragma once
+
+#include <QString>
+
+class CNBLoggerWrapper
+{
+public:
+    enum ModuleName {
+        Login = 0,
+        Main = 1,
+        Monitor = 2,
+        LocalEdit = 3,
+        Cef = 4,
+        Sync = 5,
+        TransMgr = 6,
+        Transfer = 7,
+        DB = 8,
+        Upgrade = 9,
+    };
+
+    explicit CNBLoggerWrapper(ModuleName module);
+
+    // The channel of "Transfer.log", created on first use; every line of the library goes through it.
+    static CNBLoggerWrapper& instTransfer();
+
+    // "<data location>/../NimbraData/Log/<module file>", creating the folders on the way.
+    static QString getLogPathName(ModuleName module);
+    static QString formatMessage(
+        const QString& message, const QString& fileName, const QString& function, int line);
+
+    void information(const QString& message, const QString& file, const QString& function, int line);
+    void error(const QString& message, const QString& file, const QString& function, int line);
+    void fatal(const QString& message, const QString& file, const QString& function, int line);
+
+    int handle() const { return m_handle; }
+
+private:
+    Q_DISABLE_COPY(CNBLoggerWrapper)
+
+    int m_handle = 0;
+};
+
+#define NB_LOG_AT(level, message)                                                                            \
+    CNBLoggerWrapper::instTransfer().level(                                                                  \
+        (message), QStringLiteral(__FILE__), QString::fromUtf8(__FUNCTION__), __LINE__)
+#define NB_LOG_INFO(message) NB_LOG_AT(information, message)
+#define NB_LOG_ERROR(message) NB_LOG_AT(error, message)
+#define NB_LOG_FATAL(message) NB_LOG_AT(fatal, message)

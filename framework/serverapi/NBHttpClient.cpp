@@ -1,0 +1,581 @@
+#include "NBHttpClient.h"
+
+#include "CNBLoggerWrapper.h"
+#include "NBHttpClientManager.h"
+#include "NBNetworkCookieJar.h"
+#include "NBReplyTimeout.h"
+
+#include <NBUtil.h>
+#include <QFile>
+#include <QHttpMultiPart>
+#include <QNetworkAccessManager>
+#include <QNetworkCookie>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QTextStream>
+
+namespace {
+const QString FormContentType = QStringLiteral("application/x-www-form-urlencoded;application/json");
+}
+
+RequestDispatcher::RequestDispatcher(const QString& url, QObject* parent)
+    : QObject(parent)
+    , m_url(url)
+    , m_manager(new QNetworkAccessManager(this))
+{
+}
+
+RequestDispatcher::~RequestDispatcher()
+{
+    releaseFile();
+    if (m_multipart) {
+        m_multipart->deleteLater();
+        m_multipart = nullptr;
+    }
+    if (m_reply) {
+        m_reply->disconnect();
+        m_reply->deleteLater();
+        m_reply = nullptr;
+    }
+    NB_LOG_INFO(QStringLiteral("~RequestDispatcher()"));
+}
+
+void RequestDispatcher::addParam(const QString& key, const QString& encodedValue)
+{
+    m_params.addQueryItem(key, encodedValue);
+}
+
+void RequestDispatcher::setHeader(const QString& key, const QString& value)
+{
+    for (auto& header : m_headers) {
+        if (header.first == key) {
+            header.second = value;
+            return;
+        }
+    }
+    m_headers.append({ key, value });
+}
+
+QString RequestDispatcher::header(const QString& key) const
+{
+    for (const auto& header : m_headers) {
+        if (header.first == key)
+            return header.second;
+    }
+    return QString();
+}
+
+bool RequestDispatcher::isRunning() const
+{
+    return m_reply && m_reply->isRunning();
+}
+
+QNetworkAccessManager* RequestDispatcher::getManager()
+{
+    NBHttpClientManager* registry = NBHttpClientManager::manager();
+    if (registry->proxyIsOpen()) {
+        if (registry->proxyAutoDetect()) {
+            m_manager->setProxy(NBUtil::getSystemProxy(m_url));
+        } else {
+            m_manager->setProxy(QNetworkProxy(QNetworkProxy::ProxyType(registry->proxyScheme()),
+                                              registry->proxyHostname(), registry->proxyPort(),
+                                              registry->proxyUser(), registry->proxyPassword()));
+        }
+    } else {
+        // Explicitly none, so that no system proxy applies either.
+        m_manager->setProxy(QNetworkProxy(QNetworkProxy::NoProxy, QString(), 0, QString(), QString()));
+    }
+    return m_manager;
+}
+
+QNetworkRequest RequestDispatcher::createRequest(NBHttpMethod method, bool followRedirects)
+{
+    m_manager->setCookieJar(new NBNetworkCookieJar);
+    if (method == GET && !m_params.isEmpty())
+        m_url += QLatin1Char('?') + m_params.query(QUrl::FullyEncoded);
+    NB_LOG_INFO(QStringLiteral("请求地址：%1").arg(m_url));
+
+    QString paramText = QStringLiteral("参数:\n");
+    for (const auto& item : m_params.queryItems(QUrl::FullyEncoded))
+        paramText += QStringLiteral("%1=%2\n").arg(item.first, item.second);
+    NB_LOG_INFO(paramText);
+
+    if (method != GET)
+        setHeader(QStringLiteral("Content-Type"), FormContentType);
+    else
+        setHeader(QStringLiteral("Accept"), QStringLiteral("*/*"));
+
+    QNetworkRequest request(QUrl(m_url, QUrl::TolerantMode));
+    QString headerText = QStringLiteral("Request Header:\n");
+    for (const auto& header : qAsConst(m_headers)) {
+        request.setRawHeader(header.first.toUtf8(), header.second.toUtf8());
+        headerText += QStringLiteral("%1 : %2 \n").arg(header.first, header.second);
+    }
+    NB_LOG_INFO(headerText);
+
+    // Following never goes from https to http.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy
+                                         : QNetworkRequest::ManualRedirectPolicy);
+    request.setMaximumRedirectsAllowed(5);
+    request.setSslConfiguration(NBHttpClientManager::manager()->sslConfig());
+    return request;
+}
+
+void RequestDispatcher::mergeCookies(QNetworkRequest& request, QNetworkAccessManager* manager)
+{
+    QNetworkCookieJar* jar = manager->cookieJar();
+    const QByteArray cookieHeader = request.rawHeader("Cookie");
+    if (!jar || cookieHeader.isEmpty())
+        return;
+
+    QUrl origin = request.url();
+    origin.setPath(QString());
+    QList<QNetworkCookie> cookies;
+    for (const QByteArray& part : cookieHeader.split(';')) {
+        if (part.isEmpty())
+            continue;
+        for (QNetworkCookie cookie : QNetworkCookie::parseCookies(part)) {
+            cookie.normalize(origin);
+            jar->insertCookie(cookie);
+            cookies.append(cookie);
+        }
+    }
+    const QString verifyCode = NBHttpClientManager::manager()->verifyCode();
+    if (!verifyCode.isEmpty())
+        cookies.append(QNetworkCookie(QByteArrayLiteral("S"), verifyCode.toUtf8()));
+    cookies += jar->cookiesForUrl(request.url());
+    request.setHeader(QNetworkRequest::CookieHeader, QVariant::fromValue(cookies));
+    jar->setCookiesFromUrl(cookies, request.url());
+}
+
+QByteArray RequestDispatcher::encodedParams() const
+{
+    return m_params.query(QUrl::FullyEncoded).toUtf8();
+}
+
+void RequestDispatcher::start(NBCompletionCallback callback, bool followRedirects)
+{
+    QNetworkAccessManager* manager = getManager();
+    QNetworkRequest request = createRequest(m_method, followRedirects);
+    mergeCookies(request, manager);
+
+    QNetworkReply* reply = nullptr;
+    switch (m_method) {
+    case GET:
+        reply = manager->get(request);
+        break;
+    case POST:
+        reply = manager->post(request, encodedParams());
+        break;
+    case PUT:
+        reply = manager->put(request, encodedParams());
+        break;
+    case DELETE:
+        reply = manager->deleteResource(request);
+        break;
+    default:
+        NB_LOG_ERROR(QStringLiteral("不支持的请求方法: %1，请求未发送").arg(int(m_method)));
+        break;
+    }
+    handleResopnse({}, {}, {}, std::move(callback), reply, manager);
+}
+
+void RequestDispatcher::download(NBDataCallback data, NBDownloadProgressCallback progress,
+                                 NBCompletionCallback completion)
+{
+    streamDownload(GET, std::move(data), std::move(progress), std::move(completion));
+}
+
+void RequestDispatcher::downloadUsePost(NBDataCallback data, NBDownloadProgressCallback progress,
+                                        NBCompletionCallback completion)
+{
+    streamDownload(POST, std::move(data), std::move(progress), std::move(completion));
+}
+
+void RequestDispatcher::streamDownload(NBHttpMethod method, NBDataCallback data, NBDownloadProgressCallback progress,
+                                       NBCompletionCallback completion)
+{
+    QNetworkAccessManager* manager = getManager();
+    QNetworkRequest request = createRequest(method, true);
+    mergeCookies(request, manager);
+    QNetworkReply* reply = method == POST ? manager->post(request, encodedParams()) : manager->get(request);
+    // Only a consumer that drains every piece may cap the read-ahead; otherwise the
+    // body waits in the reply until the end.
+    if (data)
+        reply->setReadBufferSize(ReadAheadLimit);
+    handleResopnse(std::move(data), {}, std::move(progress), std::move(completion), reply, manager);
+}
+
+void RequestDispatcher::download(const QString& filePath, NBDownloadProgressCallback progress,
+                                 NBCompletionCallback completion)
+{
+    m_file = new QFile(filePath);
+    if (!m_file->open(QIODevice::WriteOnly)) {
+        NB_LOG_INFO(QStringLiteral("打开文件出错: %1").arg(filePath));
+        const ResponseData failure = fileErrorData(*m_file);
+        completion(failure);
+        releaseFile();
+        return;
+    }
+    m_receivedLimit = FileDownloadBodyLimit;
+    streamDownload(
+        GET, [this](const QByteArray& piece) { writeToFile(piece); }, std::move(progress),
+        [this, completion](const ResponseData& response) {
+            ResponseData result = response;
+            finishFile(result);
+            completion(result);
+        });
+}
+
+void RequestDispatcher::writeToFile(const QByteArray& piece)
+{
+    if (!m_file)
+        return;
+    const qint64 written = m_file->write(piece);
+    if (written == -1 || written < piece.size()) {
+        NB_LOG_FATAL(QStringLiteral("写入文件出错: %1  error:%2 msg:%3")
+                         .arg(m_file->fileName())
+                         .arg(m_file->error())
+                         .arg(m_file->errorString()));
+    }
+}
+
+void RequestDispatcher::finishFile(ResponseData& response)
+{
+    // After a time-out the file is already closed when the aborted reply completes.
+    if (!m_file)
+        return;
+    const QString path = m_file->fileName();
+    // Flushing first, so that a failure of the last buffered bytes surfaces too.
+    m_file->flush();
+    if (m_file->error() != QFileDevice::NoError) {
+        response.body = response.errorString = m_file->errorString();
+        response.statusCode = response.networkError = m_file->error();
+        NB_LOG_FATAL(QStringLiteral("下载文件出错: %1  error:%2 msg:%3")
+                         .arg(path)
+                         .arg(m_file->error())
+                         .arg(m_file->errorString()));
+    }
+    releaseFile();
+    if (m_debug)
+        NB_LOG_INFO(QStringLiteral("下载完成，保存到: %1").arg(path));
+}
+
+void RequestDispatcher::releaseFile()
+{
+    if (!m_file)
+        return;
+    m_file->flush();
+    m_file->close();
+    m_file->deleteLater();
+    m_file = nullptr;
+}
+
+void RequestDispatcher::upload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
+                               NBCompletionCallback completion)
+{
+    QNetworkAccessManager* manager = getManager();
+    QNetworkRequest request = createRequest(POST, true);
+    QNetworkReply* reply = nullptr;
+    if (!filePath.isEmpty()) {
+        m_file = new QFile(filePath);
+        if (!m_file->open(QIODevice::ReadOnly)) {
+            NB_LOG_INFO(QStringLiteral("打开文件失败[%1]: %2").arg(filePath, m_file->errorString()));
+            completion(fileErrorData(*m_file));
+            return;
+        }
+        request.setHeader(QNetworkRequest::ContentLengthHeader, m_file->size());
+        reply = manager->post(request, m_file);
+    } else {
+        request.setHeader(QNetworkRequest::ContentLengthHeader, data.size());
+        reply = manager->post(request, data);
+    }
+    handleResopnse({}, std::move(progress), {}, std::move(completion), reply, manager);
+}
+
+void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& data,
+                                    NBUploadProgressCallback progress, NBCompletionCallback completion)
+{
+    QNetworkAccessManager* manager = getManager();
+    m_multipart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+    for (const auto& item : m_params.queryItems(QUrl::FullyDecoded)) {
+        QHttpPart part;
+        part.setRawHeader("Content-Disposition", QStringLiteral("form-data; name=\"%1\"").arg(item.first).toUtf8());
+        part.setBody(item.second.toUtf8());
+        m_multipart->append(part);
+    }
+
+    QHttpPart filePart;
+    if (!filePath.isEmpty()) {
+        auto* file = new QFile(filePath, m_multipart);
+        if (!file->open(QIODevice::ReadOnly)) {
+            NB_LOG_INFO(QStringLiteral("打开文件失败[%1]: %2").arg(filePath, file->errorString()));
+            completion(fileErrorData(*file));
+            return;
+        }
+        filePart.setRawHeader("Content-Disposition",
+                              QStringLiteral("form-data; name=\"file\"; filename=\"%1\"").arg(filePath).toUtf8());
+        filePart.setHeader(QNetworkRequest::ContentLengthHeader, file->size());
+        filePart.setBodyDevice(file);
+    } else {
+        filePart.setRawHeader("Content-Disposition", "form-data; name=\"file\"; filename=\"no-name\"");
+        filePart.setHeader(QNetworkRequest::ContentLengthHeader, data.size());
+        filePart.setBody(data);
+    }
+    m_multipart->append(filePart);
+
+    // The request keeps the fixed form Content-Type, so the boundary is not announced
+    // in a header; the body still carries every part between its boundary lines.
+    QNetworkRequest request = createRequest(POST, true);
+    QNetworkReply* reply = manager->post(request, m_multipart);
+    handleResopnse({}, std::move(progress), {}, std::move(completion), reply, manager);
+}
+
+void RequestDispatcher::cancel()
+{
+    if (m_reply)
+        m_reply->close();
+}
+
+void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProgressCallback uploadProgress,
+                                       NBDownloadProgressCallback downloadProgress, NBCompletionCallback completion,
+                                       QNetworkReply* reply, QNetworkAccessManager* manager)
+{
+    m_reply = reply;
+    if (!reply)
+        return;
+
+    auto* timeout = new NBReplyTimeout(reply, InactivityInterval);
+    connect(timeout, &NBReplyTimeout::timeout, this, [this, completion, reply, manager] {
+        NB_LOG_FATAL(QStringLiteral("触发超时"));
+        handleTimeout(completion, reply, manager);
+    });
+    connect(this, &RequestDispatcher::signalCancel, reply, &QNetworkReply::abort);
+    connect(reply, &QNetworkReply::finished, this, [this, completion, reply, manager] {
+        NB_LOG_FATAL(QStringLiteral("请求结束"));
+        handleFinish(completion, reply, manager);
+    });
+    connect(reply, &QNetworkReply::redirected, this,
+            [](const QUrl& url) { NB_LOG_FATAL(QStringLiteral("[重定向]请求url: %1").arg(url.toString())); });
+    connect(reply, &QNetworkReply::readyRead, this, [this, dataCallback, reply] {
+        if (!dataCallback)
+            return;
+        const QByteArray piece = reply->readAll();
+        keepReceived(piece);
+        dataCallback(piece);
+    });
+    connect(reply, &QNetworkReply::errorOccurred, this, [reply](QNetworkReply::NetworkError code) {
+        NB_LOG_FATAL(QStringLiteral("QNetworkReply错误码: %1 原因:%2").arg(int(code)).arg(reply->errorString()));
+    });
+    connect(reply, &QNetworkReply::downloadProgress, this, [downloadProgress](qint64 received, qint64 total) {
+        if (downloadProgress)
+            downloadProgress(DownloadProgressData { received, total });
+    });
+    connect(reply, &QNetworkReply::uploadProgress, this, [uploadProgress](qint64 sent, qint64 total) {
+        if (uploadProgress)
+            uploadProgress(UploadProgressData { sent, total });
+    });
+}
+
+void RequestDispatcher::handleFinish(const NBCompletionCallback& completion, QNetworkReply* reply,
+                                     QNetworkAccessManager* manager)
+{
+    complete(completion, reply, manager, reply->errorString(), reply->error());
+}
+
+void RequestDispatcher::handleTimeout(const NBCompletionCallback& completion, QNetworkReply* reply,
+                                      QNetworkAccessManager* manager)
+{
+    complete(completion, reply, manager, QStringLiteral("TimeOut"), QNetworkReply::TimeoutError);
+}
+
+void RequestDispatcher::complete(const NBCompletionCallback& completion, QNetworkReply* reply,
+                                 QNetworkAccessManager* manager, const QString& errorText, int errorCode)
+{
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const QString body = readReply(reply, "UTF-8");
+    QHash<QByteArray, QByteArray> headers;
+    for (const QByteArray& name : reply->rawHeaderList())
+        headers.insert(name, reply->rawHeader(name));
+    LogFinished(body, reply, manager);
+    completion(respData(body, headers, errorText, status, errorCode));
+}
+
+QString RequestDispatcher::readReply(QNetworkReply* reply, const char* codecName)
+{
+    // Lines are joined without their terminators: replies are JSON, which does not mind.
+    QString text;
+    if (reply->isReadable()) {
+        QTextStream stream(reply);
+        stream.setCodec(codecName);
+        while (!stream.atEnd())
+            text += stream.readLine();
+    }
+    if (text.isEmpty()) {
+        text = QString::fromUtf8(m_received);
+        m_received.clear();
+    }
+    return text;
+}
+
+void RequestDispatcher::keepReceived(const QByteArray& piece)
+{
+    if (m_receivedComplete)
+        return;
+    int length = piece.indexOf('\0');
+    if (length >= 0)
+        m_receivedComplete = true;
+    else
+        length = piece.size();
+    if (m_receivedLimit >= 0 && m_received.size() + length >= m_receivedLimit) {
+        length = m_receivedLimit - m_received.size();
+        m_receivedComplete = true;
+    }
+    m_received.append(piece.constData(), length);
+}
+
+ResponseData RequestDispatcher::respData(const QString& body, const QHash<QByteArray, QByteArray>& headers,
+                                         const QString& errorText, int status, int errorCode)
+{
+    ResponseData response;
+    response.body = body;
+    response.headers = headers;
+    response.errorString = errorText;
+    response.statusCode = status;
+    response.networkError = errorCode;
+    return response;
+}
+
+ResponseData RequestDispatcher::fileErrorData(const QFileDevice& file)
+{
+    return respData(QString(), {}, file.errorString(), file.error(), file.error());
+}
+
+void RequestDispatcher::LogFinished(const QString& body, QNetworkReply* reply, QNetworkAccessManager* manager)
+{
+    Q_UNUSED(body)
+    NB_LOG_INFO(QStringLiteral("处理响应数据"));
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const int errorCode = reply->error();
+    if (status < 200 || status > 299) {
+        const QString reason = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
+        NB_LOG_ERROR(QStringLiteral("request error. [status]") + QStringLiteral("%1, [reason]").arg(status)
+                     + QStringLiteral("%2, [msg]").arg(reason) + reply->errorString() + QStringLiteral(", [url]")
+                     + reply->url().toString() + QStringLiteral("[network code] %1").arg(errorCode));
+    } else if (errorCode != QNetworkReply::NoError) {
+        NB_LOG_ERROR(QStringLiteral("status code: %1 %2").arg(errorCode).arg(reply->errorString()));
+    }
+
+    QString cookieText = QStringLiteral("Cookie:\n");
+    if (QNetworkCookieJar* jar = manager->cookieJar()) {
+        for (const QNetworkCookie& cookie : jar->cookiesForUrl(reply->url()))
+            cookieText += QStringLiteral("%1 : %2\n").arg(QString::fromUtf8(cookie.name()),
+                                                          QString::fromUtf8(cookie.value()));
+    }
+    NB_LOG_INFO(cookieText);
+
+    QString headerText = QStringLiteral("Header:\n");
+    for (const auto& header : reply->rawHeaderPairs())
+        headerText += QStringLiteral("%1:%2\n").arg(QString::fromUtf8(header.first), QString::fromUtf8(header.second));
+    NB_LOG_INFO(headerText);
+
+    if (errorCode != QNetworkReply::NoError)
+        NB_LOG_ERROR(QStringLiteral("[失败] 请求结束: %1").arg(reply->errorString()));
+}
+
+NBHttpClient::NBHttpClient(const QString& url)
+    : m_dispatcher(new RequestDispatcher(url))
+{
+}
+
+NBHttpClient::~NBHttpClient()
+{
+    m_dispatcher->deleteLater();
+    NB_LOG_INFO(QStringLiteral("~NBHttpClient()"));
+}
+
+void NBHttpClient::param(const QString& key, const QString& value)
+{
+    m_dispatcher->addParam(key, QString::fromLatin1(QUrl::toPercentEncoding(value)));
+}
+
+void NBHttpClient::header(const QString& key, const QString& value)
+{
+    m_dispatcher->setHeader(key, value);
+}
+
+void NBHttpClient::httpMethod(NBHttpMethod method)
+{
+    m_dispatcher->setMethod(method);
+}
+
+NBHttpMethod NBHttpClient::method() const
+{
+    return m_dispatcher->method();
+}
+
+void NBHttpClient::setUrl(QString url)
+{
+    m_dispatcher->setUrl(url);
+}
+
+QString NBHttpClient::url() const
+{
+    return m_dispatcher->url();
+}
+
+void NBHttpClient::debug(bool debug)
+{
+    m_dispatcher->setDebug(debug);
+}
+
+// The forwarding calls below may complete the request before they return, and the
+// completion may destroy this handle: none of them touches the handle afterwards.
+
+void NBHttpClient::request(NBCompletionCallback callback, bool followRedirects)
+{
+    m_dispatcher->start(std::move(callback), followRedirects);
+}
+
+void NBHttpClient::download(const QString& filePath, NBDownloadProgressCallback progress,
+                            NBCompletionCallback completion)
+{
+    m_dispatcher->download(filePath, std::move(progress), std::move(completion));
+}
+
+void NBHttpClient::download(NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
+{
+    m_dispatcher->download(std::move(data), std::move(progress), std::move(completion));
+}
+
+void NBHttpClient::downloadUsePost(NBDataCallback data, NBDownloadProgressCallback progress,
+                                   NBCompletionCallback completion)
+{
+    m_dispatcher->downloadUsePost(std::move(data), std::move(progress), std::move(completion));
+}
+
+void NBHttpClient::upload(const QString& filePath, NBUploadProgressCallback progress, NBCompletionCallback completion)
+{
+    m_dispatcher->upload(filePath, QByteArray(), std::move(progress), std::move(completion));
+}
+
+void NBHttpClient::upload(const QByteArray& data, NBUploadProgressCallback progress, NBCompletionCallback completion)
+{
+    m_dispatcher->upload(QString(), data, std::move(progress), std::move(completion));
+}
+
+void NBHttpClient::mulitUpload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
+                               NBCompletionCallback completion)
+{
+    m_dispatcher->mulitUpload(filePath, data, std::move(progress), std::move(completion));
+}
+
+void NBHttpClient::cancel()
+{
+    RequestDispatcher* dispatcher = m_dispatcher;
+    if (!dispatcher || !dispatcher->isRunning())
+        return;
+    NB_LOG_FATAL(QStringLiteral("请求取消 %1").arg(dispatcher->url()));
+    dispatcher->cancel();
+}

@@ -1,0 +1,108 @@
+#include "NBHttpClientManager.h"
+
+#include "CNBLoggerWrapper.h"
+#include "NBHttpClient.h"
+
+#include <QNetworkAccessManager>
+#include <QTime>
+#include <cstdlib>
+
+NBHttpClientManager* NBHttpClientManager::manager()
+{
+    static NBHttpClientManager* instance = new NBHttpClientManager;
+    return instance;
+}
+
+NBHttpClientManager::NBHttpClientManager()
+    : m_networkMgr(new QNetworkAccessManager)
+    , m_sslConfig(QSslConfiguration::defaultConfiguration())
+{
+    // No server certificate is verified by any request.
+    m_sslConfig.setPeerVerifyMode(QSslSocket::VerifyNone);
+    NB_LOG_FATAL(QStringLiteral("设置QNetworkAccessManager"));
+}
+
+NBHttpClientManager::~NBHttpClientManager()
+{
+    // Handles still registered belong to requests in flight; they are not destroyed here.
+    m_clients.clear();
+    delete m_networkMgr;
+}
+
+long long NBHttpClientManager::createHttpClientHandle(NBHttpClient* client)
+{
+    // Identifiers are small random numbers, reseeded from the clock on every call; two
+    // handles of the same millisecond draw the same first value, and the loop below
+    // is what keeps identifiers distinct.
+    const QTime now = QTime::currentTime();
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    qsrand(uint(now.second() * 1000 + now.msec()));
+    QMutexLocker lock(&m_mutex);
+    long long id;
+    do {
+        id = qrand();
+    } while (m_clients.contains(id));
+    QT_WARNING_POP
+    m_clients.insert(id, client);
+    return id;
+}
+
+NBHttpClient* NBHttpClientManager::getHttpClient(long long id)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_clients.value(id, nullptr);
+}
+
+void NBHttpClientManager::destroy(long long id)
+{
+    QMutexLocker lock(&m_mutex);
+    auto it = m_clients.find(id);
+    if (it == m_clients.end())
+        return;
+    delete it.value();
+    m_clients.erase(it);
+}
+
+void NBHttpClientManager::cancelHttpClient(long long id)
+{
+    NBHttpClient* client = getHttpClient(id);
+    if (!client)
+        return;
+    NB_LOG_FATAL(QStringLiteral("取消请求ID %1").arg(id));
+    client->cancel();
+}
+
+QSslConfiguration NBHttpClientManager::sslConfig() const
+{
+    return m_sslConfig;
+}
+
+void NBHttpClientManager::proxy(bool autoDetect, int scheme, const QString& host, unsigned short port,
+                                const QString& user, const QString& password, bool open)
+{
+    QMutexLocker lock(&m_settingsMutex);
+    m_proxyAutoDetect = autoDetect;
+    m_proxyScheme = scheme;
+    m_proxyHostname = host;
+    m_proxyPort = port;
+    m_proxyUser = user;
+    m_proxyPassword = password;
+    m_proxyIsOpen = open;
+}
+
+void NBHttpClientManager::setVerifyCodeSource(std::function<QString()> source)
+{
+    QMutexLocker lock(&m_settingsMutex);
+    m_verifyCodeSource = std::move(source);
+}
+
+QString NBHttpClientManager::verifyCode() const
+{
+    std::function<QString()> source;
+    {
+        QMutexLocker lock(&m_settingsMutex);
+        source = m_verifyCodeSource;
+    }
+    return source ? source() : QString();
+}

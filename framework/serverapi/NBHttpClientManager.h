@@ -1,0 +1,89 @@
+// The process-wide registry of live client handles, keyed by the identifiers
+// that operations return, and the network settings every request reads.
+#pragma once
+
+#include <QMap>
+#include <QMutex>
+#include <QSslConfiguration>
+#include <QString>
+#include <functional>
+
+class NBHttpClient;
+class QNetworkAccessManager;
+
+class NBHttpClientManager
+{
+public:
+    // Created on first call, never destroyed. The first call must happen before
+    // requests run on several threads.
+    static NBHttpClientManager* manager();
+
+    // Registers the handle (the registry owns it from now on) under a fresh identifier.
+    long long createHttpClientHandle(NBHttpClient* client);
+    NBHttpClient* getHttpClient(long long id);
+    // Destroys the handle and forgets the identifier; unknown identifiers are ignored.
+    void destroy(long long id);
+    // Closes the request's reply if it is running: its completion follows inside this call
+    // with network error 5. The handle stays registered. Call it on the request's thread.
+    void cancelHttpClient(long long id);
+
+    QSslConfiguration sslConfig() const;
+    QNetworkAccessManager* networkMgr() const { return m_networkMgr; }
+
+    void proxy(bool autoDetect, int scheme, const QString& host, unsigned short port, const QString& user,
+               const QString& password, bool open);
+    void setProxyScheme(int scheme) { write(m_proxyScheme, scheme); }
+    void setProxyHostname(const QString& host) { write(m_proxyHostname, host); }
+    void setProxyPort(unsigned short port) { write(m_proxyPort, port); }
+    void setProxyUser(const QString& user) { write(m_proxyUser, user); }
+    void setProxyPassword(const QString& password) { write(m_proxyPassword, password); }
+    void setProxyAutoDetect(bool autoDetect) { write(m_proxyAutoDetect, autoDetect); }
+    void proxySwitch(bool open) { write(m_proxyIsOpen, open); }
+    int proxyScheme() const { return read(m_proxyScheme); }
+    QString proxyHostname() const { return read(m_proxyHostname); }
+    unsigned short proxyPort() const { return read(m_proxyPort); }
+    QString proxyUser() const { return read(m_proxyUser); }
+    QString proxyPassword() const { return read(m_proxyPassword); }
+    bool proxyAutoDetect() const { return read(m_proxyAutoDetect); }
+    bool proxyIsOpen() const { return read(m_proxyIsOpen); }
+
+    // Where requests read the private-server verification code that rides as cookie "S".
+    // The facade installs its source; without one the code is empty.
+    void setVerifyCodeSource(std::function<QString()> source);
+    QString verifyCode() const;
+
+private:
+    template<typename T>
+    T read(const T& setting) const
+    {
+        QMutexLocker lock(&m_settingsMutex);
+        return setting;
+    }
+    template<typename T>
+    void write(T& setting, const T& value)
+    {
+        QMutexLocker lock(&m_settingsMutex);
+        setting = value;
+    }
+
+    NBHttpClientManager();
+    ~NBHttpClientManager();
+    Q_DISABLE_COPY(NBHttpClientManager)
+
+    QNetworkAccessManager* m_networkMgr;
+    QSslConfiguration m_sslConfig;
+
+    // Proxy settings and the verification code source, under their own lock.
+    mutable QMutex m_settingsMutex;
+    int m_proxyScheme = 3;
+    QString m_proxyHostname;
+    QString m_proxyUser;
+    QString m_proxyPassword;
+    unsigned short m_proxyPort = 0;
+    bool m_proxyAutoDetect = true;
+    bool m_proxyIsOpen = false;
+    std::function<QString()> m_verifyCodeSource;
+
+    QMutex m_mutex;
+    QMap<long long, NBHttpClient*> m_clients;
+};

@@ -9,8 +9,8 @@ namespace {
 
 QString moduleFileName(CNBLoggerWrapper::ModuleName module)
 {
-    static const char* const names[] = { "Login.log",    "Main.log",  "Monitor.log",  "LocalEdit.log", "Cef.log",
-                                         "Sync.log",     "TransMgr.log", "Transfer.log", "DB.log",        "Upgrade.log" };
+    static const char* const names[] = { "Login.log", "Main.log", "Monitor.log", "LocalEdit.log", "Cef.log",
+        "Sync.log", "TransMgr.log", "Transfer.log", "DB.log", "Upgrade.log" };
     const int index = static_cast<int>(module);
     if (index < 0 || index >= int(sizeof(names) / sizeof(names[0])))
         return QString();
@@ -57,8 +57,8 @@ QString CNBLoggerWrapper::getLogPathName(ModuleName module)
     return dir.absoluteFilePath(moduleFileName(module));
 }
 
-QString CNBLoggerWrapper::formatMessage(const QString& message, const QString& fileName, const QString& function,
-                                        int line)
+QString CNBLoggerWrapper::formatMessage(
+    const QString& message, const QString& fileName, const QString& function, int line)
 {
     return QStringLiteral("[%1][%2][%3]: %4")
         .arg(fileName, 0, QLatin1Char(' '))
@@ -67,7 +67,8 @@ QString CNBLoggerWrapper::formatMessage(const QString& message, const QString& f
         .arg(message, 0, QLatin1Char(' '));
 }
 
-void CNBLoggerWrapper::information(const QString& message, const QString& file, const QString& function, int line)
+void CNBLoggerWrapper::information(
+    const QString& message, const QString& file, const QString& function, int line)
 {
     QtNBLogger::information(m_handle, formatMessage(message, QFileInfo(file).fileName(), function, line));
 }

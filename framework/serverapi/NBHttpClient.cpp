@@ -77,9 +77,9 @@ QNetworkAccessManager* RequestDispatcher::getManager()
         if (registry->proxyAutoDetect()) {
             m_manager->setProxy(NBUtil::getSystemProxy(m_url));
         } else {
-            m_manager->setProxy(QNetworkProxy(QNetworkProxy::ProxyType(registry->proxyScheme()),
-                                              registry->proxyHostname(), registry->proxyPort(),
-                                              registry->proxyUser(), registry->proxyPassword()));
+            m_manager->setProxy(
+                QNetworkProxy(QNetworkProxy::ProxyType(registry->proxyScheme()), registry->proxyHostname(),
+                    registry->proxyPort(), registry->proxyUser(), registry->proxyPassword()));
         }
     } else {
         // Explicitly none, so that no system proxy applies either.
@@ -115,8 +115,7 @@ QNetworkRequest RequestDispatcher::createRequest(NBHttpMethod method, bool follo
 
     // Following never goes from https to http.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy
-                                         : QNetworkRequest::ManualRedirectPolicy);
+        followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy : QNetworkRequest::ManualRedirectPolicy);
     request.setMaximumRedirectsAllowed(5);
     request.setSslConfiguration(NBHttpClientManager::manager()->sslConfig());
     return request;
@@ -181,20 +180,20 @@ void RequestDispatcher::start(NBCompletionCallback callback, bool followRedirect
     handleResopnse({}, {}, {}, std::move(callback), reply, manager);
 }
 
-void RequestDispatcher::download(NBDataCallback data, NBDownloadProgressCallback progress,
-                                 NBCompletionCallback completion)
+void RequestDispatcher::download(
+    NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
     streamDownload(GET, std::move(data), std::move(progress), std::move(completion));
 }
 
-void RequestDispatcher::downloadUsePost(NBDataCallback data, NBDownloadProgressCallback progress,
-                                        NBCompletionCallback completion)
+void RequestDispatcher::downloadUsePost(
+    NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
     streamDownload(POST, std::move(data), std::move(progress), std::move(completion));
 }
 
-void RequestDispatcher::streamDownload(NBHttpMethod method, NBDataCallback data, NBDownloadProgressCallback progress,
-                                       NBCompletionCallback completion)
+void RequestDispatcher::streamDownload(NBHttpMethod method, NBDataCallback data,
+    NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
     QNetworkAccessManager* manager = getManager();
     QNetworkRequest request = createRequest(method, true);
@@ -207,8 +206,8 @@ void RequestDispatcher::streamDownload(NBHttpMethod method, NBDataCallback data,
     handleResopnse(std::move(data), {}, std::move(progress), std::move(completion), reply, manager);
 }
 
-void RequestDispatcher::download(const QString& filePath, NBDownloadProgressCallback progress,
-                                 NBCompletionCallback completion)
+void RequestDispatcher::download(
+    const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
     m_file = new QFile(filePath);
     if (!m_file->open(QIODevice::WriteOnly)) {
@@ -272,8 +271,8 @@ void RequestDispatcher::releaseFile()
     m_file = nullptr;
 }
 
-void RequestDispatcher::upload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
-                               NBCompletionCallback completion)
+void RequestDispatcher::upload(const QString& filePath, const QByteArray& data,
+    NBUploadProgressCallback progress, NBCompletionCallback completion)
 {
     QNetworkAccessManager* manager = getManager();
     QNetworkRequest request = createRequest(POST, true);
@@ -295,13 +294,14 @@ void RequestDispatcher::upload(const QString& filePath, const QByteArray& data, 
 }
 
 void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& data,
-                                    NBUploadProgressCallback progress, NBCompletionCallback completion)
+    NBUploadProgressCallback progress, NBCompletionCallback completion)
 {
     QNetworkAccessManager* manager = getManager();
     m_multipart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
     for (const auto& item : m_params.queryItems(QUrl::FullyDecoded)) {
         QHttpPart part;
-        part.setRawHeader("Content-Disposition", QStringLiteral("form-data; name=\"%1\"").arg(item.first).toUtf8());
+        part.setRawHeader(
+            "Content-Disposition", QStringLiteral("form-data; name=\"%1\"").arg(item.first).toUtf8());
         part.setBody(item.second.toUtf8());
         m_multipart->append(part);
     }
@@ -315,7 +315,7 @@ void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& d
             return;
         }
         filePart.setRawHeader("Content-Disposition",
-                              QStringLiteral("form-data; name=\"file\"; filename=\"%1\"").arg(filePath).toUtf8());
+            QStringLiteral("form-data; name=\"file\"; filename=\"%1\"").arg(filePath).toUtf8());
         filePart.setHeader(QNetworkRequest::ContentLengthHeader, file->size());
         filePart.setBodyDevice(file);
     } else {
@@ -339,8 +339,8 @@ void RequestDispatcher::cancel()
 }
 
 void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProgressCallback uploadProgress,
-                                       NBDownloadProgressCallback downloadProgress, NBCompletionCallback completion,
-                                       QNetworkReply* reply, QNetworkAccessManager* manager)
+    NBDownloadProgressCallback downloadProgress, NBCompletionCallback completion, QNetworkReply* reply,
+    QNetworkAccessManager* manager)
 {
     m_reply = reply;
     if (!reply)
@@ -357,7 +357,7 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
         handleFinish(completion, reply, manager);
     });
     connect(reply, &QNetworkReply::redirected, this,
-            [](const QUrl& url) { NB_LOG_FATAL(QStringLiteral("[重定向]请求url: %1").arg(url.toString())); });
+        [](const QUrl& url) { NB_LOG_FATAL(QStringLiteral("[重定向]请求url: %1").arg(url.toString())); });
     connect(reply, &QNetworkReply::readyRead, this, [this, dataCallback, reply] {
         if (!dataCallback)
             return;
@@ -366,7 +366,8 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
         dataCallback(piece);
     });
     connect(reply, &QNetworkReply::errorOccurred, this, [reply](QNetworkReply::NetworkError code) {
-        NB_LOG_FATAL(QStringLiteral("QNetworkReply错误码: %1 原因:%2").arg(int(code)).arg(reply->errorString()));
+        NB_LOG_FATAL(
+            QStringLiteral("QNetworkReply错误码: %1 原因:%2").arg(int(code)).arg(reply->errorString()));
     });
     connect(reply, &QNetworkReply::downloadProgress, this, [downloadProgress](qint64 received, qint64 total) {
         if (downloadProgress)
@@ -378,20 +379,20 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
     });
 }
 
-void RequestDispatcher::handleFinish(const NBCompletionCallback& completion, QNetworkReply* reply,
-                                     QNetworkAccessManager* manager)
+void RequestDispatcher::handleFinish(
+    const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager)
 {
     complete(completion, reply, manager, reply->errorString(), reply->error());
 }
 
-void RequestDispatcher::handleTimeout(const NBCompletionCallback& completion, QNetworkReply* reply,
-                                      QNetworkAccessManager* manager)
+void RequestDispatcher::handleTimeout(
+    const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager)
 {
     complete(completion, reply, manager, QStringLiteral("TimeOut"), QNetworkReply::TimeoutError);
 }
 
 void RequestDispatcher::complete(const NBCompletionCallback& completion, QNetworkReply* reply,
-                                 QNetworkAccessManager* manager, const QString& errorText, int errorCode)
+    QNetworkAccessManager* manager, const QString& errorText, int errorCode)
 {
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     const QString body = readReply(reply, "UTF-8");
@@ -436,7 +437,7 @@ void RequestDispatcher::keepReceived(const QByteArray& piece)
 }
 
 ResponseData RequestDispatcher::respData(const QString& body, const QHash<QByteArray, QByteArray>& headers,
-                                         const QString& errorText, int status, int errorCode)
+    const QString& errorText, int status, int errorCode)
 {
     ResponseData response;
     response.body = body;
@@ -461,8 +462,8 @@ void RequestDispatcher::LogFinished(const QString& body, QNetworkReply* reply, Q
     if (status < 200 || status > 299) {
         const QString reason = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
         NB_LOG_ERROR(QStringLiteral("request error. [status]") + QStringLiteral("%1, [reason]").arg(status)
-                     + QStringLiteral("%2, [msg]").arg(reason) + reply->errorString() + QStringLiteral(", [url]")
-                     + reply->url().toString() + QStringLiteral("[network code] %1").arg(errorCode));
+            + QStringLiteral("%2, [msg]").arg(reason) + reply->errorString() + QStringLiteral(", [url]")
+            + reply->url().toString() + QStringLiteral("[network code] %1").arg(errorCode));
     } else if (errorCode != QNetworkReply::NoError) {
         NB_LOG_ERROR(QStringLiteral("status code: %1 %2").arg(errorCode).arg(reply->errorString()));
     }
@@ -470,14 +471,15 @@ void RequestDispatcher::LogFinished(const QString& body, QNetworkReply* reply, Q
     QString cookieText = QStringLiteral("Cookie:\n");
     if (QNetworkCookieJar* jar = manager->cookieJar()) {
         for (const QNetworkCookie& cookie : jar->cookiesForUrl(reply->url()))
-            cookieText += QStringLiteral("%1 : %2\n").arg(QString::fromUtf8(cookie.name()),
-                                                          QString::fromUtf8(cookie.value()));
+            cookieText += QStringLiteral("%1 : %2\n")
+                              .arg(QString::fromUtf8(cookie.name()), QString::fromUtf8(cookie.value()));
     }
     NB_LOG_INFO(cookieText);
 
     QString headerText = QStringLiteral("Header:\n");
     for (const auto& header : reply->rawHeaderPairs())
-        headerText += QStringLiteral("%1:%2\n").arg(QString::fromUtf8(header.first), QString::fromUtf8(header.second));
+        headerText += QStringLiteral("%1:%2\n").arg(
+            QString::fromUtf8(header.first), QString::fromUtf8(header.second));
     NB_LOG_INFO(headerText);
 
     if (errorCode != QNetworkReply::NoError)
@@ -538,35 +540,38 @@ void NBHttpClient::request(NBCompletionCallback callback, bool followRedirects)
     m_dispatcher->start(std::move(callback), followRedirects);
 }
 
-void NBHttpClient::download(const QString& filePath, NBDownloadProgressCallback progress,
-                            NBCompletionCallback completion)
+void NBHttpClient::download(
+    const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
     m_dispatcher->download(filePath, std::move(progress), std::move(completion));
 }
 
-void NBHttpClient::download(NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
+void NBHttpClient::download(
+    NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
     m_dispatcher->download(std::move(data), std::move(progress), std::move(completion));
 }
 
-void NBHttpClient::downloadUsePost(NBDataCallback data, NBDownloadProgressCallback progress,
-                                   NBCompletionCallback completion)
+void NBHttpClient::downloadUsePost(
+    NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
     m_dispatcher->downloadUsePost(std::move(data), std::move(progress), std::move(completion));
 }
 
-void NBHttpClient::upload(const QString& filePath, NBUploadProgressCallback progress, NBCompletionCallback completion)
+void NBHttpClient::upload(
+    const QString& filePath, NBUploadProgressCallback progress, NBCompletionCallback completion)
 {
     m_dispatcher->upload(filePath, QByteArray(), std::move(progress), std::move(completion));
 }
 
-void NBHttpClient::upload(const QByteArray& data, NBUploadProgressCallback progress, NBCompletionCallback completion)
+void NBHttpClient::upload(
+    const QByteArray& data, NBUploadProgressCallback progress, NBCompletionCallback completion)
 {
     m_dispatcher->upload(QString(), data, std::move(progress), std::move(completion));
 }
 
-void NBHttpClient::mulitUpload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
-                               NBCompletionCallback completion)
+void NBHttpClient::mulitUpload(const QString& filePath, const QByteArray& data,
+    NBUploadProgressCallback progress, NBCompletionCallback completion)
 {
     m_dispatcher->mulitUpload(filePath, data, std::move(progress), std::move(completion));
 }

@@ -52,13 +52,15 @@ public:
     bool isRunning() const;
 
     void start(NBCompletionCallback callback, bool followRedirects);
-    void download(const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion);
+    void download(
+        const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion);
     void download(NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion);
-    void downloadUsePost(NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion);
+    void downloadUsePost(
+        NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion);
     void upload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
-                NBCompletionCallback completion);
+        NBCompletionCallback completion);
     void mulitUpload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
-                     NBCompletionCallback completion);
+        NBCompletionCallback completion);
     // Closes the reply; its completion (error 5) runs inside this call.
     void cancel();
 
@@ -71,18 +73,19 @@ private:
     void mergeCookies(QNetworkRequest& request, QNetworkAccessManager* manager);
     QByteArray encodedParams() const;
     void streamDownload(NBHttpMethod method, NBDataCallback data, NBDownloadProgressCallback progress,
-                        NBCompletionCallback completion);
+        NBCompletionCallback completion);
     void handleResopnse(NBDataCallback dataCallback, NBUploadProgressCallback uploadProgress,
-                        NBDownloadProgressCallback downloadProgress, NBCompletionCallback completion,
-                        QNetworkReply* reply, QNetworkAccessManager* manager);
-    void handleFinish(const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager);
-    void handleTimeout(const NBCompletionCallback& completion, QNetworkReply* reply,
-                       QNetworkAccessManager* manager);
-    void complete(const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager,
-                  const QString& errorText, int errorCode);
+        NBDownloadProgressCallback downloadProgress, NBCompletionCallback completion, QNetworkReply* reply,
+        QNetworkAccessManager* manager);
+    void handleFinish(
+        const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager);
+    void handleTimeout(
+        const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager);
+    void complete(const NBCompletionCallback& completion, QNetworkReply* reply,
+        QNetworkAccessManager* manager, const QString& errorText, int errorCode);
     QString readReply(QNetworkReply* reply, const char* codecName);
     static ResponseData respData(const QString& body, const QHash<QByteArray, QByteArray>& headers,
-                                 const QString& errorText, int status, int errorCode);
+        const QString& errorText, int status, int errorCode);
     static ResponseData fileErrorData(const QFileDevice& file);
     void LogFinished(const QString& body, QNetworkReply* reply, QNetworkAccessManager* manager);
     void keepReceived(const QByteArray& piece);
@@ -124,13 +127,15 @@ public:
     void debug(bool debug);
 
     void request(NBCompletionCallback callback, bool followRedirects);
-    void download(const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion);
+    void download(
+        const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion);
     void download(NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion);
-    void downloadUsePost(NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion);
+    void downloadUsePost(
+        NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion);
     void upload(const QString& filePath, NBUploadProgressCallback progress, NBCompletionCallback completion);
     void upload(const QByteArray& data, NBUploadProgressCallback progress, NBCompletionCallback completion);
     void mulitUpload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
-                     NBCompletionCallback completion);
+        NBCompletionCallback completion);
     // Closes a running request (its completion runs inside this call); otherwise does nothing.
     void cancel();
 

@@ -79,7 +79,7 @@ QSslConfiguration NBHttpClientManager::sslConfig() const
 }
 
 void NBHttpClientManager::proxy(bool autoDetect, int scheme, const QString& host, unsigned short port,
-                                const QString& user, const QString& password, bool open)
+    const QString& user, const QString& password, bool open)
 {
     QMutexLocker lock(&m_settingsMutex);
     m_proxyAutoDetect = autoDetect;

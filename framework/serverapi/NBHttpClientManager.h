@@ -31,7 +31,7 @@ public:
     QNetworkAccessManager* networkMgr() const { return m_networkMgr; }
 
     void proxy(bool autoDetect, int scheme, const QString& host, unsigned short port, const QString& user,
-               const QString& password, bool open);
+        const QString& password, bool open);
     void setProxyScheme(int scheme) { write(m_proxyScheme, scheme); }
     void setProxyHostname(const QString& host) { write(m_proxyHostname, host); }
     void setProxyPort(unsigned short port) { write(m_proxyPort, port); }
@@ -53,14 +53,12 @@ public:
     QString verifyCode() const;
 
 private:
-    template<typename T>
-    T read(const T& setting) const
+    template<typename T> T read(const T& setting) const
     {
         QMutexLocker lock(&m_settingsMutex);
         return setting;
     }
-    template<typename T>
-    void write(T& setting, const T& value)
+    template<typename T> void write(T& setting, const T& value)
     {
         QMutexLocker lock(&m_settingsMutex);
         setting = value;

@@ -1,3 +1,5 @@
+// The request engine on the wire: how a request is built and sent, and the record
+// its completion receives.
 #include "Calls.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
@@ -5,30 +7,529 @@
 #include "TestMain.h"
 #include "TestServer.h"
 
+#include <QTcpServer>
+#include <atomic>
+
+namespace {
+
+const QByteArray FormType = "application/x-www-form-urlencoded;application/json";
+
+// Sends the client's request and waits for its first completion; the test owns the client.
+ResponseData send(NBHttpClient& client, Calls& calls, bool followRedirects = true)
+{
+    client.request(calls.completion(), followRedirects);
+    if (!calls.waitForCompletions(1))
+        qWarning("no completion");
+    return calls.completions.value(0);
+}
+
+quint16 closedPort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    const quint16 port = probe.serverPort();
+    probe.close();
+    return port;
+}
+
+} // namespace
+
 class TestRequestDispatcher : public QObject
 {
     Q_OBJECT
 private slots:
-    void probe()
+    void init() { NBHttpClientManager::manager()->setVerifyCodeSource({}); }
+
+    void getPutsEncodedParametersInTheQuery()
     {
-        TestServer server([](const RecordedRequest&) { return ServerReply::ok("{\n\"a\": 1\n}\n").header("Set-Cookie", "x=1").header("Set-Cookie", "y=2"); });
-        NBHttpClientManager::manager()->setVerifyCodeSource([] { return QStringLiteral("code"); });
-        TestLog log;
+        TestServer server;
+        NBHttpClient client(server.url("/p"));
+        client.param("a", "1");
+        client.param("b", "x y");
         Calls calls;
-        auto* client = new NBHttpClient(server.url("/p"));
-        client->param("a", "1");
-        client->param("b", "x y");
-        client->header("Cookie", "a=1; b=2");
-        client->header("X-Ü", "wért");
-        client->request(calls.completion(), true);
-        QVERIFY(calls.waitForCompletions(1));
-        const auto r = server.lastRequest();
-        qDebug() << r.method << r.target << r.version;
-        for (auto& h : r.headers) qDebug() << h.first << h.second;
-        qDebug() << calls.last().body << calls.last().statusCode << calls.last().networkError << calls.last().errorString << calls.last().headers;
-        delete client;
+        send(client, calls);
+        const RecordedRequest r = server.lastRequest();
+        QCOMPARE(r.method, QByteArray("GET"));
+        QCOMPARE(r.target, QByteArray("/p?a=1&b=x%20y"));
+        QCOMPARE(r.header("Accept"), QByteArray("*/*"));
+        QVERIFY(!r.hasHeader("Content-Type"));
+        QCOMPARE(r.body, QByteArray());
+        QCOMPARE(client.url(), server.url("/p?a=1&b=x%20y"));
+    }
+
+    void parameterValuesArePercentEncodedAsUtf8()
+    {
+        TestServer server;
+        NBHttpClient client(server.url("/p"));
+        client.param("q", "a&b=c+d/é~_.-");
+        client.param("q", "again");
+        client.param("k y", "v");
+        Calls calls;
+        send(client, calls);
+        QCOMPARE(server.lastRequest().target, QByteArray("/p?q=a%26b%3Dc%2Bd%2F%C3%A9~_.-&q=again&k%20y=v"));
+    }
+
+    void postSendsTheParametersAsTheBody()
+    {
+        TestServer server;
+        NBHttpClient client(server.url("/p"));
+        client.httpMethod(POST);
+        client.param("a", "1");
+        client.param("b", "x y");
+        Calls calls;
+        send(client, calls);
+        const RecordedRequest r = server.lastRequest();
+        QCOMPARE(r.method, QByteArray("POST"));
+        QCOMPARE(r.target, QByteArray("/p"));
+        QCOMPARE(r.body, QByteArray("a=1&b=x%20y"));
+        QCOMPARE(r.header("Content-Type"), FormType);
+        QCOMPARE(r.header("Content-Length"), QByteArray("11"));
+        QVERIFY(!r.hasHeader("Accept") || r.header("Accept") != "*/*");
+    }
+
+    void putSendsTheParametersAsTheBodyAndDeleteSendsNone()
+    {
+        TestServer server;
+        NBHttpClient put(server.url("/p"));
+        put.httpMethod(PUT);
+        put.param("a", "1");
+        Calls putCalls;
+        send(put, putCalls);
+        QCOMPARE(server.lastRequest().method, QByteArray("PUT"));
+        QCOMPARE(server.lastRequest().body, QByteArray("a=1"));
+        QCOMPARE(server.lastRequest().header("Content-Type"), FormType);
+
+        NBHttpClient del(server.url("/p"));
+        del.httpMethod(DELETE);
+        del.param("a", "1");
+        Calls delCalls;
+        send(del, delCalls);
+        QCOMPARE(server.lastRequest().method, QByteArray("DELETE"));
+        QCOMPARE(server.lastRequest().target, QByteArray("/p"));
+        QCOMPARE(server.lastRequest().body, QByteArray());
+        QCOMPARE(server.lastRequest().header("Content-Type"), FormType);
+    }
+
+    void fixedContentTypeReplacesTheCallersOwn()
+    {
+        TestServer server;
+        NBHttpClient client(server.url("/p"));
+        client.httpMethod(POST);
+        client.header("Content-Type", "text/plain");
+        client.header("Accept", "text/html");
+        Calls calls;
+        send(client, calls);
+        const RecordedRequest r = server.lastRequest();
+        QCOMPARE(r.header("Content-Type"), FormType);
+        QCOMPARE(r.header("Accept"), QByteArray("text/html"));
+    }
+
+    void headersGoOutInTheOrderFirstSetWithRawUtf8Values()
+    {
+        TestServer server;
+        NBHttpClient client(server.url("/p"));
+        client.header("X-First", "1");
+        client.header("X-Name", "wért 名字");
+        client.header("X-First", "replaced");
+        Calls calls;
+        send(client, calls);
+        const RecordedRequest r = server.lastRequest();
+        const QList<QByteArray> names = r.headerNames();
+        QCOMPARE(names.mid(0, 4), (QList<QByteArray> { "Host", "X-First", "X-Name", "Accept" }));
+        QCOMPARE(r.header("X-First"), QByteArray("replaced"));
+        QCOMPARE(r.header("X-Name"), QString("wért 名字").toUtf8());
+    }
+
+    void cookieHeaderIsMergedWithTheVerificationCode()
+    {
+        TestServer server;
+        NBHttpClientManager::manager()->setVerifyCodeSource([] { return QStringLiteral("v3rify"); });
+        NBHttpClient client(server.url("/p"));
+        client.header("Cookie", "a=1; b=2");
+        Calls calls;
+        send(client, calls);
+        QCOMPARE(server.lastRequest().header("Cookie"), QByteArray("S=v3rify; a=1; b=2"));
+    }
+
+    void withoutACookieHeaderNoVerificationCookieIsSent()
+    {
+        TestServer server;
+        NBHttpClientManager::manager()->setVerifyCodeSource([] { return QStringLiteral("v3rify"); });
+        NBHttpClient client(server.url("/p"));
+        Calls calls;
+        send(client, calls);
+        QVERIFY(!server.lastRequest().hasHeader("Cookie"));
+    }
+
+    void cookieHeaderWithoutVerificationCode()
+    {
+        TestServer server;
+        NBHttpClient client(server.url("/p"));
+        client.header("Cookie", "language=zh;X-NIMBRA-SESS-ID=abc;");
+        Calls calls;
+        send(client, calls);
+        QCOMPARE(server.lastRequest().header("Cookie"), QByteArray("language=zh; X-NIMBRA-SESS-ID=abc"));
+    }
+
+    void recordOfA204HasNoBody()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::withStatus(204); });
+        NBHttpClient client(server.url("/p"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.body, QString());
+        QCOMPARE(r.statusCode, 204);
+        QCOMPARE(r.networkError, 0);
+        QCOMPARE(r.errorString, QString("Unknown error"));
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void multiLineBodyLosesItsLineBreaks()
+    {
+        TestServer server(
+            [](const RecordedRequest&) { return ServerReply::ok("{\n  \"a\": 1,\r\n  \"b\": \"é\"\n}\n"); });
+        NBHttpClient client(server.url("/p"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.body, QString("{  \"a\": 1,  \"b\": \"é\"}"));
+        QCOMPARE(r.statusCode, 200);
+    }
+
+    void recordCarriesEveryReplyHeaderWithRepeatsJoined()
+    {
+        TestServer server([](const RecordedRequest&) {
+            return ServerReply::ok("{}")
+                .header("X-Repeat", "1")
+                .header("X-Repeat", "2")
+                .header("x-lower", "v");
+        });
+        NBHttpClient client(server.url("/p"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.headers.value("X-Repeat"), QByteArray("1, 2"));
+        QCOMPARE(r.headers.value("x-lower"), QByteArray("v"));
+        QCOMPARE(r.headers.value("Content-Type"), QByteArray("application/json"));
+        QCOMPARE(r.headers.value("Content-Length"), QByteArray("2"));
+        QCOMPARE(r.headers.size(), 4);
+    }
+
+    void connectionRefusedIsARecord()
+    {
+        NBHttpClient client(QStringLiteral("http://127.0.0.1:%1/p").arg(closedPort()));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 0);
+        QCOMPARE(r.networkError, 1);
+        QCOMPARE(r.errorString, QString("Connection refused"));
+        QVERIFY(r.headers.isEmpty());
+        QCOMPARE(r.body, QString());
         QTest::qWait(50);
-        qDebug().noquote() << log.dump();
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void notFoundKeepsTheServersBody()
+    {
+        TestServer server(
+            [](const RecordedRequest&) { return ServerReply::withStatus(404, "{\"errcode\":\"nf\"}"); });
+        NBHttpClient client(server.url("/missing"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 404);
+        QCOMPARE(r.networkError, 203);
+        QCOMPARE(r.body, QString("{\"errcode\":\"nf\"}"));
+        QVERIFY(r.errorString.contains("Not Found"));
+    }
+
+    void dataCallbackBodyStopsAtTheFirstZeroByte()
+    {
+        const QByteArray payload = QByteArray("head") + '\0' + QByteArray("tail");
+        TestServer server([payload](const RecordedRequest&) {
+            return ServerReply::ok(payload, "application/octet-stream");
+        });
+        NBHttpClient client(server.url("/bin"));
+        Calls calls;
+        client.download(calls.data(), calls.downloadProgress(), calls.completion());
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(calls.joinedPieces(), payload);
+        QCOMPARE(calls.last().body, QString("head"));
+        QCOMPARE(calls.last().statusCode, 200);
+    }
+
+    void unknownMethodSendsNothingAndCallsNothing()
+    {
+        TestServer server;
+        TestLog log;
+        NBHttpClient client(server.url("/p"));
+        client.httpMethod(NBHttpMethod(7));
+        Calls calls;
+        client.request(calls.completion(), true);
+        QTest::qWait(300);
+        QCOMPARE(server.requestCount(), 0);
+        QCOMPARE(server.connectionCount(), 0);
+        QVERIFY(calls.completions.isEmpty());
+        QVERIFY(client.dispatcher()->reply() == nullptr);
+        QVERIFY2(log.has("ERROR", "start", QString::fromUtf8("不支持的请求方法: 7，请求未发送")),
+            qPrintable(log.dump()));
+        client.cancel();
+        QVERIFY(calls.completions.isEmpty());
+    }
+
+    void addressThatIsNotAUrlIsARecord()
+    {
+        NBHttpClient client(QStringLiteral("not a url"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 0);
+        QCOMPARE(r.networkError, 301);
+        QCOMPARE(r.errorString, QString("Protocol \"\" is unknown"));
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void emptyAddressIsARecord()
+    {
+        NBHttpClient client { QString() };
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 0);
+        QCOMPARE(r.networkError, 301);
+    }
+
+    void closedMidBodyCarriesTheNetworkError()
+    {
+        TestServer server([](const RecordedRequest&) {
+            ServerReply reply = ServerReply::ok(QByteArray(1000, 'x'), "text/plain");
+            reply.mode = ServerReply::Mode::CloseMidBody;
+            reply.cutAfter = 400;
+            return reply;
+        });
+        TestLog log;
+        NBHttpClient client(server.url("/p"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 200);
+        QCOMPARE(r.networkError, 2);
+        QCOMPARE(r.errorString, QString("Connection closed"));
+        QVERIFY2(log.has("ERROR", "LogFinished", "status code: 2 Connection closed"), qPrintable(log.dump()));
+        QVERIFY(log.has("ERROR", "LogFinished", QString::fromUtf8("[失败] 请求结束: Connection closed")));
+        QTest::qWait(50);
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void resetMidBodyCarriesTheNetworkError()
+    {
+        TestServer server([](const RecordedRequest&) {
+            ServerReply reply = ServerReply::ok(QByteArray(100000, 'x'), "text/plain");
+            reply.mode = ServerReply::Mode::ResetMidBody;
+            reply.cutAfter = 5000;
+            return reply;
+        });
+        NBHttpClient client(server.url("/p"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 200);
+        QCOMPARE(r.networkError, 2);
+        QTest::qWait(50);
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void callbacksRunOnTheThreadThatStartedTheRequest()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::ok(QByteArray(300000, 'j')); });
+        QThread worker;
+        worker.start();
+        QObject context;
+        context.moveToThread(&worker);
+        std::atomic<int> completions { 0 };
+        std::atomic<bool> otherThread { false };
+        QThread* seen = nullptr;
+        NBHttpClient* client = nullptr;
+        QMetaObject::invokeMethod(&context, [&] {
+            client = new NBHttpClient(server.url("/p"));
+            client->download(
+                [&](const QByteArray&) { otherThread = otherThread || QThread::currentThread() != &worker; },
+                [&](const DownloadProgressData&) {
+                    otherThread = otherThread || QThread::currentThread() != &worker;
+                },
+                [&](const ResponseData&) {
+                    seen = QThread::currentThread();
+                    ++completions;
+                });
+        });
+        QVERIFY(QTest::qWaitFor([&] { return completions.load() == 1; }, 10000));
+        QMetaObject::invokeMethod(
+            &context, [&] { delete client; }, Qt::BlockingQueuedConnection);
+        worker.quit();
+        QVERIFY(worker.wait(10000));
+        QCOMPARE(seen, &worker);
+        QVERIFY(!otherThread);
+        QCOMPARE(completions.load(), 1);
+    }
+
+    void httpsToASelfSignedServerSucceeds()
+    {
+        TestServerOptions options;
+        options.tls = true;
+        TestServer server([](const RecordedRequest&) { return ServerReply::ok("{\"tls\":true}"); }, options);
+        NBHttpClient client(server.url("/secure"));
+        client.param("a", "1");
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.networkError, 0);
+        QCOMPARE(r.statusCode, 200);
+        QCOMPARE(r.body, QString("{\"tls\":true}"));
+        QCOMPARE(server.lastRequest().target, QByteArray("/secure?a=1"));
+    }
+
+    void traceOfASuccessfulGet()
+    {
+        TestServer server(
+            [](const RecordedRequest&) { return ServerReply::ok("{}").header("Set-Cookie", "sid=42"); });
+        TestLog log;
+        NBHttpClient client(server.url("/trace"));
+        client.param("a", "x y");
+        client.header("Cookie", "k=v");
+        Calls calls;
+        send(client, calls);
+        const QList<LogEntry> entries = log.entries();
+        QStringList seen;
+        for (const LogEntry& e : entries) {
+            QCOMPARE(e.file, QString("NBHttpClient.cpp"));
+            seen << e.level + ' ' + e.function + ' ' + e.message;
+        }
+        const QString address = server.url("/trace?a=x%20y");
+        const QStringList expected {
+            QString::fromUtf8("INFO createRequest 请求地址：%1").arg(address),
+            QString::fromUtf8("INFO createRequest 参数:\na=x%20y\n"),
+            QString::fromUtf8("INFO createRequest Request Header:\nCookie : k=v \nAccept : */* \n"),
+            QString::fromUtf8("FATAL operator() 请求结束"),
+            QString::fromUtf8("INFO LogFinished 处理响应数据"),
+            QString::fromUtf8("INFO LogFinished Cookie:\nk : v\nsid : 42\n"),
+            QString::fromUtf8(
+                "INFO LogFinished "
+                "Header:\nContent-Type:application/json\nSet-Cookie:sid=42\nContent-Length:2\n"),
+        };
+        QCOMPARE(seen, expected);
+    }
+
+    void traceOfAServerError()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::withStatus(500, "boom"); });
+        TestLog log;
+        NBHttpClient client(server.url("/fail"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 500);
+        QCOMPARE(r.networkError, 401);
+        QStringList seen;
+        for (const LogEntry& e : log.entries()) {
+            if (e.function != "createRequest")
+                seen << e.level + ' ' + e.function + ' ' + e.message;
+        }
+        const QString url = server.url("/fail");
+        const QString errorText = r.errorString;
+        const QStringList expected {
+            QString::fromUtf8("FATAL operator() QNetworkReply错误码: 401 原因:%1").arg(errorText),
+            QString::fromUtf8("FATAL operator() 请求结束"),
+            QString::fromUtf8("INFO LogFinished 处理响应数据"),
+            QString::fromUtf8(
+                "ERROR LogFinished request error. [status]500, [reason]Internal Server Error, [msg]%1, "
+                "[url]%2[network code] 401")
+                .arg(errorText, url),
+            QString::fromUtf8("INFO LogFinished Cookie:\n"),
+            QString::fromUtf8("INFO LogFinished Header:\nContent-Length:4\n"),
+            QString::fromUtf8("ERROR LogFinished [失败] 请求结束: %1").arg(errorText),
+        };
+        QCOMPARE(seen, expected);
+    }
+
+    void traceOfANotFoundReadsAsDocumented()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::withStatus(404); });
+        TestLog log;
+        NBHttpClient client(server.url("/nf"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        const QString line = QStringLiteral(
+            "request error. [status]404, [reason]Not Found, [msg]%1, [url]%2[network code] 203")
+                                 .arg(r.errorString, server.url("/nf"));
+        QVERIFY2(log.has("ERROR", "LogFinished", line), qPrintable(log.dump()));
+    }
+
+    void redirectIsDeliveredAsItIsWhenNotFollowed()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::redirect("/elsewhere"); });
+        NBHttpClient client(server.url("/start"));
+        Calls calls;
+        const ResponseData r = send(client, calls, false);
+        QCOMPARE(r.statusCode, 302);
+        QCOMPARE(r.networkError, 0);
+        QCOMPARE(r.headers.value("Location"), QByteArray("/elsewhere"));
+        QCOMPARE(server.requestCount(), 1);
+    }
+
+    // "/hop/N" redirects to "/hop/N-1"; "/hop/0" answers.
+    static ServerReply hops(const RecordedRequest& request)
+    {
+        const int n = request.path().mid(5).toInt();
+        if (n == 0)
+            return ServerReply::ok("{\"landed\":true}");
+        return ServerReply::redirect("/hop/" + QByteArray::number(n - 1));
+    }
+
+    void fiveRedirectsAreFollowedAndTraced()
+    {
+        TestServer server(hops);
+        TestLog log;
+        NBHttpClient client(server.url("/hop/5"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.statusCode, 200);
+        QCOMPARE(r.body, QString("{\"landed\":true}"));
+        QCOMPARE(server.requestCount(), 6);
+        for (int n = 4; n >= 0; --n) {
+            const QString line
+                = QString::fromUtf8("[重定向]请求url: %1").arg(server.url(QStringLiteral("/hop/%1").arg(n)));
+            QVERIFY2(log.has("FATAL", "operator()", line), qPrintable(log.dump()));
+        }
+    }
+
+    void sixRedirectsEndInTooManyRedirects()
+    {
+        TestServer server(hops);
+        NBHttpClient client(server.url("/hop/6"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.networkError, 10);
+        QCOMPARE(r.errorString, QString("Too many redirects"));
+        QCOMPARE(server.requestCount(), 6);
+        QTest::qWait(50);
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void redirectLoopEndsInTooManyRedirects()
+    {
+        TestServer server([](const RecordedRequest& request) {
+            return ServerReply::redirect(request.path() == "/a" ? "/b" : "/a", 301);
+        });
+        NBHttpClient client(server.url("/a"));
+        Calls calls;
+        const ResponseData r = send(client, calls);
+        QCOMPARE(r.networkError, 10);
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void destroyingAHandleReleasesItsDispatcherLater()
+    {
+        TestServer server;
+        TestLog log;
+        auto* client = new NBHttpClient(server.url("/p"));
+        QPointer<RequestDispatcher> dispatcher = client->dispatcher();
+        Calls calls;
+        client->request(calls.completion([&](const ResponseData&) { delete client; }), true);
+        QVERIFY(calls.waitForCompletions(1));
+        QVERIFY(log.has("INFO", "~NBHttpClient", "~NBHttpClient()"));
+        QVERIFY(QTest::qWaitFor([&] { return dispatcher.isNull(); }, 5000));
+        QVERIFY(log.has("INFO", "~RequestDispatcher", "~RequestDispatcher()"));
     }
 };
 

@@ -30,7 +30,8 @@ QList<LogEntry> TestLog::entries() const
     const QString text = QString::fromUtf8(file.readAll());
 
     static const QRegularExpression start(
-        QStringLiteral(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (FATAL|ERROR|WARN |INFO |DEBUG) \[([^\]]*)\]\[([^\]]*)\]\[(\d+)\]: )"),
+        QStringLiteral(
+            R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (FATAL|ERROR|WARN |INFO |DEBUG) \[([^\]]*)\]\[([^\]]*)\]\[(\d+)\]: )"),
         QRegularExpression::MultilineOption);
     QList<LogEntry> result;
     auto it = start.globalMatch(text);
@@ -84,6 +85,9 @@ QString TestLog::dump() const
 {
     QString out;
     for (const auto& e : entries())
-        out += QStringLiteral("%1 [%2][%3][%4]: %5\n").arg(e.level, e.file, e.function).arg(e.line).arg(e.message);
+        out += QStringLiteral("%1 [%2][%3][%4]: %5\n")
+                   .arg(e.level, e.file, e.function)
+                   .arg(e.line)
+                   .arg(e.message);
     return out;
 }

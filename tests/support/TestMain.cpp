@@ -10,6 +10,6 @@ TestEnvironment::TestEnvironment()
     qputenv("XDG_CONFIG_HOME", (home + QStringLiteral("/.config")).toUtf8());
     qputenv("XDG_CACHE_HOME", (home + QStringLiteral("/.cache")).toUtf8());
     for (const char* name : { "http_proxy", "https_proxy", "ftp_proxy", "all_proxy", "no_proxy", "HTTP_PROXY",
-                              "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY" })
+             "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY" })
         qunsetenv(name);
 }

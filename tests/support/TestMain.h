@@ -16,11 +16,11 @@ private:
     QTemporaryDir m_home;
 };
 
-#define NB_TEST_MAIN(TestObject)                                                                                   \
-    int main(int argc, char** argv)                                                                                \
-    {                                                                                                              \
-        TestEnvironment environment;                                                                               \
-        QCoreApplication app(argc, argv);                                                                          \
-        TestObject test;                                                                                           \
-        return QTest::qExec(&test, argc, argv);                                                                    \
+#define NB_TEST_MAIN(TestObject)                                                                             \
+    int main(int argc, char** argv)                                                                          \
+    {                                                                                                        \
+        TestEnvironment environment;                                                                         \
+        QCoreApplication app(argc, argv);                                                                    \
+        TestObject test;                                                                                     \
+        return QTest::qExec(&test, argc, argv);                                                              \
     }

@@ -1,0 +1,157 @@
+// The inactivity timer: a request without progress ends in two completions, a
+// request that keeps making progress never times out.
+#include "Calls.h"
+#include "InactivityInterval.h"
+#include "NBHttpClient.h"
+#include "NBReplyTimeout.h"
+#include "TestLog.h"
+#include "TestMain.h"
+#include "TestServer.h"
+
+#include <QElapsedTimer>
+#include <QNetworkAccessManager>
+#include <QSignalSpy>
+
+class TestNBReplyTimeout : public QObject
+{
+    Q_OBJECT
+private slots:
+    void libraryIntervalIsTwoMinutes()
+    {
+        QCOMPARE(RequestDispatcher::InactivityInterval, 120000);
+        QCOMPARE(NBReplyTimeout::testInterval(), 0);
+    }
+
+    void silentServerGivesTimeOutThenCancelled()
+    {
+        ScopedInactivityInterval interval(300);
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        TestLog log;
+        NBHttpClient client(server.url("/silent"));
+        Calls calls;
+        client.request(calls.completion(), true);
+        QVERIFY(calls.waitForCompletions(2));
+        QCOMPARE(calls.completions[0].errorString, QString("TimeOut"));
+        QCOMPARE(calls.completions[0].networkError, 4);
+        QCOMPARE(calls.completions[0].statusCode, 0);
+        QVERIFY(calls.completions[0].headers.isEmpty());
+        QCOMPARE(calls.completions[1].networkError, 5);
+        QCOMPARE(calls.completions[1].errorString, QString("Operation canceled"));
+        QVERIFY(log.has("FATAL", "operator()", QString::fromUtf8("触发超时")));
+        QTest::qWait(400);
+        QCOMPARE(calls.completions.size(), 2);
+    }
+
+    void timeOutOfAHandleReleasedByItsFirstCompletionIsSafe()
+    {
+        ScopedInactivityInterval interval(200);
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        auto* client = new NBHttpClient(server.url("/silent"));
+        QPointer<RequestDispatcher> dispatcher = client->dispatcher();
+        Calls calls;
+        client->request(calls.completion([&](const ResponseData&) {
+            delete client;
+            client = nullptr;
+        }),
+            true);
+        QVERIFY(calls.waitForCompletions(1));
+        QVERIFY(QTest::qWaitFor([&] { return dispatcher.isNull(); }, 5000));
+        QCOMPARE(calls.completions.size(), 2);
+        QCOMPARE(calls.completions[1].networkError, 5);
+    }
+
+    void slowDripIsNeverTimedOut()
+    {
+        ScopedInactivityInterval interval(600);
+        TestServer server([](const RecordedRequest&) {
+            ServerReply reply = ServerReply::ok("0123456789", "text/plain");
+            reply.mode = ServerReply::Mode::Drip;
+            reply.dripInterval = 250;
+            return reply;
+        });
+        NBHttpClient client(server.url("/drip"));
+        Calls calls;
+        client.download(calls.data(), calls.downloadProgress(), calls.completion());
+        QVERIFY(calls.waitForCompletions(1, 15000));
+        QCOMPARE(calls.last().networkError, 0);
+        QCOMPARE(calls.last().body, QString("0123456789"));
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void zeroByteProgressDoesNotRestartTheTimer()
+    {
+        ScopedInactivityInterval interval(400);
+        TestServer server([](const RecordedRequest&) {
+            ServerReply reply = ServerReply::ok("0123456789", "text/plain");
+            reply.mode = ServerReply::Mode::Drip;
+            reply.dripInterval = 5000; // the head arrives at once, the first byte too late
+            return reply;
+        });
+        NBHttpClient client(server.url("/stall"));
+        Calls calls;
+        client.download(calls.data(), calls.downloadProgress(), calls.completion());
+        QVERIFY(calls.waitForCompletions(2));
+        QCOMPARE(calls.completions[0].errorString, QString("TimeOut"));
+        QCOMPARE(calls.completions[0].statusCode, 200);
+        QVERIFY(!calls.downloads.isEmpty());
+        for (const auto& p : calls.downloads)
+            QCOMPARE(p.bytesReceived, 0);
+    }
+
+    void uploadWithOnlyZeroProgressTimesOutAfterTheInterval()
+    {
+        ScopedInactivityInterval interval(500);
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        NBHttpClient client(server.url("/upload"));
+        Calls calls;
+        QElapsedTimer clock;
+        clock.start();
+        client.upload(QByteArray(), calls.uploadProgress(), calls.completion());
+        QVERIFY(calls.waitForCompletions(2));
+        QVERIFY(clock.elapsed() >= 450);
+        QCOMPARE(calls.completions[0].networkError, 4);
+        QCOMPARE(calls.completions[1].networkError, 5);
+        for (const auto& p : calls.uploads)
+            QCOMPARE(p.bytesSent, 0);
+        QCOMPARE(server.lastRequest().header("Content-Length"), QByteArray("0"));
+    }
+
+    void timerOfAFinishedReplyDoesNothing()
+    {
+        TestServer server;
+        QNetworkAccessManager manager;
+        QNetworkReply* reply = manager.get(QNetworkRequest(QUrl(server.url("/done"))));
+        QVERIFY(QTest::qWaitFor([&] { return reply->isFinished(); }, 5000));
+        auto* timer = new NBReplyTimeout(reply, 50);
+        QCOMPARE(timer->parent(), reply);
+        QSignalSpy spy(timer, &NBReplyTimeout::timeout);
+        QTest::qWait(200);
+        QCOMPARE(spy.count(), 0);
+        delete reply;
+    }
+
+    void plainTimerWatchesNothing()
+    {
+        QObject parent;
+        auto* timer = new NBReplyTimeout(&parent);
+        QSignalSpy spy(timer, &NBReplyTimeout::timeout);
+        timer->onReceive(10, 10);
+        QTest::qWait(100);
+        timer->onTimeout();
+        QCOMPARE(spy.count(), 0);
+    }
+
+    void testIntervalReplacesTheGivenOne()
+    {
+        {
+            ScopedInactivityInterval interval(1234);
+            NBReplyTimeout timer(nullptr, 120000);
+            QCOMPARE(timer.interval(), 1234);
+        }
+        NBReplyTimeout timer(nullptr, 120000);
+        QCOMPARE(timer.interval(), 120000);
+    }
+};
+
+NB_TEST_MAIN(TestNBReplyTimeout)
+#include "tst_nbreplytimeout.moc"

@@ -115,7 +115,8 @@ void QtNBLogger::write(int handle, Priority priority, const QString& line)
     Channel* c = channel(handle);
     if (!c || priority > c->level.loadRelaxed())
         return;
-    QByteArray text = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).toUtf8();
+    QByteArray text
+        = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).toUtf8();
     text += ' ';
     text += priorityName(priority);
     text += ' ';

@@ -369,10 +369,12 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
         NB_LOG_FATAL(
             QStringLiteral("QNetworkReply错误码: %1 原因:%2").arg(int(code)).arg(reply->errorString()));
     });
-    connect(reply, &QNetworkReply::downloadProgress, this, [downloadProgress](qint64 received, qint64 total) {
-        if (downloadProgress)
-            downloadProgress(DownloadProgressData { received, total });
-    });
+    connect(reply, &QNetworkReply::downloadProgress, this,
+        [this, downloadProgress](qint64 received, qint64 total) {
+            m_bodyBytesReceived = received;
+            if (downloadProgress)
+                downloadProgress(DownloadProgressData { received, total });
+        });
     connect(reply, &QNetworkReply::uploadProgress, this, [uploadProgress](qint64 sent, qint64 total) {
         if (uploadProgress)
             uploadProgress(UploadProgressData { sent, total });
@@ -382,7 +384,36 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
 void RequestDispatcher::handleFinish(
     const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager)
 {
-    complete(completion, reply, manager, reply->errorString(), reply->error());
+    if (bodyCutShort(reply)) {
+        NB_LOG_ERROR(QStringLiteral("响应数据不完整: 收到 %1 字节, Content-Length %2")
+                         .arg(m_bodyBytesReceived)
+                         .arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong()));
+    }
+    complete(completion, reply, manager, replyErrorText(reply), replyError(reply));
+}
+
+// The network layer sometimes finishes a reply without error when the server closes
+// the connection before the whole announced body arrived; such a reply is reported
+// as closed by the remote host, so that a cut transfer never passes for a whole one.
+bool RequestDispatcher::bodyCutShort(QNetworkReply* reply) const
+{
+    if (!reply->isFinished() || reply->error() != QNetworkReply::NoError
+        || reply->operation() == QNetworkAccessManager::HeadOperation
+        || reply->hasRawHeader("Content-Encoding"))
+        return false;
+    bool known = false;
+    const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&known);
+    return known && m_bodyBytesReceived < announced;
+}
+
+int RequestDispatcher::replyError(QNetworkReply* reply) const
+{
+    return bodyCutShort(reply) ? int(QNetworkReply::RemoteHostClosedError) : int(reply->error());
+}
+
+QString RequestDispatcher::replyErrorText(QNetworkReply* reply) const
+{
+    return bodyCutShort(reply) ? QStringLiteral("Connection closed") : reply->errorString();
 }
 
 void RequestDispatcher::handleTimeout(
@@ -458,14 +489,15 @@ void RequestDispatcher::LogFinished(const QString& body, QNetworkReply* reply, Q
     Q_UNUSED(body)
     NB_LOG_INFO(QStringLiteral("处理响应数据"));
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    const int errorCode = reply->error();
+    const int errorCode = replyError(reply);
+    const QString errorText = replyErrorText(reply);
     if (status < 200 || status > 299) {
         const QString reason = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
         NB_LOG_ERROR(QStringLiteral("request error. [status]") + QStringLiteral("%1, [reason]").arg(status)
-            + QStringLiteral("%2, [msg]").arg(reason) + reply->errorString() + QStringLiteral(", [url]")
+            + QStringLiteral("%2, [msg]").arg(reason) + errorText + QStringLiteral(", [url]")
             + reply->url().toString() + QStringLiteral("[network code] %1").arg(errorCode));
     } else if (errorCode != QNetworkReply::NoError) {
-        NB_LOG_ERROR(QStringLiteral("status code: %1 %2").arg(errorCode).arg(reply->errorString()));
+        NB_LOG_ERROR(QStringLiteral("status code: %1 %2").arg(errorCode).arg(errorText));
     }
 
     QString cookieText = QStringLiteral("Cookie:\n");
@@ -483,7 +515,7 @@ void RequestDispatcher::LogFinished(const QString& body, QNetworkReply* reply, Q
     NB_LOG_INFO(headerText);
 
     if (errorCode != QNetworkReply::NoError)
-        NB_LOG_ERROR(QStringLiteral("[失败] 请求结束: %1").arg(reply->errorString()));
+        NB_LOG_ERROR(QStringLiteral("[失败] 请求结束: %1").arg(errorText));
 }
 
 NBHttpClient::NBHttpClient(const QString& url)

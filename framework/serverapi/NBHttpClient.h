@@ -83,6 +83,9 @@ private:
         const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager);
     void complete(const NBCompletionCallback& completion, QNetworkReply* reply,
         QNetworkAccessManager* manager, const QString& errorText, int errorCode);
+    int replyError(QNetworkReply* reply) const;
+    QString replyErrorText(QNetworkReply* reply) const;
+    bool bodyCutShort(QNetworkReply* reply) const;
     QString readReply(QNetworkReply* reply, const char* codecName);
     static ResponseData respData(const QString& body, const QHash<QByteArray, QByteArray>& headers,
         const QString& errorText, int status, int errorCode);
@@ -98,6 +101,7 @@ private:
     QList<QPair<QString, QString>> m_headers;
     QNetworkAccessManager* m_manager;
     QPointer<QNetworkReply> m_reply;
+    qint64 m_bodyBytesReceived = 0;
     // Feeds the completion record's body, which is read only up to its first zero byte.
     QByteArray m_received;
     bool m_receivedComplete = false;

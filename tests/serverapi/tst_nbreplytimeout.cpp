@@ -7,6 +7,7 @@
 #include "TestLog.h"
 #include "TestMain.h"
 #include "TestServer.h"
+#include "Wait.h"
 
 #include <QElapsedTimer>
 #include <QNetworkAccessManager>
@@ -55,7 +56,7 @@ private slots:
         }),
             true);
         QVERIFY(calls.waitForCompletions(1));
-        QVERIFY(QTest::qWaitFor([&] { return dispatcher.isNull(); }, 5000));
+        QVERIFY(waitUntil([&] { return dispatcher.isNull(); }, 5000));
         QCOMPARE(calls.completions.size(), 2);
         QCOMPARE(calls.completions[1].networkError, 5);
     }
@@ -121,7 +122,7 @@ private slots:
         TestServer server;
         QNetworkAccessManager manager;
         QNetworkReply* reply = manager.get(QNetworkRequest(QUrl(server.url("/done"))));
-        QVERIFY(QTest::qWaitFor([&] { return reply->isFinished(); }, 5000));
+        QVERIFY(waitUntil([&] { return reply->isFinished(); }, 5000));
         auto* timer = new NBReplyTimeout(reply, 50);
         QCOMPARE(timer->parent(), reply);
         QSignalSpy spy(timer, &NBReplyTimeout::timeout);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ResponseData.h"
+#include "Wait.h"
 
 #include <QList>
 #include <QTest>
@@ -58,7 +59,7 @@ struct Calls
     }
     bool waitForCompletions(int count, int timeoutMs = 10000)
     {
-        return QTest::qWaitFor([&] { return completions.size() >= count; }, timeoutMs);
+        return waitUntil([&] { return completions.size() >= count; }, timeoutMs);
     }
     const ResponseData& last() const { return completions.last(); }
 };

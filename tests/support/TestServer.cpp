@@ -1,5 +1,7 @@
 #include "TestServer.h"
 
+#include "Wait.h"
+
 #include <QDir>
 #include <QFile>
 #include <QMetaObject>
@@ -285,7 +287,8 @@ private:
         m_socket->write(head);
         m_sent = 0;
         m_limit = reply.body.size();
-        if (reply.mode == ServerReply::Mode::CloseMidBody || reply.mode == ServerReply::Mode::ResetMidBody)
+        if (reply.mode == ServerReply::Mode::CloseMidBody || reply.mode == ServerReply::Mode::ResetMidBody
+            || reply.mode == ServerReply::Mode::StallMidBody)
             m_limit = qMin<qint64>(reply.cutAfter, reply.body.size());
         if (reply.mode == ServerReply::Mode::Drip) {
             auto* timer = new QTimer(this);
@@ -327,6 +330,9 @@ private:
         case ServerReply::Mode::CloseMidBody:
             m_stopped = true;
             m_socket->disconnectFromHost();
+            return;
+        case ServerReply::Mode::StallMidBody:
+            m_stopped = true;
             return;
         case ServerReply::Mode::ResetMidBody:
             m_stopped = true;
@@ -477,7 +483,7 @@ int TestServer::connectionCount() const
 
 bool TestServer::waitForRequests(int count, int timeoutMs) const
 {
-    return QTest::qWaitFor([&] { return requestCount() >= count; }, timeoutMs);
+    return waitUntil([&] { return requestCount() >= count; }, timeoutMs);
 }
 
 void TestServer::record(const RecordedRequest& request)

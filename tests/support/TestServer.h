@@ -40,6 +40,7 @@ struct ServerReply
         NeverAnswer, // keep the connection open and say nothing
         CloseMidBody, // send cutAfter body bytes, then close the connection
         ResetMidBody, // send cutAfter body bytes, then reset the connection
+        StallMidBody, // send cutAfter body bytes, then say nothing more
         Drip, // send the head, then dripBytes of the body every dripInterval ms
     };
 

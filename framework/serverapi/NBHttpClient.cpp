@@ -531,7 +531,9 @@ NBHttpClient::~NBHttpClient()
 
 void NBHttpClient::param(const QString& key, const QString& value)
 {
-    m_dispatcher->addParam(key, QString::fromLatin1(QUrl::toPercentEncoding(value)));
+    // An empty value still goes out as "key=", never as a bare "key".
+    const QByteArray encoded = QUrl::toPercentEncoding(value);
+    m_dispatcher->addParam(key, encoded.isEmpty() ? QStringLiteral("") : QString::fromLatin1(encoded));
 }
 
 void NBHttpClient::header(const QString& key, const QString& value)

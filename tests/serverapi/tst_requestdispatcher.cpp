@@ -82,6 +82,23 @@ private slots:
         QCOMPARE(server.lastRequest().target, QByteArray("/p?q=a%26b%3Dc%2Bd%2F%C3%A9~_.-&q=again&k%20y=v"));
     }
 
+    void emptyValuesKeepTheirEqualsSign()
+    {
+        TestServer server;
+        NBHttpClient get(server.url("/p"));
+        get.param("path", QString());
+        get.param("type", "");
+        Calls calls;
+        send(get, calls);
+        QCOMPARE(server.lastRequest().target, QByteArray("/p?path=&type="));
+        NBHttpClient post(server.url("/p"));
+        post.httpMethod(POST);
+        post.param("path", QString());
+        Calls postCalls;
+        send(post, postCalls);
+        QCOMPARE(server.lastRequest().body, QByteArray("path="));
+    }
+
     void postSendsTheParametersAsTheBody()
     {
         TestServer server;

@@ -1,0 +1,76 @@
+// The library's interface for hosts: ServerApi and the records and models it uses.
+//
+// Every operation is asynchronous: it returns the request's identifier at once (the
+// value Cancel accepts) and answers later through its callbacks, on the calling
+// thread's event loop, which must be running. A completion runs once per request;
+// after an inactivity time-out it runs twice ("TimeOut" with error 4, then error 5).
+#pragma once
+
+#include "NBServerApiGlobal.h"
+#include "NBServerApiModels.h"
+#include "ResponseData.h"
+
+#include <QMap>
+#include <QString>
+#include <functional>
+
+class NBServerApi;
+
+class NBSERVERAPI_EXPORT ServerApi
+{
+public:
+    enum NBServerApiType : qint32 {
+        Private = 0,
+        PublicCloud = 1,
+        PrivateSix = 2,
+    };
+
+    // Creates the endpoint of the deployment type, replacing one of another type (whose
+    // settings are lost; requests in flight go on). An unknown type leaves none.
+    static void init(NBServerApiType type);
+    static void uninit();
+    static NBServerApiType type();
+    static NBServerApi* serverApi();
+
+    // Without an endpoint (before init, after uninit or an unknown type) the endpoint
+    // settings below are ignored and read as empty, operations send nothing, never call
+    // back and return -1, and Cancel still reaches requests in flight.
+    static void setSessionID(const QString& session);
+    static QString sessionID();
+    static void setLanguage(const QString& language);
+    static QString language();
+    static void setUserAgent(const QString& userAgent);
+    static QString userAgent();
+    static void setBaseUrlString(const QString& url);
+    static QString baseUrlString();
+    static void setPriServerVerifyCode(QString code);
+    static QString priServerVerifyCode();
+
+    // true: debug detail in the log (level 16); false: less (level 2).
+    static void setLogLevel(bool debug);
+
+    // Proxy settings outlive init and uninit. Null C strings give null strings.
+    static void proxy(bool autoDetect, int scheme, const char* host, int port, const char* user,
+        const char* password, bool open);
+    static void setProxyScheme(int scheme);
+    static void setProxyHostname(const char* host);
+    static void setProxyPort(int port);
+    static void setProxyUser(const char* user);
+    static void setProxyPassword(const char* password);
+    static void setProxyAutoDetect(bool autoDetect);
+    static void setProxySwitch(bool open);
+    static QString proxyHostname();
+    static int proxyPort();
+    static QString proxyUser();
+    static QString proxyPassword();
+    static bool proxySwitch();
+
+    // Closes a running request on its thread; its completion (error 5) runs inside this call.
+    static void Cancel(long long id);
+
+    static long long GET(const QString& url, std::function<void(const ResponseData&)> done);
+    static long long POST(
+        const QString& url, QMap<QString, QString> params, std::function<void(const ResponseData&)> done);
+
+    ServerApi() = delete;
+};

@@ -1,0 +1,5 @@
+#include "NBPriServerApi.h"
+
+NBPriServerApi::NBPriServerApi() = default;
+
+NBPriServerApi::~NBPriServerApi() = default;

@@ -1,0 +1,5 @@
+#include "NBPriSixServerApi.h"
+
+NBPriSixServerApi::NBPriSixServerApi() = default;
+
+NBPriSixServerApi::~NBPriSixServerApi() = default;

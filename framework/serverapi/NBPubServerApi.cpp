@@ -1,0 +1,5 @@
+#include "NBPubServerApi.h"
+
+NBPubServerApi::NBPubServerApi() = default;
+
+NBPubServerApi::~NBPubServerApi() = default;

@@ -1,0 +1,98 @@
+// The endpoint base of every deployment variant: connection settings, address
+// composition, default headers and parameters, and the generic requests.
+#pragma once
+
+#include "NBHttpMethod.h"
+#include "NBRequestBuilder.h"
+#include "NBServerApiModels.h"
+#include "ResponseData.h"
+
+#include <QMap>
+#include <QMutex>
+#include <QString>
+
+class NBHttpClient;
+
+namespace NBUtil {
+// A folder name for the host; the library itself does not use it.
+inline const QString sBoxAppDataPath = QStringLiteral("NimbraData");
+} // namespace NBUtil
+
+class NBServerApi
+{
+public:
+    using Done = NBCompletionCallback;
+
+    static inline const QString COOKIE_SESSION = QStringLiteral("X-NIMBRA-SESS-ID");
+    // Defined for the host; the library never applies it by itself.
+    static inline const QString SZ_USER_AGENT = QStringLiteral("NBClientMac");
+    static inline const QString PATHTYPE_ENT = NBPathType::Ent;
+    static inline const QString PATHTYPE_SELF = NBPathType::Self;
+    static inline const QString PATHTYPE_SHARE_IN = NBPathType::ShareIn;
+    static inline const QString PATHTYPE_SHARE_OUT = NBPathType::ShareOut;
+    static inline const QString PATHTYPE_BOOK_MARK = NBPathType::BookMark;
+    static inline const QString PATHTYPE_TRANS = NBPathType::Trans;
+    static inline const QString PATHTYPE_RECYCLE = NBPathType::Recycle;
+
+    NBServerApi();
+    // Requests in flight are not cancelled: their handlers do not use this object.
+    virtual ~NBServerApi();
+
+    virtual QString combineReqUrl(const QString& base, const QString& version, const QString& path);
+    virtual QString combinPath(const QString& a, const QString& b);
+    virtual QString cookie();
+    virtual void httpClientDefaultHeader(NBHttpClient* client);
+    virtual void setHttpHeaderSession(NBHttpClient* client, const QString& session);
+    virtual void privateCloudDefaultParams(NBHttpClient* client);
+    virtual QString boolToString(bool value);
+    virtual void cancel(long long id);
+    // The generic requests send the address as given: no default header, cookie or "S".
+    virtual long long getNoRedirect(const QString& url, Done done);
+    virtual long long get(const QString& url, Done done);
+    virtual long long post(const QString& url, QMap<QString, QString> params, Done done);
+
+    // Settings; each read or write is atomic under the settings lock.
+    void setBaseUrlString(const QString& url);
+    QString baseUrlString();
+    void setVersionString(const QString& version);
+    QString versionString();
+    void setSessionID(const QString& session);
+    QString sessionID();
+    void setLanguage(const QString& language);
+    QString language();
+    void setUserAgent(const QString& userAgent);
+    QString userAgent();
+    void setPriServerVerifyCode(const QString& code);
+    QString priServerVerifyCode();
+
+    long long createHandle(NBHttpClient* client);
+    void deleteHttpClient(long long id);
+
+    // The number the operation log sends for a path type: matched without regard to
+    // case, unknown names give 0.
+    static int pathTypeNumber(const QString& pathType);
+
+    // Wraps the caller's callback: calls it with the record unchanged, then releases the
+    // handle. Holds no pointer to the endpoint, so it works after the endpoint is gone.
+    static Done replyHandler(Done done, long long id);
+
+protected:
+    // A request to one of this server's operations: "<scheme://host:port>/<version><path>".
+    NBRequestBuilder request(const QString& path);
+    // A request to an address taken as it is.
+    NBRequestBuilder requestTo(const QString& url);
+
+private:
+    Q_DISABLE_COPY(NBServerApi)
+
+    QString read(const QString& setting);
+    void write(QString& setting, const QString& value);
+
+    QString m_baseUrl;
+    QString m_version;
+    QString m_sessionId;
+    QString m_priServerVerifyCode;
+    QString m_language;
+    QString m_userAgent;
+    QMutex m_settingsMutex;
+};

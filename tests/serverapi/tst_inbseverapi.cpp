@@ -1,0 +1,309 @@
+// The exported facade: life cycle, settings, proxy functions, cancel and the
+// generic requests, with and without an endpoint.
+#include "CNBLoggerWrapper.h"
+#include "Calls.h"
+#include "INBSeverApi.h"
+#include "NBHttpClient.h"
+#include "NBHttpClientManager.h"
+#include "NBPriServerApi.h"
+#include "NBPriSixServerApi.h"
+#include "NBPubServerApi.h"
+#include "TestLog.h"
+#include "TestMain.h"
+#include "TestServer.h"
+
+#include <QFile>
+#include <QtNBLogger.h>
+
+class TestINBSeverApi : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase()
+    {
+        // Before anything logs: the level call creates the channel and its folders.
+        QVERIFY(!QFile::exists(TestLog::path()));
+        ServerApi::setLogLevel(true);
+        QVERIFY(QFile::exists(TestLog::path()));
+        QCOMPARE(QtNBLogger::level(CNBLoggerWrapper::instTransfer().handle()), 16);
+        ServerApi::setLogLevel(false);
+        QCOMPARE(QtNBLogger::level(CNBLoggerWrapper::instTransfer().handle()), 2);
+        ServerApi::setLogLevel(true);
+        QVERIFY(ServerApi::serverApi() == nullptr);
+    }
+
+    void cleanup()
+    {
+        ServerApi::uninit();
+        ServerApi::proxy(true, 3, nullptr, 0, nullptr, nullptr, false);
+    }
+
+    void initCreatesTheVariantOfTheType_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QString>("logLine");
+        QTest::newRow("private") << 0 << QString::fromUtf8("初始化私有api");
+        QTest::newRow("public cloud") << 1 << QString::fromUtf8("初始化公有api");
+        QTest::newRow("private 6.0") << 2 << QString::fromUtf8("初始私有6.0api");
+    }
+
+    void initCreatesTheVariantOfTheType()
+    {
+        QFETCH(int, type);
+        QFETCH(QString, logLine);
+        TestLog log;
+        ServerApi::init(ServerApi::NBServerApiType(type));
+        NBServerApi* api = ServerApi::serverApi();
+        QVERIFY(api != nullptr);
+        QCOMPARE(int(ServerApi::type()), type);
+        QCOMPARE(dynamic_cast<NBPubServerApi*>(api) != nullptr, type == 1);
+        QCOMPARE(dynamic_cast<NBPriServerApi*>(api) != nullptr, type == 0 || type == 2);
+        QCOMPARE(dynamic_cast<NBPriSixServerApi*>(api) != nullptr, type == 2);
+        const LogEntry* entry = log.find(logLine);
+        QVERIFY2(entry, qPrintable(log.dump()));
+        QCOMPARE(entry->level, QString("INFO"));
+        QCOMPARE(entry->file, QString("INBSeverApi.cpp"));
+        QCOMPARE(entry->function, QString("init"));
+        QCOMPARE(api->versionString(), QString("v2"));
+        QCOMPARE(ServerApi::baseUrlString(), QString());
+    }
+
+    void initOfTheSameTypeChangesNothing()
+    {
+        ServerApi::init(ServerApi::PublicCloud);
+        NBServerApi* first = ServerApi::serverApi();
+        ServerApi::setSessionID("kept");
+        TestLog log;
+        ServerApi::init(ServerApi::PublicCloud);
+        QCOMPARE(ServerApi::serverApi(), first);
+        QCOMPARE(ServerApi::sessionID(), QString("kept"));
+        QVERIFY2(log.entries().isEmpty(), qPrintable(log.dump()));
+    }
+
+    void initOfAnotherTypeReplacesTheVariantAndItsSettings()
+    {
+        ServerApi::init(ServerApi::Private);
+        ServerApi::setSessionID("old");
+        ServerApi::setBaseUrlString("http://old");
+        ServerApi::init(ServerApi::PrivateSix);
+        QVERIFY(dynamic_cast<NBPriSixServerApi*>(ServerApi::serverApi()));
+        QCOMPARE(ServerApi::sessionID(), QString());
+        QCOMPARE(ServerApi::baseUrlString(), QString());
+    }
+
+    void unknownTypeLeavesNoVariantAndLogsEachTime()
+    {
+        ServerApi::init(ServerApi::PublicCloud);
+        TestLog log;
+        ServerApi::init(ServerApi::NBServerApiType(5));
+        QCOMPARE(int(ServerApi::type()), 5);
+        QVERIFY(ServerApi::serverApi() == nullptr);
+        ServerApi::init(ServerApi::NBServerApiType(5));
+        QCOMPARE(log.count("INFO", "init", QString::fromUtf8("初始化api失败")), 2);
+    }
+
+    void uninitTwiceKeepsTheType()
+    {
+        ServerApi::init(ServerApi::PrivateSix);
+        ServerApi::uninit();
+        QVERIFY(ServerApi::serverApi() == nullptr);
+        ServerApi::uninit();
+        QCOMPARE(ServerApi::type(), ServerApi::PrivateSix);
+    }
+
+    void settingsReachTheVariant()
+    {
+        ServerApi::init(ServerApi::Private);
+        ServerApi::setSessionID("s");
+        ServerApi::setLanguage("zh");
+        ServerApi::setUserAgent("agent");
+        ServerApi::setBaseUrlString("https://drive.test");
+        ServerApi::setPriServerVerifyCode("vc");
+        NBServerApi* api = ServerApi::serverApi();
+        QCOMPARE(api->sessionID(), QString("s"));
+        QCOMPARE(api->language(), QString("zh"));
+        QCOMPARE(api->userAgent(), QString("agent"));
+        QCOMPARE(api->baseUrlString(), QString("https://drive.test"));
+        QCOMPARE(api->priServerVerifyCode(), QString("vc"));
+        QCOMPARE(ServerApi::sessionID(), QString("s"));
+        QCOMPARE(ServerApi::language(), QString("zh"));
+        QCOMPARE(ServerApi::userAgent(), QString("agent"));
+        QCOMPARE(ServerApi::priServerVerifyCode(), QString("vc"));
+    }
+
+    void callsWithoutAVariantAreIgnoredAndLogged()
+    {
+        TestServer server;
+        TestLog log;
+        ServerApi::setSessionID("lost");
+        QCOMPARE(ServerApi::sessionID(), QString());
+        QCOMPARE(ServerApi::baseUrlString(), QString());
+        Calls calls;
+        QCOMPARE(ServerApi::GET(server.url("/x"), calls.completion()), -1LL);
+        QCOMPARE(ServerApi::POST(server.url("/x"), {}, calls.completion()), -1LL);
+        QTest::qWait(200);
+        QCOMPARE(server.requestCount(), 0);
+        QVERIFY(calls.completions.isEmpty());
+        const QString ignored = QString::fromUtf8("未初始化api，调用被忽略");
+        QVERIFY(log.has("ERROR", "setSessionID", ignored));
+        QVERIFY(log.has("ERROR", "sessionID", ignored));
+        QVERIFY(log.has("ERROR", "GET", ignored));
+        QVERIFY(log.has("ERROR", "POST", ignored));
+    }
+
+    void proxyConvertsItsArguments()
+    {
+        ServerApi::proxy(false, 1, "proxy.test", 70000, "user", "pässword", true);
+        NBHttpClientManager* registry = NBHttpClientManager::manager();
+        QCOMPARE(registry->proxyAutoDetect(), false);
+        QCOMPARE(registry->proxyScheme(), 1);
+        QCOMPARE(ServerApi::proxyHostname(), QString("proxy.test"));
+        QCOMPARE(ServerApi::proxyPort(), 70000 - 65536);
+        QCOMPARE(ServerApi::proxyUser(), QString("user"));
+        QCOMPARE(ServerApi::proxyPassword(), QString::fromUtf8("pässword"));
+        QCOMPARE(ServerApi::proxySwitch(), true);
+        ServerApi::proxy(true, 3, nullptr, 8080, nullptr, nullptr, false);
+        QVERIFY(ServerApi::proxyHostname().isNull());
+        QVERIFY(ServerApi::proxyUser().isNull());
+        QVERIFY(ServerApi::proxyPassword().isNull());
+    }
+
+    void singleProxySetters()
+    {
+        ServerApi::setProxyScheme(1);
+        ServerApi::setProxyHostname("h");
+        ServerApi::setProxyPort(65537);
+        ServerApi::setProxyUser("u");
+        ServerApi::setProxyPassword("p");
+        ServerApi::setProxyAutoDetect(false);
+        ServerApi::setProxySwitch(true);
+        NBHttpClientManager* registry = NBHttpClientManager::manager();
+        QCOMPARE(registry->proxyScheme(), 1);
+        QCOMPARE(ServerApi::proxyHostname(), QString("h"));
+        QCOMPARE(ServerApi::proxyPort(), 1);
+        QCOMPARE(ServerApi::proxyUser(), QString("u"));
+        QCOMPARE(ServerApi::proxyPassword(), QString("p"));
+        QCOMPARE(registry->proxyAutoDetect(), false);
+        QCOMPARE(ServerApi::proxySwitch(), true);
+        ServerApi::setProxyHostname(nullptr);
+        QVERIFY(registry->proxyHostname().isNull());
+        ServerApi::setProxyUser(nullptr);
+        ServerApi::setProxyPassword(nullptr);
+        QVERIFY(registry->proxyUser().isNull());
+        QVERIFY(registry->proxyPassword().isNull());
+    }
+
+    void proxySettingsOutliveTheVariant()
+    {
+        ServerApi::init(ServerApi::PublicCloud);
+        ServerApi::setProxyHostname("kept.test");
+        ServerApi::uninit();
+        ServerApi::init(ServerApi::Private);
+        QCOMPARE(ServerApi::proxyHostname(), QString("kept.test"));
+    }
+
+    void genericRequestsThroughTheFacade()
+    {
+        TestServer server;
+        ServerApi::init(ServerApi::PublicCloud);
+        Calls calls;
+        const long long getId = ServerApi::GET(server.url("/g?a=1"), calls.completion());
+        QVERIFY(getId >= 0);
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(server.lastRequest().target, QByteArray("/g?a=1"));
+        ServerApi::POST(server.url("/p"), { { "k", "v w" } }, calls.completion());
+        QVERIFY(calls.waitForCompletions(2));
+        QCOMPARE(server.lastRequest().body, QByteArray("k=v%20w"));
+        QVERIFY(NBHttpClientManager::manager()->getHttpClient(getId) == nullptr);
+    }
+
+    void cancelReachesARunningRequest()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        ServerApi::init(ServerApi::Private);
+        Calls calls;
+        const long long id = ServerApi::GET(server.url("/hang"), calls.completion());
+        QVERIFY(server.waitForRequests(1));
+        ServerApi::Cancel(id);
+        QCOMPARE(calls.completions.size(), 1);
+        QCOMPARE(calls.last().networkError, 5);
+        QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
+        ServerApi::Cancel(id);
+        ServerApi::Cancel(-1);
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void requestsOutliveUninit()
+    {
+        TestServer server([](const RecordedRequest&) {
+            ServerReply reply = ServerReply::ok("{\"late\":1}");
+            reply.mode = ServerReply::Mode::Drip;
+            reply.dripInterval = 30;
+            return reply;
+        });
+        ServerApi::init(ServerApi::PublicCloud);
+        Calls calls;
+        const long long id = ServerApi::GET(server.url("/slow"), calls.completion());
+        ServerApi::uninit();
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(calls.last().body, QString("{\"late\":1}"));
+        QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
+        QTest::qWait(100);
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    void requestsOutliveAnInitOfAnotherType()
+    {
+        TestServer server([](const RecordedRequest&) {
+            ServerReply reply = ServerReply::ok("{\"late\":2}");
+            reply.mode = ServerReply::Mode::Drip;
+            reply.dripInterval = 30;
+            return reply;
+        });
+        ServerApi::init(ServerApi::Private);
+        Calls calls;
+        const long long id = ServerApi::POST(server.url("/slow"), { { "a", "1" } }, calls.completion());
+        ServerApi::init(ServerApi::PrivateSix);
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(calls.last().body, QString("{\"late\":2}"));
+        QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
+    }
+
+    void cancelWithoutAVariantStillReachesTheRequest()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        ServerApi::init(ServerApi::PublicCloud);
+        Calls calls;
+        const long long id = ServerApi::GET(server.url("/hang"), calls.completion());
+        QVERIFY(server.waitForRequests(1));
+        ServerApi::uninit();
+        ServerApi::Cancel(id);
+        QCOMPARE(calls.completions.size(), 1);
+        QCOMPARE(calls.last().networkError, 5);
+    }
+
+    void verifyCodeOfTheFacadeRidesAsCookieS()
+    {
+        TestServer server;
+        ServerApi::init(ServerApi::Private);
+        ServerApi::setPriServerVerifyCode("facade-code");
+        auto* client = new NBHttpClient(server.url("/c"));
+        client->header("Cookie", "a=1; b=2");
+        Calls calls;
+        client->request(calls.completion(), true);
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(server.lastRequest().header("Cookie"), QByteArray("S=facade-code; a=1; b=2"));
+        delete client;
+
+        ServerApi::uninit();
+        auto* orphan = new NBHttpClient(server.url("/c"));
+        orphan->header("Cookie", "a=1");
+        orphan->request(calls.completion(), true);
+        QVERIFY(calls.waitForCompletions(2));
+        QCOMPARE(server.lastRequest().header("Cookie"), QByteArray("a=1"));
+        delete orphan;
+    }
+};
+
+NB_TEST_MAIN(TestINBSeverApi)
+#include "tst_inbseverapi.moc"

@@ -5,29 +5,14 @@
 #include "NBHttpClientManager.h"
 #include "TestLog.h"
 #include "TestMain.h"
+#include "TestData.h"
 #include "TestServer.h"
 
 #include <QCryptographicHash>
 #include <QFile>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 
 namespace {
-
-QByteArray randomBytes(int size)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator generator(42);
-    generator.fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
-    return bytes;
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    file.open(QIODevice::ReadOnly);
-    return file.readAll();
-}
 
 void checkProgress(const QList<DownloadProgressData>& reports, qint64 total)
 {

@@ -5,32 +5,16 @@
 #include "NBHttpClientManager.h"
 #include "TestLog.h"
 #include "TestMain.h"
+#include "TestData.h"
 #include "TestServer.h"
 
 #include <QCryptographicHash>
 #include <QFile>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 
 namespace {
 
 const QByteArray FormType = "application/x-www-form-urlencoded;application/json";
-
-QByteArray randomBytes(int size)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator generator(7);
-    generator.fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
-    return bytes;
-}
-
-QString writeFile(const QString& path, const QByteArray& content)
-{
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(content);
-    return path;
-}
 
 struct Part
 {

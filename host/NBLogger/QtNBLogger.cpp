@@ -53,6 +53,23 @@ const char* priorityName(QtNBLogger::Priority priority)
     return "?????";
 }
 
+// "yyyy-MM-dd hh:mm:ss.zzz" in local time. Converting to local time reads the time zone
+// file on every call, so it happens once a second and the milliseconds are appended.
+QByteArray timestamp()
+{
+    static thread_local qint64 second = -1;
+    static thread_local QByteArray secondText;
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    if (now / 1000 != second) {
+        second = now / 1000;
+        secondText = QDateTime::fromMSecsSinceEpoch(second * 1000)
+                         .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss."))
+                         .toUtf8();
+    }
+    const int millis = int(now % 1000);
+    return secondText + char('0' + millis / 100) + char('0' + millis / 10 % 10) + char('0' + millis % 10);
+}
+
 } // namespace
 
 int QtNBLogger::create(const QString& path)
@@ -115,8 +132,7 @@ void QtNBLogger::write(int handle, Priority priority, const QString& line)
     Channel* c = channel(handle);
     if (!c || priority > c->level.loadRelaxed())
         return;
-    QByteArray text
-        = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).toUtf8();
+    QByteArray text = timestamp();
     text += ' ';
     text += priorityName(priority);
     text += ' ';

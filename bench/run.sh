@@ -1,0 +1,346 @@
+#!/usr/bin/env bash
+# Benchmarks the library against curl and bare Qt on a private nginx at 127.0.0.1 and
+# prints one line per comparison: median rates, the library/reference ratio with its
+# target, and peak resident sizes. Exits 0 whatever the targets say; non-zero only when
+# something broke. `make bench` builds the programs into build-bench and calls this.
+#
+# Usage: bench/run.sh BUILD_DIR
+# Environment: NB_BENCH_ROUNDS  measured rounds per case (default 5, after one warm-up)
+#              NB_BENCH_GETS    small GETs per run (default 2000)
+#              NB_BENCH_SETTLE  seconds, in all, to wait for an idle machine before
+#                               rounds (default 120; 0 does not wait)
+#              TMPDIR           where the temporary folder (about 3.5 GiB at peak) goes
+set -euo pipefail
+
+build=$(cd "${1:?usage: bench/run.sh BUILD_DIR}" && pwd)
+bin=$build/bench
+rounds=${NB_BENCH_ROUNDS:-5}
+gets=${NB_BENCH_GETS:-2000}
+settle_budget=${NB_BENCH_SETTLE:-120}
+big=$((1024 * 1024 * 1024))
+part=$((256 * 1024 * 1024))
+mib=$((1024 * 1024))
+nginx_bin=$(command -v nginx || echo /usr/sbin/nginx)
+raw=$bin/results.txt # every run's figures, kept after the temporary folder is gone
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/nbbench.XXXXXX")
+www=$work/www
+nginx_pid=
+cleanup() {
+    if [ -n "$nginx_pid" ]; then
+        kill "$nginx_pid" 2>/dev/null || true
+        wait "$nginx_pid" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+die() {
+    echo "bench: $*" >&2
+    exit 1
+}
+
+# Nothing may land in the real home: the library's log goes under XDG_DATA_HOME.
+export HOME=$work/home
+export XDG_DATA_HOME=$HOME/.local/share XDG_CONFIG_HOME=$HOME/.config XDG_CACHE_HOME=$HOME/.cache
+unset http_proxy https_proxy all_proxy no_proxy HTTP_PROXY HTTPS_PROXY ALL_PROXY NO_PROXY
+mkdir -p "$XDG_DATA_HOME" "$www" "$work/nginx/temp" "$work/results"
+# nginx started as root serves files through unprivileged workers.
+chmod 755 "$work"
+
+free_kib=$(df -Pk "$work" | awk 'NR == 2 { print $4 }')
+[ "$free_kib" -ge $((4 * 1024 * 1024)) ] || die "need 4 GiB free in $work (see df -h ${TMPDIR:-/tmp})"
+
+# A 4096-byte JSON listing on one line, like the server's answers.
+small_json() {
+    local body='{"code":0,"items":[' item i=0
+    while :; do
+        item=$(printf '{"id":%d,"name":"file-%04d.txt","size":%d,"dir":false},' $i $i $((1000 + i)))
+        [ $((${#body} + ${#item} + 16)) -le 4096 ] || break
+        body+=$item
+        i=$((i + 1))
+    done
+    body="${body%,}],\"pad\":\""
+    printf '%s%s"}' "$body" "$(head -c $((4096 - ${#body} - 2)) /dev/zero | tr '\0' x)"
+}
+
+echo "bench: creating test files in $work" >&2
+head -c $big /dev/urandom >"$www/big.bin"
+head -c $part "$www/big.bin" >"$www/part.bin"
+small_json >"$www/small.json"
+printf '{"code":0}\n' >"$www/done.json"
+: >"$www/upload" # POST on this static file gives 405, which the sink turns into 200
+sync             # no write-back of the test files while measuring
+
+nginx_conf() {
+    cat <<EOF
+daemon off;
+worker_processes 1;
+pid $work/nginx/nginx.pid;
+error_log $work/nginx/error.log error;
+events { worker_connections 64; }
+http {
+    types { application/json json; }
+    default_type application/octet-stream;
+    log_format sink '\$request_length';
+    access_log off;
+    client_body_temp_path $work/nginx/temp/body;
+    proxy_temp_path $work/nginx/temp/proxy;
+    fastcgi_temp_path $work/nginx/temp/fastcgi;
+    uwsgi_temp_path $work/nginx/temp/uwsgi;
+    scgi_temp_path $work/nginx/temp/scgi;
+    sendfile on;
+    tcp_nopush on;
+    keepalive_requests 100000;
+    server {
+        listen 127.0.0.1:$1;
+        root $www;
+        client_max_body_size 0;
+        # The upload sink. The mirror reads the whole body (beyond 1 MiB into a temporary
+        # file) before the content phase; there POST on the static file gives 405, turned
+        # into 200 with a small JSON answer, whose log line records the bytes read.
+        location = /upload {
+            client_body_buffer_size 1m;
+            mirror /mirror-sink;
+            mirror_request_body on;
+            error_page 405 =200 /done.json;
+        }
+        location = /mirror-sink { internal; return 204; }
+        location = /done.json { internal; access_log $work/nginx/sink.log sink; }
+    }
+}
+EOF
+}
+
+# Starts nginx on a free port, trying random ones.
+start_nginx() {
+    for _ in 1 2 3 4 5 6 7 8 9 10; do
+        port=$((20000 + RANDOM % 40000))
+        nginx_conf $port >"$work/nginx/nginx.conf"
+        "$nginx_bin" -p "$work/nginx" -c "$work/nginx/nginx.conf" -e "$work/nginx/error.log" &
+        nginx_pid=$!
+        for _ in $(seq 50); do
+            kill -0 $nginx_pid 2>/dev/null || break
+            curl -sf --noproxy '*' -o /dev/null "http://127.0.0.1:$port/small.json" && return 0
+            sleep 0.1
+        done
+        kill $nginx_pid 2>/dev/null || true
+        wait $nginx_pid 2>/dev/null || true
+        nginx_pid=
+    done
+    cat "$work/nginx/error.log" >&2
+    die "nginx did not start"
+}
+start_nginx
+url=http://127.0.0.1:$port
+
+curl_opts=(-sS --noproxy '*' -H 'Expect:')
+down_format='%{size_download} %{time_total}\n'
+up_format='%{size_upload} %{time_total}\n'
+
+# Sets `cmd` and `label` for a side of a comparison.
+side_command() {
+    case $1 in
+    lib-file)
+        label="library"
+        cmd=("$bin/nbbench" download-file "$url/big.bin" "$work/out.bin")
+        ;;
+    curl-file)
+        label="curl -o FILE"
+        cmd=(curl "${curl_opts[@]}" -o "$work/out.bin" -w "$down_format" "$url/big.bin")
+        ;;
+    curl-null)
+        label="curl -o /dev/null"
+        cmd=(curl "${curl_opts[@]}" -o /dev/null -w "$down_format" "$url/big.bin")
+        ;;
+    bare-write)
+        label="file write alone"
+        cmd=("$bin/nbbare" write-file "$www/big.bin" "$work/out.bin")
+        ;;
+    lib-data)
+        label="library"
+        cmd=("$bin/nbbench" download-data "$url/big.bin")
+        ;;
+    lib-upload)
+        label="library"
+        cmd=("$bin/nbbench" upload "$url/upload" "$www/big.bin")
+        ;;
+    curl-upload)
+        label="curl -T FILE -X POST"
+        cmd=(curl "${curl_opts[@]}" -T "$www/big.bin" -X POST -o /dev/null -w "$up_format" "$url/upload")
+        ;;
+    bare-upload)
+        label="bare Qt QFile POST"
+        cmd=("$bin/nbbare" upload "$url/upload" "$www/big.bin")
+        ;;
+    lib-multipart)
+        label="library"
+        cmd=("$bin/nbbench" multipart "$url/upload" "$www/part.bin")
+        ;;
+    curl-multipart)
+        label="curl -F"
+        cmd=(curl "${curl_opts[@]}" -F name=part.bin -F "file=@$www/part.bin" -o /dev/null -w "$up_format"
+            "$url/upload")
+        ;;
+    lib-gets)
+        label="library"
+        cmd=("$bin/nbbench" gets "$url/small.json" "$gets")
+        ;;
+    bare-gets)
+        label="bare Qt, fresh manager"
+        cmd=("$bin/nbbare" gets "$url/small.json" "$gets")
+        ;;
+    *) die "unknown side $1" ;;
+    esac
+}
+
+# Waits, within what is left of the budget, for half a second in which the CPUs are at
+# least 90% idle, so that a round does not start on top of somebody else's build.
+busy_rounds=0
+all_rounds=0
+settle() {
+    local a b total idle i
+    all_rounds=$((all_rounds + 1))
+    while :; do
+        read -ra a </proc/stat
+        sleep 0.5
+        read -ra b </proc/stat
+        total=0
+        for i in 1 2 3 4 5 6 7 8; do total=$((total + b[i] - a[i])); done
+        idle=$((b[4] - a[4]))
+        [ $((idle * 100)) -lt $((total * 90)) ] || return 0
+        if [ "$settle_budget" -le 0 ]; then
+            busy_rounds=$((busy_rounds + 1))
+            return 0
+        fi
+        settle_budget=$((settle_budget - 1))
+        sleep 0.5
+    done
+}
+
+# Waits for the sink's log line of the last upload and checks it read `$1` bytes at least.
+check_sink() {
+    local log=$work/nginx/sink.log read
+    for _ in $(seq 100); do
+        [ -s "$log" ] && break
+        sleep 0.02
+    done
+    read=$(tail -n 1 "$log" 2>/dev/null || echo 0)
+    [ "${read:-0}" -ge "$1" ] || die "the upload sink read ${read:-nothing} of $1 bytes"
+}
+
+# measure SIDE EXPECTED ROUND: runs the side once under nbrun and checks that it moved
+# EXPECTED bytes or requests at least; past the warm-up round, appends
+# "<seconds> <peak RSS in KiB>" to the side's results.
+measure() {
+    local side=$1 expected=$2 round=$3 output amount seconds rss
+    side_command "$side"
+    : >"$work/nginx/sink.log"
+    output=$("$bin/nbrun" "${cmd[@]}" 2>"$work/stderr") || {
+        cat "$work/stderr" >&2
+        die "failed: ${cmd[*]}"
+    }
+    read -r amount seconds <<<"$(sed -n 1p <<<"$output")"
+    rss=$(sed -n 2p <<<"$output")
+    [ "${amount:-0}" -ge "$expected" ] || die "${cmd[*]} moved ${amount:-0} of $expected"
+    case $side in
+    *-file | *-write) rm -f "$work/out.bin" ;;
+    *upload | *multipart) check_sink "$expected" ;;
+    esac
+    echo "$side round=$round amount=$amount seconds=$seconds peak_rss_kib=$rss" >>"$raw"
+    [ "$round" -eq 0 ] || echo "$seconds $rss" >>"$work/results/$side"
+}
+
+# run_case NAME EXPECTED SIDE...: one warm-up round, then the measured rounds; the
+# order of the sides alternates from round to round.
+run_case() {
+    local name=$1 expected=$2 round side i
+    shift 2
+    local sides=("$@") reversed=()
+    for ((i = ${#sides[@]} - 1; i >= 0; i--)); do reversed+=("${sides[i]}"); done
+    printf 'bench: %-21s' "$name" >&2
+    for ((round = 0; round <= rounds; round++)); do
+        local order=("${sides[@]}")
+        [ $((round % 2)) -eq 0 ] || order=("${reversed[@]}")
+        settle
+        for side in "${order[@]}"; do
+            measure "$side" "$expected" $round
+            printf '.' >&2
+        done
+    done
+    echo >&2
+}
+
+# stats SIDE EXPECTED SCALE: "<median rate> <largest peak RSS in MiB>", the rate being
+# EXPECTED / seconds / SCALE.
+stats() {
+    sort -n "$work/results/$1" | awk -v n="$2" -v scale="$3" '
+        { rate[NR] = n / $1 / scale; if ($2 > rss) rss = $2 }
+        END {
+            m = (NR % 2) ? rate[(NR + 1) / 2] : (rate[NR / 2] + rate[NR / 2 + 1]) / 2
+            printf "%.1f %.1f\n", m, rss / 1024
+        }'
+}
+
+passes=0
+misses=0
+# verdict VALUE OP LIMIT: sets `outcome` to PASS or MISS and counts it.
+verdict() {
+    if awk -v v="$1" -v l="$3" "BEGIN { exit !(v $2 l) }"; then
+        passes=$((passes + 1))
+        outcome=PASS
+    else
+        misses=$((misses + 1))
+        outcome=MISS
+    fi
+}
+
+# report CASE EXPECTED SCALE UNIT LIB REF RATIO_TARGET RSS_TARGET: one table line; a
+# target of "-" means none. The RSS target is on the library's peak, in MiB.
+report() {
+    local name=$1 expected=$2 scale=$3 unit=$4 lib=$5 ref=$6 ratio_target=$7 rss_target=$8
+    local lib_rate lib_rss ref_rate ref_rss ratio target=- rss_note=
+    read -r lib_rate lib_rss <<<"$(stats "$lib" "$expected" "$scale")"
+    read -r ref_rate ref_rss <<<"$(stats "$ref" "$expected" "$scale")"
+    ratio=$(awk -v a="$lib_rate" -v b="$ref_rate" 'BEGIN { printf "%.2f", a / b }')
+    if [ "$ratio_target" != - ]; then
+        verdict "$ratio" '>=' "$ratio_target"
+        target=">=${ratio_target}x $outcome"
+    fi
+    if [ "$rss_target" != - ]; then
+        verdict "$lib_rss" '<' "$rss_target"
+        rss_note="<${rss_target} $outcome"
+    fi
+    side_command "$ref"
+    printf '%-21s %14s   %-21s %14s  %6s  %-13s  %9s %-9s  %9s\n' "$name" "$lib_rate $unit" "$label" \
+        "$ref_rate $unit" "${ratio}x" "$target" "$lib_rss MiB" "$rss_note" "$ref_rss MiB"
+}
+
+: >"$raw"
+run_case "download to file" $big lib-file curl-file curl-null bare-write
+run_case "download to callback" $big lib-data curl-null
+run_case "file upload" $big lib-upload curl-upload bare-upload
+run_case "multipart upload" $part lib-multipart curl-multipart
+run_case "small GETs" "$gets" lib-gets bare-gets
+
+echo
+echo "Medians of $rounds round(s) after a warm-up, sides alternating; $(nproc) CPUs; nginx" \
+    "$("$nginx_bin" -v 2>&1 | sed 's|.*/||'), curl $(curl -V | awk 'NR == 1 { print $2 }'), Qt" \
+    "$(pkg-config --modversion Qt5Core 2>/dev/null || echo 5)."
+echo "Rates in MiB/s (2^20 bytes) or requests/s; peak RSS is the largest of the runs (wait4 ru_maxrss)."
+printf '%-21s %14s   %-36s  %6s  %-13s  %-19s  %9s\n' case library reference lib/ref target "library peak RSS" \
+    "ref RSS"
+report "1 GiB download->file" $big $mib MiB/s lib-file curl-file 2 48
+report "1 GiB download->file" $big $mib MiB/s lib-file curl-null 0.6 -
+report "1 GiB download->file" $big $mib MiB/s lib-file bare-write - -
+report "1 GiB download->data" $big $mib MiB/s lib-data curl-null - -
+report "1 GiB file upload" $big $mib MiB/s lib-upload curl-upload - 48
+report "1 GiB file upload" $big $mib MiB/s lib-upload bare-upload 1 -
+report "256 MiB multipart" $part $mib MiB/s lib-multipart curl-multipart - -
+report "$gets small GETs" "$gets" 1 req/s lib-gets bare-gets 0.8 -
+echo "targets: $passes PASS, $misses MISS; every run's figures: $raw"
+if [ $busy_rounds -gt 0 ]; then
+    echo "note: $busy_rounds of $all_rounds rounds started while other processes kept the CPUs busy;" \
+        "their figures are noisy."
+fi

@@ -3,9 +3,9 @@
 #include "InactivityInterval.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
+#include "TestData.h"
 #include "TestLog.h"
 #include "TestMain.h"
-#include "TestData.h"
 #include "TestServer.h"
 
 #include <QCryptographicHash>
@@ -170,13 +170,8 @@ private slots:
     void cancelMidwayLeavesATruncatedFileAndOneCompletion()
     {
         const QByteArray payload = randomBytes(256 << 10);
-        TestServer server([&payload](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok(payload, "application/octet-stream");
-            reply.mode = ServerReply::Mode::Drip;
-            reply.dripInterval = 10;
-            reply.dripBytes = 4096;
-            return reply;
-        });
+        TestServer server(
+            [&payload](const RecordedRequest&) { return ServerReply::drip(payload, 10, 4096); });
         const QString path = m_dir.filePath("cancelled.bin");
         NBHttpClient client(server.url("/slow"));
         Calls calls;
@@ -199,10 +194,7 @@ private slots:
     {
         const QByteArray payload = randomBytes(1 << 20);
         TestServer server([&payload](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok(payload, "application/octet-stream");
-            reply.mode = ServerReply::Mode::CloseMidBody;
-            reply.cutAfter = 300000;
-            return reply;
+            return ServerReply::cut(ServerReply::Mode::CloseMidBody, payload, 300000);
         });
         const QString path = m_dir.filePath("cut.bin");
         NBHttpClient client(server.url("/cut"));
@@ -218,19 +210,11 @@ private slots:
     {
         ScopedInactivityInterval interval(400);
         const QByteArray payload = randomBytes(100000);
-        TestServer server([&payload](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok(payload, "application/octet-stream");
-            reply.mode = ServerReply::Mode::Drip;
-            reply.dripInterval = 100;
-            reply.dripBytes = 1000;
-            return reply;
-        });
+        TestServer server(
+            [&payload](const RecordedRequest&) { return ServerReply::drip(payload, 100, 1000); });
         // The first server drips; the second stalls after its first bytes.
         TestServer stalling([&payload](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok(payload, "application/octet-stream");
-            reply.mode = ServerReply::Mode::StallMidBody;
-            reply.cutAfter = 30000;
-            return reply;
+            return ServerReply::cut(ServerReply::Mode::StallMidBody, payload, 30000);
         });
         const QString path = m_dir.filePath("stalled.bin");
         NBHttpClient client(stalling.url("/stall"));

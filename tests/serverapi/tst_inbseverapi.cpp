@@ -235,12 +235,7 @@ private slots:
 
     void requestsOutliveUninit()
     {
-        TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok("{\"late\":1}");
-            reply.mode = ServerReply::Mode::Drip;
-            reply.dripInterval = 30;
-            return reply;
-        });
+        TestServer server([](const RecordedRequest&) { return ServerReply::drip("{\"late\":1}", 30); });
         ServerApi::init(ServerApi::PublicCloud);
         Calls calls;
         const long long id = ServerApi::GET(server.url("/slow"), calls.completion());
@@ -254,12 +249,7 @@ private slots:
 
     void requestsOutliveAnInitOfAnotherType()
     {
-        TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok("{\"late\":2}");
-            reply.mode = ServerReply::Mode::Drip;
-            reply.dripInterval = 30;
-            return reply;
-        });
+        TestServer server([](const RecordedRequest&) { return ServerReply::drip("{\"late\":2}", 30); });
         ServerApi::init(ServerApi::Private);
         Calls calls;
         const long long id = ServerApi::POST(server.url("/slow"), { { "a", "1" } }, calls.completion());

@@ -16,11 +16,7 @@ namespace {
 
 ServerReply dripping(const RecordedRequest&)
 {
-    ServerReply reply = ServerReply::ok(QByteArray(64, 'd'), "text/plain");
-    reply.mode = ServerReply::Mode::Drip;
-    reply.dripInterval = 20;
-    reply.dripBytes = 4;
-    return reply;
+    return ServerReply::drip(QByteArray(64, 'd'), 20, 4);
 }
 
 // Sends a GET through a registered client, waits for its completion and releases it.

@@ -64,12 +64,7 @@ private slots:
     void slowDripIsNeverTimedOut()
     {
         ScopedInactivityInterval interval(600);
-        TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok("0123456789", "text/plain");
-            reply.mode = ServerReply::Mode::Drip;
-            reply.dripInterval = 250;
-            return reply;
-        });
+        TestServer server([](const RecordedRequest&) { return ServerReply::drip("0123456789", 250); });
         NBHttpClient client(server.url("/drip"));
         Calls calls;
         client.download(calls.data(), calls.downloadProgress(), calls.completion());
@@ -82,12 +77,8 @@ private slots:
     void zeroByteProgressDoesNotRestartTheTimer()
     {
         ScopedInactivityInterval interval(400);
-        TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok("0123456789", "text/plain");
-            reply.mode = ServerReply::Mode::Drip;
-            reply.dripInterval = 5000; // the head arrives at once, the first byte too late
-            return reply;
-        });
+        // The head arrives at once, the first byte too late.
+        TestServer server([](const RecordedRequest&) { return ServerReply::drip("0123456789", 5000); });
         NBHttpClient client(server.url("/stall"));
         Calls calls;
         client.download(calls.data(), calls.downloadProgress(), calls.completion());

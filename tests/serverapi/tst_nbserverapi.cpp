@@ -392,12 +392,7 @@ private slots:
 
     void repliesOutliveTheEndpoint()
     {
-        TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok("late");
-            reply.mode = ServerReply::Mode::Drip;
-            reply.dripInterval = 50;
-            return reply;
-        });
+        TestServer server([](const RecordedRequest&) { return ServerReply::drip("late", 50); });
         auto* api = new ProbeApi;
         api->setBaseUrlString(server.url("/"));
         Calls calls;

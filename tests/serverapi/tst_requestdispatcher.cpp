@@ -327,10 +327,7 @@ private slots:
     void closedMidBodyCarriesTheNetworkError()
     {
         TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok(QByteArray(1000, 'x'), "text/plain");
-            reply.mode = ServerReply::Mode::CloseMidBody;
-            reply.cutAfter = 400;
-            return reply;
+            return ServerReply::cut(ServerReply::Mode::CloseMidBody, QByteArray(1000, 'x'), 400);
         });
         TestLog log;
         NBHttpClient client(server.url("/p"));
@@ -349,10 +346,7 @@ private slots:
     {
         // The network layer alone lets most of these pass without error.
         TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok(QByteArray(1 << 20, 'c'), "text/plain");
-            reply.mode = ServerReply::Mode::CloseMidBody;
-            reply.cutAfter = 300000;
-            return reply;
+            return ServerReply::cut(ServerReply::Mode::CloseMidBody, QByteArray(1 << 20, 'c'), 300000);
         });
         for (int i = 0; i < 20; ++i) {
             TestLog log;
@@ -387,10 +381,7 @@ private slots:
     void resetMidBodyCarriesTheNetworkError()
     {
         TestServer server([](const RecordedRequest&) {
-            ServerReply reply = ServerReply::ok(QByteArray(100000, 'x'), "text/plain");
-            reply.mode = ServerReply::Mode::ResetMidBody;
-            reply.cutAfter = 5000;
-            return reply;
+            return ServerReply::cut(ServerReply::Mode::ResetMidBody, QByteArray(100000, 'x'), 5000);
         });
         NBHttpClient client(server.url("/p"));
         Calls calls;

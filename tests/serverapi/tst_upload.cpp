@@ -3,9 +3,9 @@
 #include "InactivityInterval.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
+#include "TestData.h"
 #include "TestLog.h"
 #include "TestMain.h"
-#include "TestData.h"
 #include "TestServer.h"
 
 #include <QCryptographicHash>

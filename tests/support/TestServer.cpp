@@ -162,6 +162,23 @@ ServerReply ServerReply::never()
     return reply;
 }
 
+ServerReply ServerReply::drip(const QByteArray& body, int intervalMs, int bytes)
+{
+    ServerReply reply = ok(body, "application/octet-stream");
+    reply.mode = Mode::Drip;
+    reply.dripInterval = intervalMs;
+    reply.dripBytes = bytes;
+    return reply;
+}
+
+ServerReply ServerReply::cut(Mode mode, const QByteArray& body, qint64 after)
+{
+    ServerReply reply = ok(body, "application/octet-stream");
+    reply.mode = mode;
+    reply.cutAfter = after;
+    return reply;
+}
+
 ServerReply& ServerReply::header(const QByteArray& name, const QByteArray& value)
 {
     headers.append({ name, value });

@@ -58,6 +58,11 @@ struct ServerReply
     static ServerReply withStatus(int status, const QByteArray& body = QByteArray());
     static ServerReply redirect(const QByteArray& location, int status = 302);
     static ServerReply never();
+    // 200 with the body sent `bytes` at a time, one piece every `intervalMs`.
+    static ServerReply drip(const QByteArray& body, int intervalMs, int bytes = 1);
+    // 200 announcing the whole body, of which only `after` bytes are sent before `mode`
+    // (CloseMidBody, ResetMidBody or StallMidBody) ends it.
+    static ServerReply cut(Mode mode, const QByteArray& body, qint64 after);
     ServerReply& header(const QByteArray& name, const QByteArray& value);
 };
 

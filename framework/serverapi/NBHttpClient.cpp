@@ -95,9 +95,12 @@ QNetworkRequest RequestDispatcher::createRequest(NBHttpMethod method, bool follo
         m_url += QLatin1Char('?') + m_params.query(QUrl::FullyEncoded);
     NB_LOG_INFO(QStringLiteral("请求地址：%1").arg(m_url));
 
+    // Keys as the caller gave them, values as they go out (encoded).
     QString paramText = QStringLiteral("参数:\n");
-    for (const auto& item : m_params.queryItems(QUrl::FullyEncoded))
-        paramText += QStringLiteral("%1=%2\n").arg(item.first, item.second);
+    const auto keys = m_params.queryItems(QUrl::FullyDecoded);
+    const auto values = m_params.queryItems(QUrl::FullyEncoded);
+    for (int i = 0; i < values.size(); ++i)
+        paramText += QStringLiteral("%1=%2\n").arg(keys.at(i).first, values.at(i).second);
     NB_LOG_INFO(paramText);
 
     if (method != GET)
@@ -495,7 +498,7 @@ void RequestDispatcher::LogFinished(const QString& body, QNetworkReply* reply, Q
         const QString reason = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
         NB_LOG_ERROR(QStringLiteral("request error. [status]") + QStringLiteral("%1, [reason]").arg(status)
             + QStringLiteral("%2, [msg]").arg(reason) + errorText + QStringLiteral(", [url]")
-            + reply->url().toString() + QStringLiteral("[network code] %1").arg(errorCode));
+            + reply->request().url().toString() + QStringLiteral("[network code] %1").arg(errorCode));
     } else if (errorCode != QNetworkReply::NoError) {
         NB_LOG_ERROR(QStringLiteral("status code: %1 %2").arg(errorCode).arg(errorText));
     }

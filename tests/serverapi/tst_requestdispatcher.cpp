@@ -515,6 +515,35 @@ private slots:
         QVERIFY2(log.has("ERROR", "LogFinished", line), qPrintable(log.dump()));
     }
 
+    void statusLineNamesTheRequestedAddressAfterRedirects()
+    {
+        TestServer server([](const RecordedRequest& r) {
+            return r.target == "/moved" ? ServerReply::redirect("/gone") : ServerReply::withStatus(404);
+        });
+        TestLog log;
+        NBHttpClient client(server.url("/moved"));
+        Calls calls;
+        const ResponseData r = send(client, calls, true);
+        QCOMPARE(r.statusCode, 404);
+        const QString line = QStringLiteral(
+            "request error. [status]404, [reason]Not Found, [msg]%1, [url]%2[network code] 203")
+                                 .arg(r.errorString, server.url("/moved"));
+        QVERIFY2(log.has("ERROR", "LogFinished", line), qPrintable(log.dump()));
+    }
+
+    void parameterLineShowsKeysAsGivenAndValuesEncoded()
+    {
+        TestServer server;
+        TestLog log;
+        NBHttpClient client(server.url("/p"));
+        client.param("k y", "a&b");
+        Calls calls;
+        send(client, calls);
+        QCOMPARE(server.lastRequest().target, QByteArray("/p?k%20y=a%26b"));
+        QVERIFY2(log.has("INFO", "createRequest", QString::fromUtf8("参数:\nk y=a%26b\n")),
+            qPrintable(log.dump()));
+    }
+
     void redirectIsDeliveredAsItIsWhenNotFollowed()
     {
         TestServer server([](const RecordedRequest&) { return ServerReply::redirect("/elsewhere"); });

@@ -7,7 +7,8 @@
 class CNBLoggerWrapper
 {
 public:
-    enum ModuleName {
+    // Values past the last module are valid too: their lines go to the folder itself.
+    enum ModuleName : int {
         Login = 0,
         Main = 1,
         Monitor = 2,

@@ -49,6 +49,8 @@ public:
     bool debug() const { return m_debug; }
 
     QNetworkReply* reply() const { return m_reply; }
+    // How much of the body is kept so far to become the record's body.
+    int keptBodySize() const { return m_received.size(); }
     bool isRunning() const;
 
     void start(NBCompletionCallback callback, bool followRedirects);

@@ -56,13 +56,12 @@ private slots:
     {
         QString symbols;
         QCOMPARE(run("nm", { "-DC", "--defined-only", m_prefix + "/lib/libNBServerApi.so" }, &symbols), 0);
+        // Functions, data, weak template instances alike: nothing but the facade.
         int functions = 0;
         for (const QString& line : symbols.split('\n', Qt::SkipEmptyParts)) {
-            const QStringList fields = line.split(' ');
-            if (fields.value(1) != "T")
-                continue;
-            ++functions;
             QVERIFY2(line.section(' ', 2).startsWith("ServerApi::"), qPrintable(line));
+            if (line.section(' ', 1, 1) == "T")
+                ++functions;
         }
         QVERIFY(functions > 20);
     }

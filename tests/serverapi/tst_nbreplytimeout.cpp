@@ -12,6 +12,7 @@
 #include <QElapsedTimer>
 #include <QNetworkAccessManager>
 #include <QSignalSpy>
+#include <QTimer>
 
 class TestNBReplyTimeout : public QObject
 {
@@ -88,6 +89,51 @@ private slots:
         QVERIFY(!calls.downloads.isEmpty());
         for (const auto& p : calls.downloads)
             QCOMPARE(p.bytesReceived, 0);
+    }
+
+    // Reports every 50 ms against a 300 ms interval: zero-byte reports leave the
+    // timer running down, any non-zero report winds it up again.
+    void onlyNonZeroReportsRestartTheTimer_data()
+    {
+        QTest::addColumn<qint64>("bytes");
+        QTest::addColumn<bool>("timesOut");
+        QTest::newRow("0 bytes") << qint64(0) << true;
+        QTest::newRow("1 byte, never more") << qint64(1) << false;
+    }
+
+    void onlyNonZeroReportsRestartTheTimer()
+    {
+        QFETCH(qint64, bytes);
+        QFETCH(bool, timesOut);
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        QNetworkAccessManager manager;
+        // A timed-out reply is deleted later by the timer itself.
+        QPointer<QNetworkReply> reply = manager.get(QNetworkRequest(QUrl(server.url("/silent"))));
+        QPointer<NBReplyTimeout> timer = new NBReplyTimeout(reply, 300);
+        QSignalSpy spy(timer, &NBReplyTimeout::timeout);
+        int reports = 0;
+        int reportsBeforeTimeOut = -1;
+        connect(timer, &NBReplyTimeout::timeout, this, [&] { reportsBeforeTimeOut = reports; });
+        QTimer ticker;
+        connect(&ticker, &QTimer::timeout, this, [&] {
+            ++reports;
+            if (timer)
+                timer->onReceive(bytes, 100);
+        });
+        ticker.start(50);
+        QVERIFY(waitUntil([&] { return spy.count() > 0 || reports >= 24; }, 10000));
+        ticker.stop();
+        if (timesOut) {
+            QCOMPARE(spy.count(), 1);
+            QVERIFY2(reportsBeforeTimeOut >= 2 && reportsBeforeTimeOut < 24,
+                qPrintable(QString::number(reportsBeforeTimeOut)));
+            QVERIFY(!reply || reply->isFinished());
+        } else {
+            QCOMPARE(spy.count(), 0);
+            QVERIFY(reply->isRunning());
+            reply->abort();
+        }
+        delete reply.data();
     }
 
     void uploadWithOnlyZeroProgressTimesOutAfterTheInterval()

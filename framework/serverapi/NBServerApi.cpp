@@ -22,7 +22,7 @@ QString NBServerApi::combineReqUrl(const QString& base, const QString& version, 
     QUrl url(address, QUrl::TolerantMode);
     if (!url.scheme().startsWith(QLatin1String("http"))) {
         // Typed without a scheme, "host:8080" would parse with "host" as its scheme.
-        if (address.contains(QLatin1String("://")))
+        if (address.startsWith(url.scheme() + QLatin1String("://"), Qt::CaseInsensitive))
             url.setScheme(QStringLiteral("http"));
         else
             url = QUrl(QStringLiteral("http://") + address, QUrl::TolerantMode);

@@ -109,10 +109,14 @@ private slots:
                                         << "v2"
                                         << "/a"
                                         << "http://xn--hst-kna.test/v2/a";
-        QTest::newRow("query dropped") << "http://host/?x=1"
-                                       << "v2"
-                                       << "/a"
-                                       << "http://host/v2/a?x=1";
+        QTest::newRow("query kept") << "http://host/?x=1"
+                                    << "v2"
+                                    << "/a"
+                                    << "http://host/v2/a?x=1";
+        QTest::newRow("no scheme, address in the query") << "host:8080/r?u=http://x"
+                                                         << "v2"
+                                                         << "/a"
+                                                         << "http://host:8080/v2/a?u=http://x";
     }
 
     void combineReqUrl()

@@ -1,5 +1,6 @@
 // A QtTest main that runs every test in a fresh, private home: HOME and the XDG
-// folders point into a temporary folder and no proxy variable leaks in.
+// folders point into a temporary folder, the locale is fixed and no proxy variable
+// leaks in.
 #pragma once
 
 #include <QCoreApplication>

@@ -119,6 +119,14 @@ QList<QByteArray> RecordedRequest::headerNames() const
     return names;
 }
 
+QByteArray RecordedRequest::wireText() const
+{
+    QByteArray text = method + ' ' + target + '\n';
+    for (const auto& h : headers)
+        text += h.first + ": " + h.second + '\n';
+    return text + '\n' + body;
+}
+
 QByteArray RecordedRequest::path() const
 {
     const int q = target.indexOf('?');

@@ -29,6 +29,8 @@ struct RecordedRequest
     QByteArray header(const QByteArray& name) const;
     bool hasHeader(const QByteArray& name) const;
     QList<QByteArray> headerNames() const;
+    // "METHOD target", one "Name: value" line per header as received, a blank line, the body.
+    QByteArray wireText() const;
     QByteArray path() const;
     QByteArray query() const;
 };

@@ -43,9 +43,18 @@ private:
     int m_handle = 0;
 };
 
-#define NB_LOG_AT(level, message)                                                                            \
+// A source file may name its lines after another file by defining NB_LOG_SOURCE_FILE
+// before its first include.
+#ifndef NB_LOG_SOURCE_FILE
+#define NB_LOG_SOURCE_FILE __FILE__
+#endif
+
+#define NB_LOG_LINE(level, function, message)                                                                \
     CNBLoggerWrapper::instTransfer().level(                                                                  \
-        (message), QStringLiteral(__FILE__), QString::fromUtf8(__FUNCTION__), __LINE__)
+        (message), QStringLiteral(NB_LOG_SOURCE_FILE), (function), __LINE__)
+#define NB_LOG_AT(level, message) NB_LOG_LINE(level, QString::fromUtf8(__FUNCTION__), message)
 #define NB_LOG_INFO(message) NB_LOG_AT(information, message)
 #define NB_LOG_ERROR(message) NB_LOG_AT(error, message)
 #define NB_LOG_FATAL(message) NB_LOG_AT(fatal, message)
+// A line whose function field the log's readers rely on, whichever function writes it.
+#define NB_LOG_AS(level, function, message) NB_LOG_LINE(level, QStringLiteral(function), message)

@@ -8,7 +8,7 @@
 
 #include <QtNBLogger.h>
 #include <cstring>
-#include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -29,19 +29,12 @@ NBServerApi* endpoint(const char* function)
     return currentApi;
 }
 
-// Calls the endpoint's operation; without an endpoint gives -1 (an operation's
-// identifier) or an empty value, and sends nothing.
+// Calls the endpoint's setting; without an endpoint a getter reads an empty value.
 template<typename R, typename... Params, typename... Args>
-R forward(const char* function, R (NBServerApi::*operation)(Params...), Args&&... args)
+R forward(const char* function, R (NBServerApi::*setting)(Params...), Args&&... args)
 {
     NBServerApi* api = endpoint(function);
-    if (!api) {
-        if constexpr (std::is_same_v<R, long long>)
-            return -1;
-        else
-            return R();
-    }
-    return (api->*operation)(std::forward<Args>(args)...);
+    return api ? (api->*setting)(std::forward<Args>(args)...) : R();
 }
 
 } // namespace
@@ -54,7 +47,8 @@ void ServerApi::init(NBServerApiType type)
     currentApi = nullptr;
 
     NBHttpClientManager* registry = NBHttpClientManager::manager();
-    registry->setVerifyCodeSource([] { return currentApi ? currentApi->priServerVerifyCode() : QString(); });
+    // A new endpoint starts without a verification code.
+    registry->setVerifyCode(QString());
     currentType = type;
     QString text;
     switch (type) {
@@ -81,6 +75,7 @@ void ServerApi::uninit()
 {
     delete currentApi;
     currentApi = nullptr;
+    NBHttpClientManager::manager()->setVerifyCode(QString());
 }
 
 ServerApi::NBServerApiType ServerApi::type()
@@ -133,9 +128,14 @@ QString ServerApi::baseUrlString()
     return forward(__FUNCTION__, &NBServerApi::baseUrlString);
 }
 
+// Requests read the code that rides as cookie "S" from the registry's copy, so that
+// no request ever reads an endpoint that init or uninit is replacing.
 void ServerApi::setPriServerVerifyCode(QString code)
 {
-    forward(__FUNCTION__, &NBServerApi::setPriServerVerifyCode, code);
+    if (!endpoint(__FUNCTION__))
+        return;
+    currentApi->setPriServerVerifyCode(code);
+    NBHttpClientManager::manager()->setVerifyCode(code);
 }
 
 QString ServerApi::priServerVerifyCode()
@@ -224,13 +224,39 @@ void ServerApi::Cancel(long long id)
         NBHttpClientManager::manager()->cancelHttpClient(id);
 }
 
-long long ServerApi::GET(const QString& url, std::function<void(const ResponseData&)> done)
-{
-    return forward(__FUNCTION__, &NBServerApi::get, url, std::move(done));
-}
+// The server operations: each row pairs an exported name with the endpoint's slot it
+// reaches, followed by the argument types of both, callbacks last. Without an
+// endpoint an operation sends nothing and returns -1.
+#define NB_PARAMS_1(T1) T1 a1
+#define NB_PARAMS_2(T1, T2) NB_PARAMS_1(T1), T2 a2
+#define NB_PARAMS_3(T1, T2, T3) NB_PARAMS_2(T1, T2), T3 a3
+#define NB_PARAMS_4(T1, T2, T3, T4) NB_PARAMS_3(T1, T2, T3), T4 a4
+#define NB_PARAMS_5(T1, T2, T3, T4, T5) NB_PARAMS_4(T1, T2, T3, T4), T5 a5
+#define NB_PARAMS_6(T1, T2, T3, T4, T5, T6) NB_PARAMS_5(T1, T2, T3, T4, T5), T6 a6
+#define NB_PARAMS_7(T1, T2, T3, T4, T5, T6, T7) NB_PARAMS_6(T1, T2, T3, T4, T5, T6), T7 a7
+#define NB_PARAMS_8(T1, T2, T3, T4, T5, T6, T7, T8) NB_PARAMS_7(T1, T2, T3, T4, T5, T6, T7), T8 a8
+#define NB_ARGS_1(T1) std::forward<T1>(a1)
+#define NB_ARGS_2(T1, T2) NB_ARGS_1(T1), std::forward<T2>(a2)
+#define NB_ARGS_3(T1, T2, T3) NB_ARGS_2(T1, T2), std::forward<T3>(a3)
+#define NB_ARGS_4(T1, T2, T3, T4) NB_ARGS_3(T1, T2, T3), std::forward<T4>(a4)
+#define NB_ARGS_5(T1, T2, T3, T4, T5) NB_ARGS_4(T1, T2, T3, T4), std::forward<T5>(a5)
+#define NB_ARGS_6(T1, T2, T3, T4, T5, T6) NB_ARGS_5(T1, T2, T3, T4, T5), std::forward<T6>(a6)
+#define NB_ARGS_7(T1, T2, T3, T4, T5, T6, T7) NB_ARGS_6(T1, T2, T3, T4, T5, T6), std::forward<T7>(a7)
+#define NB_ARGS_8(T1, T2, T3, T4, T5, T6, T7, T8) NB_ARGS_7(T1, T2, T3, T4, T5, T6, T7), std::forward<T8>(a8)
+#define NB_COUNT_(_1, _2, _3, _4, _5, _6, _7, _8, n, ...) n
+#define NB_COUNT(...) NB_COUNT_(__VA_ARGS__, 8, 7, 6, 5, 4, 3, 2, 1, 0)
+#define NB_GLUE_(a, b) a##b
+#define NB_GLUE(a, b) NB_GLUE_(a, b)
+#define NB_FORWARD(Exported, slot, ...)                                                                      \
+    long long ServerApi::Exported(NB_GLUE(NB_PARAMS_, NB_COUNT(__VA_ARGS__))(__VA_ARGS__))                   \
+    {                                                                                                        \
+        NBServerApi* api = endpoint(#Exported);                                                              \
+        return api ? api->slot(NB_GLUE(NB_ARGS_, NB_COUNT(__VA_ARGS__))(__VA_ARGS__)) : -1;                  \
+    }
 
-long long ServerApi::POST(
-    const QString& url, QMap<QString, QString> params, std::function<void(const ResponseData&)> done)
-{
-    return forward(__FUNCTION__, &NBServerApi::post, url, std::move(params), std::move(done));
-}
+using StringMap = QMap<QString, QString>;
+
+// clang-format off
+NB_FORWARD(GET,  get,  const QString&, NBCompletionCallback)
+NB_FORWARD(POST, post, const QString&, StringMap, NBCompletionCallback)
+// clang-format on

@@ -4,15 +4,19 @@
 // value Cancel accepts) and answers later through its callbacks, on the calling
 // thread's event loop, which must be running. A completion runs once per request;
 // after an inactivity time-out it runs twice ("TimeOut" with error 4, then error 5).
+//
+// Threads: once init has run, settings and operations may be called from any thread
+// with an event loop. init and uninit replace the endpoint without a lock: call them
+// only while no other thread calls the library.
 #pragma once
 
+#include "NBServerApiConstants.h"
 #include "NBServerApiGlobal.h"
 #include "NBServerApiModels.h"
 #include "ResponseData.h"
 
 #include <QMap>
 #include <QString>
-#include <functional>
 
 class NBServerApi;
 
@@ -68,9 +72,9 @@ public:
     // Closes a running request on its thread; its completion (error 5) runs inside this call.
     static void Cancel(long long id);
 
-    static long long GET(const QString& url, std::function<void(const ResponseData&)> done);
-    static long long POST(
-        const QString& url, QMap<QString, QString> params, std::function<void(const ResponseData&)> done);
+    // The address as given, no default header, cookie or "S"; POST sends the map in key order.
+    static long long GET(const QString& url, NBCompletionCallback done);
+    static long long POST(const QString& url, QMap<QString, QString> params, NBCompletionCallback done);
 
     ServerApi() = delete;
 };

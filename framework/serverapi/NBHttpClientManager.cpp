@@ -90,19 +90,3 @@ void NBHttpClientManager::proxy(bool autoDetect, int scheme, const QString& host
     m_proxyPassword = password;
     m_proxyIsOpen = open;
 }
-
-void NBHttpClientManager::setVerifyCodeSource(std::function<QString()> source)
-{
-    QMutexLocker lock(&m_settingsMutex);
-    m_verifyCodeSource = std::move(source);
-}
-
-QString NBHttpClientManager::verifyCode() const
-{
-    std::function<QString()> source;
-    {
-        QMutexLocker lock(&m_settingsMutex);
-        source = m_verifyCodeSource;
-    }
-    return source ? source() : QString();
-}

@@ -6,7 +6,6 @@
 #include <QMutex>
 #include <QSslConfiguration>
 #include <QString>
-#include <functional>
 
 class NBHttpClient;
 class QNetworkAccessManager;
@@ -47,10 +46,10 @@ public:
     bool proxyAutoDetect() const { return read(m_proxyAutoDetect); }
     bool proxyIsOpen() const { return read(m_proxyIsOpen); }
 
-    // Where requests read the private-server verification code that rides as cookie "S".
-    // The facade installs its source; without one the code is empty.
-    void setVerifyCodeSource(std::function<QString()> source);
-    QString verifyCode() const;
+    // The private-server verification code that rides as cookie "S": a copy of the
+    // facade's, which keeps it equal to its endpoint's (empty without an endpoint).
+    void setVerifyCode(const QString& code) { write(m_verifyCode, code); }
+    QString verifyCode() const { return read(m_verifyCode); }
 
 private:
     template<typename T> T read(const T& setting) const
@@ -71,7 +70,7 @@ private:
     QNetworkAccessManager* m_networkMgr;
     QSslConfiguration m_sslConfig;
 
-    // Proxy settings and the verification code source, under their own lock.
+    // Proxy settings and the verification code, under their own lock.
     mutable QMutex m_settingsMutex;
     int m_proxyScheme = 3;
     QString m_proxyHostname;
@@ -80,7 +79,7 @@ private:
     unsigned short m_proxyPort = 0;
     bool m_proxyAutoDetect = true;
     bool m_proxyIsOpen = false;
-    std::function<QString()> m_verifyCodeSource;
+    QString m_verifyCode;
 
     QMutex m_mutex;
     QMap<long long, NBHttpClient*> m_clients;

@@ -1,7 +1,21 @@
 #include "NBRequestBuilder.h"
 
 #include "NBHttpClient.h"
+#include "NBHttpClientManager.h"
 #include "NBServerApi.h"
+
+#include <QJsonDocument>
+#include <QUrl>
+#include <QUrlQuery>
+
+namespace {
+
+void releaseThroughManager(long long id)
+{
+    NBHttpClientManager::manager()->destroy(id);
+}
+
+} // namespace
 
 NBRequestBuilder::NBRequestBuilder(NBServerApi& api, const QString& address)
     : m_api(&api)
@@ -15,6 +29,8 @@ NBRequestBuilder::NBRequestBuilder(NBRequestBuilder&& other) noexcept
     , m_client(other.m_client)
     , m_id(other.m_id)
     , m_sent(other.m_sent)
+    , m_inQuery(other.m_inQuery)
+    , m_releasedThroughEndpoint(other.m_releasedThroughEndpoint)
 {
     other.m_sent = true;
 }
@@ -22,7 +38,7 @@ NBRequestBuilder::NBRequestBuilder(NBRequestBuilder&& other) noexcept
 NBRequestBuilder::~NBRequestBuilder()
 {
     if (!m_sent)
-        m_api->deleteHttpClient(m_id);
+        NBServerApi::deleteHttpClient(m_id);
 }
 
 NBRequestBuilder& NBRequestBuilder::method(NBHttpMethod method)
@@ -54,62 +70,148 @@ NBRequestBuilder& NBRequestBuilder::session(const QString& session)
     return *this;
 }
 
-NBRequestBuilder& NBRequestBuilder::param(const QString& key, const QString& value)
-{
-    m_client->param(key, value);
-    return *this;
-}
-
-NBRequestBuilder& NBRequestBuilder::paramIfSet(const QString& key, const QString& value)
-{
-    if (!value.isEmpty())
-        m_client->param(key, value);
-    return *this;
-}
-
-NBRequestBuilder& NBRequestBuilder::flag(const QString& key, bool value)
-{
-    m_client->param(key, m_api->boolToString(value));
-    return *this;
-}
-
-NBRequestBuilder& NBRequestBuilder::number(const QString& key, qint64 value)
-{
-    m_client->param(key, QString::number(value));
-    return *this;
-}
-
-NBRequestBuilder& NBRequestBuilder::params(const QMap<QString, QString>& params)
-{
-    for (auto it = params.cbegin(); it != params.cend(); ++it)
-        m_client->param(it.key(), it.value());
-    return *this;
-}
-
 NBRequestBuilder& NBRequestBuilder::header(const QString& key, const QString& value)
 {
     m_client->header(key, value);
     return *this;
 }
 
-long long NBRequestBuilder::sent()
+NBRequestBuilder& NBRequestBuilder::rangeIfSet(const QString& range)
+{
+    if (range.isEmpty())
+        return *this;
+    return header(QStringLiteral("Range"), range).header(QStringLiteral("x-nimbraws-range"), range);
+}
+
+NBRequestBuilder& NBRequestBuilder::param(const QString& key, const QString& value)
+{
+    if (m_inQuery)
+        addQueryItem(key, value);
+    else
+        m_client->param(key, value);
+    return *this;
+}
+
+NBRequestBuilder& NBRequestBuilder::paramIfSet(const QString& key, const QString& value)
+{
+    return value.isEmpty() ? *this : param(key, value);
+}
+
+NBRequestBuilder& NBRequestBuilder::paramsIfSet(std::initializer_list<QPair<QString, QString>> pairs)
+{
+    for (const auto& pair : pairs)
+        paramIfSet(pair.first, pair.second);
+    return *this;
+}
+
+NBRequestBuilder& NBRequestBuilder::paramOrZero(const QString& key, const QString& value)
+{
+    return param(key, value.isEmpty() ? QStringLiteral("0") : value);
+}
+
+NBRequestBuilder& NBRequestBuilder::flag(const QString& key, bool value)
+{
+    return param(key, m_api->boolToString(value));
+}
+
+NBRequestBuilder& NBRequestBuilder::number(const QString& key, qint64 value)
+{
+    return param(key, QString::number(value));
+}
+
+NBRequestBuilder& NBRequestBuilder::params(const QMap<QString, QString>& params)
+{
+    for (auto it = params.cbegin(); it != params.cend(); ++it)
+        param(it.key(), it.value());
+    return *this;
+}
+
+NBRequestBuilder& NBRequestBuilder::json(const QJsonDocument& document, JsonText text)
+{
+    const QByteArray bytes = document.toJson();
+    return param(
+        QStringLiteral("json"), text == Latin1 ? QString::fromLatin1(bytes) : QString::fromUtf8(bytes));
+}
+
+NBRequestBuilder& NBRequestBuilder::inQuery()
+{
+    m_inQuery = true;
+    return *this;
+}
+
+// Qt's query encoding, except that a "%" of the value is always the character itself:
+// the query would otherwise read "%41" in a file name as an encoded "A".
+void NBRequestBuilder::addQueryItem(const QString& key, const QString& value)
+{
+    const auto literal = [](QString text) {
+        return text.replace(QLatin1Char('%'), QLatin1String("%25"));
+    };
+    QUrl url(m_client->url(), QUrl::TolerantMode);
+    QUrlQuery query(url);
+    query.addQueryItem(literal(key), literal(value));
+    url.setQuery(query);
+    m_client->setUrl(url.toString(QUrl::FullyEncoded));
+}
+
+NBRequestBuilder& NBRequestBuilder::extraQuery(const QString& extra)
+{
+    if (!extra.isEmpty())
+        m_client->setUrl(QStringLiteral("%1&%2").arg(m_client->url(), extra));
+    return *this;
+}
+
+NBRequestBuilder& NBRequestBuilder::releasedThroughEndpoint()
+{
+    m_releasedThroughEndpoint = true;
+    return *this;
+}
+
+NBCompletionCallback NBRequestBuilder::handler(NBCompletionCallback done)
 {
     m_sent = true;
+    return NBServerApi::replyHandler(std::move(done), m_id,
+        m_releasedThroughEndpoint ? &NBServerApi::deleteHttpClient : &releaseThroughManager);
+}
+
+// The request may complete inside the call and release the client: nothing of the
+// client is touched after, and the identifier is the builder's own.
+long long NBRequestBuilder::send(NBCompletionCallback done, Redirects redirects)
+{
+    m_client->request(handler(std::move(done)), redirects == FollowRedirects);
     return m_id;
 }
 
-// The request may complete inside the call and release the handle: the identifier is
-// taken before and nothing of the client is touched after.
-long long NBRequestBuilder::send(NBCompletionCallback done)
+long long NBRequestBuilder::download(
+    NBDataCallback onData, NBDownloadProgressCallback onProgress, NBCompletionCallback done)
 {
-    const long long id = sent();
-    m_client->request(NBServerApi::replyHandler(std::move(done), id), true);
-    return id;
+    m_client->download(std::move(onData), std::move(onProgress), handler(std::move(done)));
+    return m_id;
 }
 
-long long NBRequestBuilder::sendWithoutRedirects(NBCompletionCallback done)
+long long NBRequestBuilder::downloadTo(
+    const QString& filePath, NBDownloadProgressCallback onProgress, NBCompletionCallback done)
 {
-    const long long id = sent();
-    m_client->request(NBServerApi::replyHandler(std::move(done), id), false);
-    return id;
+    m_client->download(filePath, std::move(onProgress), handler(std::move(done)));
+    return m_id;
+}
+
+long long NBRequestBuilder::downloadUsePost(
+    NBDataCallback onData, NBDownloadProgressCallback onProgress, NBCompletionCallback done)
+{
+    m_client->downloadUsePost(std::move(onData), std::move(onProgress), handler(std::move(done)));
+    return m_id;
+}
+
+long long NBRequestBuilder::upload(
+    const QString& filePath, NBUploadProgressCallback onProgress, NBCompletionCallback done)
+{
+    m_client->upload(filePath, std::move(onProgress), handler(std::move(done)));
+    return m_id;
+}
+
+long long NBRequestBuilder::upload(
+    const QByteArray& data, NBUploadProgressCallback onProgress, NBCompletionCallback done)
+{
+    m_client->upload(data, std::move(onProgress), handler(std::move(done)));
+    return m_id;
 }

@@ -1,11 +1,10 @@
 // One server operation's request, written as its table reads: the address, then
 // the steps in the order the operation fixes them, then the send.
 //
-//     return request(m_lockUrl)
-//         .method(POST)
+//     return request(combinPath(m_lockUrl, m.path))
+//         .with(entryParams, m)
+//         .number("time", m.time)
 //         .withDefaults()
-//         .param("path", m.path)
-//         .paramIfSet("neid", m.neid)
 //         .send(std::move(done));
 #pragma once
 
@@ -13,14 +12,21 @@
 #include "ResponseData.h"
 
 #include <QMap>
+#include <QPair>
 #include <QString>
+#include <initializer_list>
 
 class NBHttpClient;
 class NBServerApi;
+class QJsonDocument;
 
 class NBRequestBuilder
 {
 public:
+    enum Redirects { FollowRedirects, NoRedirects };
+    // How the bytes of a JSON document become the text of its parameter.
+    enum JsonText { Utf8, Latin1 };
+
     // Creates the client for the address and registers it; the identifier is final.
     NBRequestBuilder(NBServerApi& api, const QString& address);
     NBRequestBuilder(NBRequestBuilder&& other) noexcept;
@@ -34,29 +40,63 @@ public:
     NBRequestBuilder& verifyCode();
     // A session of the operation's own, added to the cookie.
     NBRequestBuilder& session(const QString& session);
+    NBRequestBuilder& header(const QString& key, const QString& value);
+    // Both range headers, with the same value, when it is set.
+    NBRequestBuilder& rangeIfSet(const QString& range);
 
+    // Parameters: request parameters, or after inQuery() items of the address's query.
     NBRequestBuilder& param(const QString& key, const QString& value);
     NBRequestBuilder& paramIfSet(const QString& key, const QString& value);
+    // Each pair whose value is set, in the order listed.
+    NBRequestBuilder& paramsIfSet(std::initializer_list<QPair<QString, QString>> pairs);
+    // An empty value goes out as "0".
+    NBRequestBuilder& paramOrZero(const QString& key, const QString& value);
     NBRequestBuilder& flag(const QString& key, bool value);
     NBRequestBuilder& number(const QString& key, qint64 value);
     // Every entry, in key order.
     NBRequestBuilder& params(const QMap<QString, QString>& params);
-    NBRequestBuilder& header(const QString& key, const QString& value);
+    // The document as Qt's indented JSON text, in the parameter "json".
+    NBRequestBuilder& json(const QJsonDocument& document, JsonText text = Utf8);
+    // A group of parameters that several operations share (NBRequestParams.h).
+    template<typename Group, typename Model> NBRequestBuilder& with(const Group& group, const Model& model)
+    {
+        group(*this, model);
+        return *this;
+    }
+    // From here on, parameters go into the address's query: the body carries content.
+    NBRequestBuilder& inQuery();
+    // Appends "&" and the text to the address as it is, when the text is set.
+    NBRequestBuilder& extraQuery(const QString& extra);
+
+    // The completion releases the handle through the endpoint's deleteHttpClient.
+    NBRequestBuilder& releasedThroughEndpoint();
 
     long long id() const { return m_id; }
     NBHttpClient* client() const { return m_client; }
 
-    // Sends with redirects followed; the callback runs once, then the handle is released.
-    long long send(NBCompletionCallback done);
-    long long sendWithoutRedirects(NBCompletionCallback done);
+    // Each send returns the identifier; the completion runs once (twice after an
+    // inactivity time-out), then the handle is released.
+    long long send(NBCompletionCallback done, Redirects redirects = FollowRedirects);
+    long long download(
+        NBDataCallback onData, NBDownloadProgressCallback onProgress, NBCompletionCallback done);
+    long long downloadTo(
+        const QString& filePath, NBDownloadProgressCallback onProgress, NBCompletionCallback done);
+    long long downloadUsePost(
+        NBDataCallback onData, NBDownloadProgressCallback onProgress, NBCompletionCallback done);
+    long long upload(const QString& filePath, NBUploadProgressCallback onProgress, NBCompletionCallback done);
+    long long upload(const QByteArray& data, NBUploadProgressCallback onProgress, NBCompletionCallback done);
 
 private:
     NBRequestBuilder(const NBRequestBuilder&) = delete;
     NBRequestBuilder& operator=(const NBRequestBuilder&) = delete;
-    long long sent();
+    // Marks the request sent and wraps the caller's callback in the reply handler.
+    NBCompletionCallback handler(NBCompletionCallback done);
+    void addQueryItem(const QString& key, const QString& value);
 
     NBServerApi* m_api;
     NBHttpClient* m_client;
     long long m_id;
     bool m_sent = false;
+    bool m_inQuery = false;
+    bool m_releasedThroughEndpoint = false;
 };

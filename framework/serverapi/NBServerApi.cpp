@@ -4,6 +4,7 @@
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
 
+#include <NBConfigure.h>
 #include <QUrl>
 #include <QUrlQuery>
 
@@ -114,17 +115,17 @@ void NBServerApi::cancel(long long id)
     NBHttpClientManager::manager()->cancelHttpClient(id);
 }
 
-long long NBServerApi::getNoRedirect(const QString& url, Done done)
+long long NBServerApi::getNoRedirect(const QString& url, NBCompletionCallback done)
 {
-    return requestTo(url).sendWithoutRedirects(std::move(done));
+    return requestTo(url).send(std::move(done), NBRequestBuilder::NoRedirects);
 }
 
-long long NBServerApi::get(const QString& url, Done done)
+long long NBServerApi::get(const QString& url, NBCompletionCallback done)
 {
     return requestTo(url).send(std::move(done));
 }
 
-long long NBServerApi::post(const QString& url, QMap<QString, QString> params, Done done)
+long long NBServerApi::post(const QString& url, QMap<QString, QString> params, NBCompletionCallback done)
 {
     return requestTo(url).method(POST).params(params).send(std::move(done));
 }
@@ -225,12 +226,18 @@ int NBServerApi::pathTypeNumber(const QString& pathType)
     return 0;
 }
 
-NBServerApi::Done NBServerApi::replyHandler(Done done, long long id)
+QString NBServerApi::hostLanguage()
 {
-    return [done = std::move(done), id](const ResponseData& response) {
+    return NBConfigure::getQStringAttribute(NBConfigure::Language);
+}
+
+NBCompletionCallback NBServerApi::replyHandler(
+    NBCompletionCallback done, long long id, void (*release)(long long id))
+{
+    return [done = std::move(done), id, release](const ResponseData& response) {
         if (done)
             done(response);
-        NBHttpClientManager::manager()->destroy(id);
+        release(id);
     };
 }
 

@@ -13,19 +13,11 @@
 
 class NBHttpClient;
 
-namespace NBUtil {
-// A folder name for the host; the library itself does not use it.
-inline const QString sBoxAppDataPath = QStringLiteral("NimbraData");
-} // namespace NBUtil
-
 class NBServerApi
 {
 public:
-    using Done = NBCompletionCallback;
-
-    static inline const QString COOKIE_SESSION = QStringLiteral("X-NIMBRA-SESS-ID");
-    // Defined for the host; the library never applies it by itself.
-    static inline const QString SZ_USER_AGENT = QStringLiteral("NBClientMac");
+    static inline const QString COOKIE_SESSION = NBConstants::COOKIE_SESSION;
+    static inline const QString SZ_USER_AGENT = NBConstants::SZ_USER_AGENT;
     static inline const QString PATHTYPE_ENT = NBPathType::Ent;
     static inline const QString PATHTYPE_SELF = NBPathType::Self;
     static inline const QString PATHTYPE_SHARE_IN = NBPathType::ShareIn;
@@ -47,9 +39,9 @@ public:
     virtual QString boolToString(bool value);
     virtual void cancel(long long id);
     // The generic requests send the address as given: no default header, cookie or "S".
-    virtual long long getNoRedirect(const QString& url, Done done);
-    virtual long long get(const QString& url, Done done);
-    virtual long long post(const QString& url, QMap<QString, QString> params, Done done);
+    virtual long long getNoRedirect(const QString& url, NBCompletionCallback done);
+    virtual long long get(const QString& url, NBCompletionCallback done);
+    virtual long long post(const QString& url, QMap<QString, QString> params, NBCompletionCallback done);
 
     // Settings; each read or write is atomic under the settings lock.
     void setBaseUrlString(const QString& url);
@@ -66,15 +58,21 @@ public:
     QString priServerVerifyCode();
 
     long long createHandle(NBHttpClient* client);
-    void deleteHttpClient(long long id);
+    // Needs no endpoint: a completion may release its handle after the endpoint is gone.
+    static void deleteHttpClient(long long id);
 
     // The number the operation log sends for a path type: matched without regard to
     // case, unknown names give 0.
     static int pathTypeNumber(const QString& pathType);
 
-    // Wraps the caller's callback: calls it with the record unchanged, then releases the
-    // handle. Holds no pointer to the endpoint, so it works after the endpoint is gone.
-    static Done replyHandler(Done done, long long id);
+    // The host configuration's language (attribute 59), which transfers send as "language".
+    static QString hostLanguage();
+
+    // Wraps the caller's callback: calls it (when set) with the record unchanged, then
+    // releases the handle with `release`. Holds no pointer to the endpoint, so it works
+    // after the endpoint is gone.
+    static NBCompletionCallback replyHandler(
+        NBCompletionCallback done, long long id, void (*release)(long long id));
 
 protected:
     // A request to one of this server's operations: "<scheme://host:port>/<version><path>".

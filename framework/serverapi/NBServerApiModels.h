@@ -3,19 +3,10 @@
 // field only when it is non-empty.
 #pragma once
 
+#include "NBServerApiConstants.h"
+
 #include <QList>
 #include <QString>
-
-// The space an entry lives in, sent as "path_type".
-namespace NBPathType {
-inline const QString Ent = QStringLiteral("ent");
-inline const QString Self = QStringLiteral("self");
-inline const QString ShareIn = QStringLiteral("share_in");
-inline const QString ShareOut = QStringLiteral("share_out");
-inline const QString BookMark = QStringLiteral("book_mark");
-inline const QString Trans = QStringLiteral("trans");
-inline const QString Recycle = QStringLiteral("recycle");
-} // namespace NBPathType
 
 struct NBServerApiEntryModel
 {

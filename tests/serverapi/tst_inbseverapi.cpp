@@ -2,6 +2,7 @@
 // generic requests, with and without an endpoint.
 #include "CNBLoggerWrapper.h"
 #include "Calls.h"
+#include "Golden.h"
 #include "INBSeverApi.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
@@ -202,20 +203,31 @@ private slots:
         QCOMPARE(ServerApi::proxyHostname(), QString("kept.test"));
     }
 
-    void genericRequestsThroughTheFacade()
+    // The generic requests send the address and the map as given: no default header,
+    // no cookie, no "S", whatever the settings.
+    void genericRequestsOnTheWire_data()
     {
-        TestServer server;
-        ServerApi::init(ServerApi::PublicCloud);
-        Calls calls;
-        const long long getId = ServerApi::GET(server.url("/g?a=1"), calls.completion());
-        QVERIFY(getId >= 0);
-        QVERIFY(calls.waitForCompletions(1));
-        QCOMPARE(server.lastRequest().target, QByteArray("/g?a=1"));
-        ServerApi::POST(server.url("/p"), { { "k", "v w" } }, calls.completion());
-        QVERIFY(calls.waitForCompletions(2));
-        QCOMPARE(server.lastRequest().body, QByteArray("k=v%20w"));
-        QVERIFY(NBHttpClientManager::manager()->getHttpClient(getId) == nullptr);
+        Golden::addRows({
+            golden("GET",
+                [](GoldenContext& c) {
+                    return ServerApi::GET(c.url("/g?a=1&b=x%20y&S=mine"), c.calls.completion());
+                })
+                .verifyCode("vc")
+                .sends(AllDeployments,
+                    "GET /g?a=1&b=x%20y&S=mine\nHost: {host}\nAccept: */*\n{qt}User-Agent: Mozilla/5.0\n\n"),
+            golden("POST",
+                [](GoldenContext& c) {
+                    return ServerApi::POST(
+                        c.url("/p?x=1"), { { "b", "2" }, { "a", "x y&z=é" } }, c.calls.completion());
+                })
+                .verifyCode("vc")
+                .sends(AllDeployments,
+                    "POST /p?x=1\nHost: {host}\n{form}Content-Length: {length}\n{qt}User-Agent: Mozilla/5.0\n"
+                    "\na=x%20y%26z%3D%C3%A9&b=2"),
+        });
     }
+
+    void genericRequestsOnTheWire() { Golden::run(); }
 
     void cancelReachesARunningRequest()
     {
@@ -270,6 +282,26 @@ private slots:
         ServerApi::Cancel(id);
         QCOMPARE(calls.completions.size(), 1);
         QCOMPARE(calls.last().networkError, 5);
+    }
+
+    void registryKeepsACopyOfTheEndpointsVerificationCode()
+    {
+        NBHttpClientManager* registry = NBHttpClientManager::manager();
+        ServerApi::init(ServerApi::Private);
+        ServerApi::setPriServerVerifyCode("one");
+        QCOMPARE(registry->verifyCode(), QString("one"));
+        ServerApi::init(ServerApi::Private);
+        QCOMPARE(registry->verifyCode(), QString("one"));
+        ServerApi::init(ServerApi::PrivateSix);
+        QCOMPARE(ServerApi::priServerVerifyCode(), QString());
+        QCOMPARE(registry->verifyCode(), QString());
+        ServerApi::setPriServerVerifyCode("two");
+        ServerApi::uninit();
+        QCOMPARE(registry->verifyCode(), QString());
+        ServerApi::setPriServerVerifyCode("ignored");
+        QCOMPARE(registry->verifyCode(), QString());
+        ServerApi::init(ServerApi::NBServerApiType(9));
+        QCOMPARE(registry->verifyCode(), QString());
     }
 
     void verifyCodeOfTheFacadeRidesAsCookieS()

@@ -247,6 +247,34 @@ private slots:
         QVERIFY2(proxy.log().contains("/proxied"), qPrintable(proxy.log()));
     }
 
+    void manualProxyCarriesAMultipartUpload()
+    {
+        TinyProxy proxy;
+        QVERIFY(proxy.isRunning());
+        TestServer server(
+            [](const RecordedRequest& r) { return ServerReply::ok(QByteArray::number(r.body.size())); });
+        NBHttpClientManager::manager()->proxy(false, QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"),
+            proxy.port(), QString(), QString(), true);
+        NBHttpClient client(server.url("/form"));
+        client.param("a", "1");
+        const QByteArray payload(300000, 'm');
+        Calls calls;
+        client.mulitUpload(QString(), payload, calls.uploadProgress(), calls.completion());
+        QVERIFY(calls.waitForCompletions(1, 20000));
+        QCOMPARE(calls.last().statusCode, 200);
+        const RecordedRequest r = server.lastRequest();
+        QCOMPARE(r.target, QByteArray("/form"));
+        QVERIFY2(r.header("Via").contains("tinyproxy"), qPrintable(r.header("Via")));
+        QVERIFY2(proxy.log().contains("/form"), qPrintable(proxy.log()));
+        // The whole multipart body passed the proxy: its parts, the file part last.
+        QCOMPARE(r.header("Content-Length"), QByteArray::number(r.body.size()));
+        QVERIFY(r.body.contains("Content-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n"));
+        QVERIFY(r.body.contains("filename=\"no-name\""));
+        QVERIFY(r.body.contains(payload));
+        QCOMPARE(calls.last().body, QString::number(r.body.size()));
+        QVERIFY(!calls.uploads.isEmpty());
+    }
+
     void autoDetectedProxyFollowsTheEnvironment()
     {
         TinyProxy proxy;

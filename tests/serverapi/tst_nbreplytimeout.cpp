@@ -1,8 +1,10 @@
 // The inactivity timer: a request without progress ends in two completions, a
 // request that keeps making progress never times out.
 #include "Calls.h"
+#include "Golden.h"
 #include "InactivityInterval.h"
 #include "NBHttpClient.h"
+#include "NBHttpClientManager.h"
 #include "NBReplyTimeout.h"
 #include "TestLog.h"
 #include "TestMain.h"
@@ -42,6 +44,54 @@ private slots:
         QVERIFY(log.has("FATAL", "operator()", QString::fromUtf8("触发超时")));
         QTest::qWait(400);
         QCOMPARE(calls.completions.size(), 2);
+    }
+
+    // Every line a timed-out request leaves, in order: the build, the time-out record
+    // (read while the reply still runs, so with no error of its own), then the abort's
+    // error and finish with the cancelled record.
+    void traceOfATimeOutInOrder()
+    {
+        ScopedInactivityInterval interval(300);
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        NBHttpClientManager::manager(); // its first use writes a line of its own
+        TestLog log;
+        NBHttpClient client(server.url("/silent"));
+        client.param("a", "1");
+        Calls calls;
+        client.request(calls.completion(), true);
+        QVERIFY(calls.waitForCompletions(2));
+        QTest::qWait(50);
+        QStringList seen;
+        for (const LogEntry& e : log.entries()) {
+            QCOMPARE(e.file, QString("NBHttpClient.cpp"));
+            seen << e.level + ' ' + e.function + ' ' + e.message;
+        }
+        const QString address = server.url("/silent?a=1");
+        const QString cancelled = calls.completions[1].errorString;
+        QCOMPARE(cancelled, QString("Operation canceled"));
+        const QStringList expected {
+            QString::fromUtf8("INFO createRequest 请求地址：%1").arg(address),
+            QString::fromUtf8("INFO createRequest 参数:\na=1\n"),
+            QString::fromUtf8("INFO createRequest Request Header:\nAccept : */* \n"),
+            QString::fromUtf8("FATAL operator() 触发超时"),
+            QString::fromUtf8("INFO LogFinished 处理响应数据"),
+            QString::fromUtf8("ERROR LogFinished request error. [status]0, [reason], [msg]Unknown error, "
+                              "[url]%1[network code] 0")
+                .arg(address),
+            QString::fromUtf8("INFO LogFinished Cookie:\n"),
+            QString::fromUtf8("INFO LogFinished Header:\n"),
+            QString::fromUtf8("FATAL operator() QNetworkReply错误码: 5 原因:%1").arg(cancelled),
+            QString::fromUtf8("FATAL operator() 请求结束"),
+            QString::fromUtf8("INFO LogFinished 处理响应数据"),
+            QString::fromUtf8("ERROR LogFinished request error. [status]0, [reason], [msg]%1, "
+                              "[url]%2[network code] 5")
+                .arg(cancelled, address),
+            QString::fromUtf8("INFO LogFinished Cookie:\n"),
+            QString::fromUtf8("INFO LogFinished Header:\n"),
+            QString::fromUtf8("ERROR LogFinished [失败] 请求结束: %1").arg(cancelled),
+        };
+        if (seen != expected)
+            QFAIL(qPrintable(Golden::lineDiff(expected.join("\n|").toUtf8(), seen.join("\n|").toUtf8())));
     }
 
     void timeOutOfAHandleReleasedByItsFirstCompletionIsSafe()

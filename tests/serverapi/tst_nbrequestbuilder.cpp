@@ -2,9 +2,16 @@
 #include "Calls.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
+#include "NBRequestParams.h"
 #include "ProbeApi.h"
 #include "TestMain.h"
 #include "TestServer.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
 
 class TestNBRequestBuilder : public QObject
 {
@@ -28,7 +35,7 @@ private slots:
         m_api.setSessionID(QString());
         m_api.setLanguage(QString());
         m_api.setPriServerVerifyCode(QString());
-        NBHttpClientManager::manager()->setVerifyCodeSource({});
+        NBHttpClientManager::manager()->setVerifyCode(QString());
     }
 
     void addressIsComposedFromTheSettings()
@@ -92,6 +99,118 @@ private slots:
         QCOMPARE(builder.client() != nullptr, true);
     }
 
+    void vocabularyOfTheTables()
+    {
+        NBServerApiEntryModel entry;
+        entry.path = "/a b";
+        entry.pathType = "ent";
+        entry.neid = "7";
+        NBRequestBuilder builder = m_api.request("/op");
+        builder.with(entryParams, entry)
+            .paramOrZero("syncCid", "")
+            .paramOrZero("pullJid", "12")
+            .paramsIfSet({ { "x", "" }, { "y", "2" }, { "z", "3" } })
+            .rangeIfSet("")
+            .rangeIfSet("bytes=1-2");
+        Calls calls;
+        const RecordedRequest r = sent(builder, calls);
+        QCOMPARE(
+            r.target, QByteArray("/v2/op?path=%2Fa%20b&path_type=ent&neid=7&syncCid=0&pullJid=12&y=2&z=3"));
+        QCOMPARE(r.header("Range"), QByteArray("bytes=1-2"));
+        QCOMPARE(r.header("x-nimbraws-range"), QByteArray("bytes=1-2"));
+    }
+
+    void jsonDocumentIsOneIndentedParameter()
+    {
+        const QJsonDocument document(QJsonArray { QJsonObject { { "neid", "é1" } } });
+        NBRequestBuilder utf8 = m_api.request("/op");
+        utf8.method(POST).json(document);
+        Calls first;
+        QCOMPARE(
+            sent(utf8, first).body, "json=" + QUrl::toPercentEncoding(QString::fromUtf8(document.toJson())));
+        QVERIFY(document.toJson().contains("\n    {\n        \"neid\""));
+        NBRequestBuilder latin1 = m_api.request("/op");
+        latin1.method(POST).json(document, NBRequestBuilder::Latin1);
+        Calls second;
+        // Each byte read as one character: "é" (two bytes) becomes two characters.
+        QCOMPARE(sent(latin1, second).body,
+            "json=" + QUrl::toPercentEncoding(QString::fromLatin1(document.toJson())));
+    }
+
+    void parametersInTheQueryOfTheAddress()
+    {
+        NBRequestBuilder builder = m_api.request("/up");
+        builder.inQuery()
+            .param("path", "/a b/é&c=d+e")
+            .paramIfSet("neid", "")
+            .flag("overwrite", false)
+            .param("name", "100%41 #x")
+            .param("&", "v");
+        QCOMPARE(builder.client()->url(),
+            m_server.url("/v2/up?path=/a%20b/%C3%A9%26c%3Dd+e&overwrite=false&name=100%2541%20%23x&%26=v"));
+        Calls calls;
+        builder.upload(QByteArray("body"), {}, calls.completion());
+        QVERIFY(calls.waitForCompletions(1));
+        const RecordedRequest r = m_server.lastRequest();
+        QCOMPARE(r.target,
+            QByteArray("/v2/up?path=/a%20b/%C3%A9%26c%3Dd+e&overwrite=false&name=100%2541%20%23x&%26=v"));
+        QCOMPARE(r.body, QByteArray("body"));
+    }
+
+    void extraQueryIsAppendedAsItIs()
+    {
+        NBRequestBuilder builder = m_api.request("/op");
+        builder.extraQuery("").extraQuery("k=v w&x");
+        QCOMPARE(builder.client()->url(), m_server.url("/v2/op&k=v w&x"));
+        builder.param("a", "1");
+        Calls calls;
+        QCOMPARE(sent(builder, calls).target, QByteArray("/v2/op&k=v%20w&x?a=1"));
+    }
+
+    void releasedThroughTheEndpointAfterTheEndpointIsGone()
+    {
+        TestServer slow([](const RecordedRequest&) { return ServerReply::drip("late", 30); });
+        auto* api = new ProbeApi;
+        api->setBaseUrlString(slow.url());
+        Calls calls;
+        long long id;
+        {
+            NBRequestBuilder builder = api->request("/op");
+            id = builder.releasedThroughEndpoint().send(calls.completion());
+        }
+        delete api;
+        QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) != nullptr);
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(calls.last().body, QString("late"));
+        QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
+    }
+
+    void transferSendsReturnTheIdentifierAndRelease()
+    {
+        TestServer files([](const RecordedRequest&) { return ServerReply::ok("content", "text/plain"); });
+        m_api.setBaseUrlString(files.url());
+        QTemporaryDir dir;
+        const QString target = dir.filePath("t.txt");
+        const QString source = dir.filePath("s.txt");
+        QFile(source).open(QIODevice::WriteOnly);
+        Calls calls;
+        QList<long long> ids;
+        ids << m_api.request("/d").download(calls.data(), {}, calls.completion())
+            << m_api.request("/f").downloadTo(target, {}, calls.completion())
+            << m_api.request("/p").downloadUsePost(calls.data(), {}, calls.completion())
+            << m_api.request("/u").upload(source, {}, calls.completion())
+            << m_api.request("/b").upload(QByteArray("b"), {}, calls.completion());
+        QVERIFY(calls.waitForCompletions(5));
+        for (long long id : ids) {
+            QVERIFY(id >= 0);
+            QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
+        }
+        QCOMPARE(files.requestCount(), 5);
+        QFile file(target);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), QByteArray("content"));
+    }
+
     void paramsOfAMapGoInKeyOrder()
     {
         NBRequestBuilder builder = m_api.requestTo(m_server.url("/raw"));
@@ -130,7 +249,7 @@ private slots:
         m_api.setBaseUrlString(redirecting.url());
         NBRequestBuilder builder = m_api.request("/op");
         Calls calls;
-        builder.sendWithoutRedirects(calls.completion());
+        builder.send(calls.completion(), NBRequestBuilder::NoRedirects);
         QVERIFY(calls.waitForCompletions(1));
         QCOMPARE(calls.last().statusCode, 301);
         QCOMPARE(redirecting.requestCount(), 1);

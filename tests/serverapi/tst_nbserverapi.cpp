@@ -27,7 +27,7 @@ class TestNBServerApi : public QObject
     }
 
 private slots:
-    void init() { NBHttpClientManager::manager()->setVerifyCodeSource({}); }
+    void init() { NBHttpClientManager::manager()->setVerifyCode(QString()); }
 
     void defaults()
     {
@@ -298,7 +298,7 @@ private slots:
         api.setBaseUrlString(server.url("/"));
         api.setSessionID("sess");
         api.setPriServerVerifyCode("vc");
-        NBHttpClientManager::manager()->setVerifyCodeSource([&api] { return api.priServerVerifyCode(); });
+        NBHttpClientManager::manager()->setVerifyCode(api.priServerVerifyCode());
         Calls calls;
         api.probe("one", calls.completion());
         QVERIFY(calls.waitForCompletions(1));

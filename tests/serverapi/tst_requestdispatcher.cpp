@@ -51,7 +51,7 @@ class TestRequestDispatcher : public QObject
 {
     Q_OBJECT
 private slots:
-    void init() { NBHttpClientManager::manager()->setVerifyCodeSource({}); }
+    void init() { NBHttpClientManager::manager()->setVerifyCode(QString()); }
 
     // Each row: what the caller sets on the handle, and the request the server must
     // receive, whole ("{host}" stands for the server's address).
@@ -117,7 +117,7 @@ private slots:
         QFETCH(QString, verifyCode);
         QFETCH(QByteArray, wire);
         if (!verifyCode.isEmpty())
-            NBHttpClientManager::manager()->setVerifyCodeSource([verifyCode] { return verifyCode; });
+            NBHttpClientManager::manager()->setVerifyCode(verifyCode);
         TestServer server;
         NBHttpClient client(server.url("/p"));
         client.httpMethod(NBHttpMethod(method));

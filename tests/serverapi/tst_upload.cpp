@@ -75,7 +75,7 @@ class TestUpload : public QObject
     QTemporaryDir m_dir;
 
 private slots:
-    void init() { NBHttpClientManager::manager()->setVerifyCodeSource({}); }
+    void init() { NBHttpClientManager::manager()->setVerifyCode(QString()); }
 
     void missingFileCompletesInsideTheCallAndSendsNothing_data()
     {
@@ -141,7 +141,7 @@ private slots:
 
     void uploadsSendTheCookieHeaderAsItIs()
     {
-        NBHttpClientManager::manager()->setVerifyCodeSource([] { return QStringLiteral("vc"); });
+        NBHttpClientManager::manager()->setVerifyCode(QStringLiteral("vc"));
         TestServer server;
         NBHttpClient client(server.url("/up"));
         client.header("Cookie", "language=zh;X-NIMBRA-SESS-ID=s;");

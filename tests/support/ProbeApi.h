@@ -10,7 +10,7 @@ public:
     using NBServerApi::request;
     using NBServerApi::requestTo;
 
-    long long probe(const QString& name, Done done)
+    long long probe(const QString& name, NBCompletionCallback done)
     {
         return request(combinPath(QStringLiteral("/probe"), name))
             .withDefaults()

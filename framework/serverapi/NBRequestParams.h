@@ -1,0 +1,37 @@
+// The wire names that many operations share, and the parameter groups built from
+// them; an operation applies a group in one builder step, `.with(entryParams, m)`.
+#pragma once
+
+#include "NBRequestBuilder.h"
+
+#include <QString>
+
+namespace NBKey {
+inline const QString Path = QStringLiteral("path");
+inline const QString PathType = QStringLiteral("path_type");
+inline const QString From = QStringLiteral("from");
+inline const QString Neid = QStringLiteral("neid");
+inline const QString Nsid = QStringLiteral("nsid");
+inline const QString PrefixNeid = QStringLiteral("prefix_neid");
+inline const QString IgnorePrefixPath = QStringLiteral("ignore_prefix_path");
+inline const QString Root = QStringLiteral("root");
+inline const QString Cursor = QStringLiteral("cursor");
+inline const QString Rev = QStringLiteral("rev");
+inline const QString ParentRev = QStringLiteral("parent_rev");
+inline const QString OpType = QStringLiteral("op_type");
+inline const QString Overwrite = QStringLiteral("overwrite");
+inline const QString Bytes = QStringLiteral("bytes");
+inline const QString Hashes = QStringLiteral("hashes[]");
+inline const QString Language = QStringLiteral("language");
+inline const QString Token = QStringLiteral("token");
+inline const QString VerifyCode = QStringLiteral("S");
+} // namespace NBKey
+
+// An entry as most operations name it: "path", "path_type", then "from", "neid" and
+// "prefix_neid" when set.
+inline constexpr auto entryParams = [](NBRequestBuilder& request, const auto& entry) {
+    request.param(NBKey::Path, entry.path)
+        .param(NBKey::PathType, entry.pathType)
+        .paramsIfSet({ { NBKey::From, entry.from }, { NBKey::Neid, entry.neid },
+            { NBKey::PrefixNeid, entry.prefixNeid } });
+};

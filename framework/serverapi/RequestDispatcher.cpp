@@ -1,0 +1,576 @@
+// The request trace is read by the file name of the handle that requests go through.
+#define NB_LOG_SOURCE_FILE "NBHttpClient.cpp"
+
+#include "RequestDispatcher.h"
+
+#include "CNBLoggerWrapper.h"
+#include "NBHttpClientManager.h"
+#include "NBNetworkCookieJar.h"
+#include "NBReplyTimeout.h"
+
+#include <NBUtil.h>
+#include <QFile>
+#include <QHttpMultiPart>
+#include <QNetworkAccessManager>
+#include <QNetworkCookie>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QTextStream>
+
+namespace {
+const QString FormContentType = QStringLiteral("application/x-www-form-urlencoded;application/json");
+}
+
+RequestDispatcher::RequestDispatcher(const QString& url, QObject* parent)
+    : QObject(parent)
+    , m_url(url)
+    , m_manager(new QNetworkAccessManager(this))
+{
+}
+
+RequestDispatcher::~RequestDispatcher()
+{
+    releaseFile();
+    if (m_multipart) {
+        m_multipart->deleteLater();
+        m_multipart = nullptr;
+    }
+    if (m_reply) {
+        m_reply->disconnect();
+        m_reply->deleteLater();
+        m_reply = nullptr;
+    }
+    NB_LOG_INFO(QStringLiteral("~RequestDispatcher()"));
+}
+
+void RequestDispatcher::addParam(const QString& key, const QString& encodedValue)
+{
+    m_params.addQueryItem(key, encodedValue);
+}
+
+void RequestDispatcher::setHeader(const QString& key, const QString& value)
+{
+    for (auto& header : m_headers) {
+        if (header.first == key) {
+            header.second = value;
+            return;
+        }
+    }
+    m_headers.append({ key, value });
+}
+
+QString RequestDispatcher::header(const QString& key) const
+{
+    for (const auto& header : m_headers) {
+        if (header.first == key)
+            return header.second;
+    }
+    return QString();
+}
+
+bool RequestDispatcher::isRunning() const
+{
+    return m_reply && m_reply->isRunning();
+}
+
+void RequestDispatcher::start(NBCompletionCallback callback, bool followRedirects)
+{
+    Outgoing outgoing;
+    outgoing.method = m_method;
+    outgoing.followRedirects = followRedirects;
+    transmit(outgoing, { {}, {}, {}, std::move(callback) });
+}
+
+void RequestDispatcher::download(
+    NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
+{
+    Outgoing outgoing;
+    // Only a consumer that drains every piece may cap the read-ahead; otherwise the
+    // body waits in the reply until the end.
+    outgoing.readAhead = data ? ReadAheadLimit : 0;
+    transmit(outgoing, { std::move(data), {}, std::move(progress), std::move(completion) });
+}
+
+void RequestDispatcher::downloadUsePost(
+    NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
+{
+    Outgoing outgoing;
+    outgoing.method = POST;
+    outgoing.readAhead = data ? ReadAheadLimit : 0;
+    transmit(outgoing, { std::move(data), {}, std::move(progress), std::move(completion) });
+}
+
+void RequestDispatcher::download(
+    const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion)
+{
+    m_file = new QFile(filePath);
+    if (!m_file->open(QIODevice::WriteOnly)) {
+        NB_LOG_INFO(QStringLiteral("打开文件出错: %1").arg(filePath));
+        const ResponseData failure = fileErrorData(*m_file);
+        completion(failure);
+        releaseFile();
+        return;
+    }
+    m_receivedLimit = FileDownloadBodyLimit;
+    download([this](const QByteArray& piece) { writeToFile(piece); }, std::move(progress),
+        [this, completion](const ResponseData& response) {
+            ResponseData result = response;
+            finishFile(result);
+            completion(result);
+        });
+}
+
+void RequestDispatcher::upload(const QString& filePath, const QByteArray& data,
+    NBUploadProgressCallback progress, NBCompletionCallback completion)
+{
+    Outgoing outgoing;
+    outgoing.method = POST;
+    outgoing.mergeCookies = false;
+    if (!filePath.isEmpty()) {
+        outgoing.body = Outgoing::File;
+        outgoing.filePath = filePath;
+    } else {
+        outgoing.body = Outgoing::Bytes;
+        outgoing.bytes = data;
+    }
+    transmit(outgoing, { {}, std::move(progress), {}, std::move(completion) });
+}
+
+void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& data,
+    NBUploadProgressCallback progress, NBCompletionCallback completion)
+{
+    m_multipart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+    for (const auto& item : m_params.queryItems(QUrl::FullyDecoded)) {
+        QHttpPart part;
+        part.setRawHeader(
+            "Content-Disposition", QStringLiteral("form-data; name=\"%1\"").arg(item.first).toUtf8());
+        part.setBody(item.second.toUtf8());
+        m_multipart->append(part);
+    }
+
+    QHttpPart filePart;
+    if (!filePath.isEmpty()) {
+        auto* file = new QFile(filePath, m_multipart);
+        if (!file->open(QIODevice::ReadOnly)) {
+            NB_LOG_INFO(QStringLiteral("打开文件失败[%1]: %2").arg(filePath, file->errorString()));
+            completion(fileErrorData(*file));
+            return;
+        }
+        filePart.setRawHeader("Content-Disposition",
+            QStringLiteral("form-data; name=\"file\"; filename=\"%1\"").arg(filePath).toUtf8());
+        filePart.setHeader(QNetworkRequest::ContentLengthHeader, file->size());
+        filePart.setBodyDevice(file);
+    } else {
+        filePart.setRawHeader("Content-Disposition", "form-data; name=\"file\"; filename=\"no-name\"");
+        filePart.setHeader(QNetworkRequest::ContentLengthHeader, data.size());
+        filePart.setBody(data);
+    }
+    m_multipart->append(filePart);
+
+    // The request keeps the fixed form Content-Type, so the boundary is not announced
+    // in a header; the body still carries every part between its boundary lines.
+    Outgoing outgoing;
+    outgoing.method = POST;
+    outgoing.mergeCookies = false;
+    outgoing.body = Outgoing::Multipart;
+    transmit(outgoing, { {}, std::move(progress), {}, std::move(completion) });
+}
+
+// The one way a request goes out: configure the manager, build and trace the request,
+// merge the cookies, send the body by the verb and wire the reply.
+void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
+{
+    QNetworkAccessManager* manager = getManager();
+    manager->setCookieJar(new NBNetworkCookieJar);
+    const QString address = requestAddress(outgoing.method);
+    const NBHeaderList headers = requestHeaders(outgoing.method);
+    m_sentUrl = address;
+    traceRequest(address, headers);
+    QNetworkRequest request = createRequest(address, headers, outgoing.followRedirects);
+    if (outgoing.mergeCookies)
+        mergeCookies(request, manager);
+
+    QNetworkReply* reply = nullptr;
+    switch (outgoing.body) {
+    case Outgoing::File:
+        m_file = new QFile(outgoing.filePath);
+        if (!m_file->open(QIODevice::ReadOnly)) {
+            NB_LOG_AS(information, "upload",
+                QStringLiteral("打开文件失败[%1]: %2").arg(outgoing.filePath, m_file->errorString()));
+            callbacks.completion(fileErrorData(*m_file));
+            return;
+        }
+        request.setHeader(QNetworkRequest::ContentLengthHeader, m_file->size());
+        reply = manager->post(request, m_file);
+        break;
+    case Outgoing::Bytes:
+        request.setHeader(QNetworkRequest::ContentLengthHeader, outgoing.bytes.size());
+        reply = manager->post(request, outgoing.bytes);
+        break;
+    case Outgoing::Multipart:
+        reply = manager->post(request, m_multipart);
+        break;
+    case Outgoing::Parameters:
+        switch (outgoing.method) {
+        case GET:
+            reply = manager->get(request);
+            break;
+        case POST:
+            reply = manager->post(request, encodedParams());
+            break;
+        case PUT:
+            reply = manager->put(request, encodedParams());
+            break;
+        case DELETE:
+            reply = manager->deleteResource(request);
+            break;
+        default:
+            NB_LOG_AS(error, "start",
+                QStringLiteral("不支持的请求方法: %1，请求未发送").arg(int(outgoing.method)));
+            break;
+        }
+        break;
+    }
+    if (reply && outgoing.readAhead > 0)
+        reply->setReadBufferSize(outgoing.readAhead);
+    handleResopnse(std::move(callbacks.data), std::move(callbacks.uploadProgress),
+        std::move(callbacks.downloadProgress), std::move(callbacks.completion), reply, manager);
+}
+
+QNetworkAccessManager* RequestDispatcher::getManager()
+{
+    NBHttpClientManager* registry = NBHttpClientManager::manager();
+    if (registry->proxyIsOpen()) {
+        if (registry->proxyAutoDetect()) {
+            m_manager->setProxy(NBUtil::getSystemProxy(m_url));
+        } else {
+            m_manager->setProxy(
+                QNetworkProxy(QNetworkProxy::ProxyType(registry->proxyScheme()), registry->proxyHostname(),
+                    registry->proxyPort(), registry->proxyUser(), registry->proxyPassword()));
+        }
+    } else {
+        // Explicitly none, so that no system proxy applies either.
+        m_manager->setProxy(QNetworkProxy(QNetworkProxy::NoProxy, QString(), 0, QString(), QString()));
+    }
+    return m_manager;
+}
+
+// A GET carries its parameters in the address; the other verbs in the body, or not at all.
+QString RequestDispatcher::requestAddress(NBHttpMethod method) const
+{
+    if (method == GET && !m_params.isEmpty())
+        return m_url + QLatin1Char('?') + m_params.query(QUrl::FullyEncoded);
+    return m_url;
+}
+
+// The caller's headers with the fixed one of the verb, which replaces the caller's value.
+NBHeaderList RequestDispatcher::requestHeaders(NBHttpMethod method) const
+{
+    const QString name = method == GET ? QStringLiteral("Accept") : QStringLiteral("Content-Type");
+    const QString value = method == GET ? QStringLiteral("*/*") : FormContentType;
+    NBHeaderList headers = m_headers;
+    for (auto& header : headers) {
+        if (header.first == name) {
+            header.second = value;
+            return headers;
+        }
+    }
+    headers.append({ name, value });
+    return headers;
+}
+
+QNetworkRequest RequestDispatcher::createRequest(
+    const QString& address, const NBHeaderList& headers, bool followRedirects) const
+{
+    QNetworkRequest request(QUrl(address, QUrl::TolerantMode));
+    for (const auto& header : headers)
+        request.setRawHeader(header.first.toUtf8(), header.second.toUtf8());
+    // Following never goes from https to http.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+        followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy : QNetworkRequest::ManualRedirectPolicy);
+    request.setMaximumRedirectsAllowed(5);
+    request.setSslConfiguration(NBHttpClientManager::manager()->sslConfig());
+    return request;
+}
+
+void RequestDispatcher::traceRequest(const QString& address, const NBHeaderList& headers) const
+{
+    NB_LOG_AS(information, "createRequest", QStringLiteral("请求地址：%1").arg(address));
+
+    // Keys as the caller gave them, values as they go out (encoded).
+    QString paramText = QStringLiteral("参数:\n");
+    const auto keys = m_params.queryItems(QUrl::FullyDecoded);
+    const auto values = m_params.queryItems(QUrl::FullyEncoded);
+    for (int i = 0; i < values.size(); ++i)
+        paramText += QStringLiteral("%1=%2\n").arg(keys.at(i).first, values.at(i).second);
+    NB_LOG_AS(information, "createRequest", paramText);
+
+    QString headerText = QStringLiteral("Request Header:\n");
+    for (const auto& header : headers)
+        headerText += QStringLiteral("%1 : %2 \n").arg(header.first, header.second);
+    NB_LOG_AS(information, "createRequest", headerText);
+}
+
+void RequestDispatcher::mergeCookies(QNetworkRequest& request, QNetworkAccessManager* manager)
+{
+    QNetworkCookieJar* jar = manager->cookieJar();
+    const QByteArray cookieHeader = request.rawHeader("Cookie");
+    if (!jar || cookieHeader.isEmpty())
+        return;
+
+    QUrl origin = request.url();
+    origin.setPath(QString());
+    QList<QNetworkCookie> cookies;
+    for (const QByteArray& part : cookieHeader.split(';')) {
+        if (part.isEmpty())
+            continue;
+        for (QNetworkCookie cookie : QNetworkCookie::parseCookies(part)) {
+            cookie.normalize(origin);
+            jar->insertCookie(cookie);
+            cookies.append(cookie);
+        }
+    }
+    const QString verifyCode = NBHttpClientManager::manager()->verifyCode();
+    if (!verifyCode.isEmpty())
+        cookies.append(QNetworkCookie(QByteArrayLiteral("S"), verifyCode.toUtf8()));
+    cookies += jar->cookiesForUrl(request.url());
+    request.setHeader(QNetworkRequest::CookieHeader, QVariant::fromValue(cookies));
+    jar->setCookiesFromUrl(cookies, request.url());
+}
+
+QByteArray RequestDispatcher::encodedParams() const
+{
+    return m_params.query(QUrl::FullyEncoded).toUtf8();
+}
+
+void RequestDispatcher::writeToFile(const QByteArray& piece)
+{
+    if (!m_file)
+        return;
+    const qint64 written = m_file->write(piece);
+    if (written == -1 || written < piece.size()) {
+        NB_LOG_AS(fatal, "operator()",
+            QStringLiteral("写入文件出错: %1  error:%2 msg:%3")
+                .arg(m_file->fileName())
+                .arg(m_file->error())
+                .arg(m_file->errorString()));
+    }
+}
+
+void RequestDispatcher::finishFile(ResponseData& response)
+{
+    // After a time-out the file is already closed when the aborted reply completes.
+    if (!m_file)
+        return;
+    const QString path = m_file->fileName();
+    // Flushing first, so that a failure of the last buffered bytes surfaces too.
+    m_file->flush();
+    if (m_file->error() != QFileDevice::NoError) {
+        response.body = response.errorString = m_file->errorString();
+        response.statusCode = response.networkError = m_file->error();
+        NB_LOG_AS(fatal, "operator()",
+            QStringLiteral("下载文件出错: %1  error:%2 msg:%3")
+                .arg(path)
+                .arg(m_file->error())
+                .arg(m_file->errorString()));
+    }
+    releaseFile();
+    if (m_debug)
+        NB_LOG_AS(information, "operator()", QStringLiteral("下载完成，保存到: %1").arg(path));
+}
+
+void RequestDispatcher::releaseFile()
+{
+    if (!m_file)
+        return;
+    m_file->flush();
+    m_file->close();
+    m_file->deleteLater();
+    m_file = nullptr;
+}
+
+void RequestDispatcher::cancel()
+{
+    if (m_reply)
+        m_reply->close();
+}
+
+void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProgressCallback uploadProgress,
+    NBDownloadProgressCallback downloadProgress, NBCompletionCallback completion, QNetworkReply* reply,
+    QNetworkAccessManager* manager)
+{
+    m_reply = reply;
+    if (!reply)
+        return;
+
+    auto* timeout = new NBReplyTimeout(reply, InactivityInterval);
+    connect(timeout, &NBReplyTimeout::timeout, this, [this, completion, reply, manager] {
+        NB_LOG_FATAL(QStringLiteral("触发超时"));
+        handleTimeout(completion, reply, manager);
+    });
+    connect(this, &RequestDispatcher::signalCancel, reply, &QNetworkReply::abort);
+    connect(reply, &QNetworkReply::finished, this, [this, completion, reply, manager] {
+        NB_LOG_FATAL(QStringLiteral("请求结束"));
+        handleFinish(completion, reply, manager);
+    });
+    connect(reply, &QNetworkReply::redirected, this,
+        [](const QUrl& url) { NB_LOG_FATAL(QStringLiteral("[重定向]请求url: %1").arg(url.toString())); });
+    connect(reply, &QNetworkReply::readyRead, this, [this, dataCallback, reply] {
+        if (!dataCallback)
+            return;
+        const QByteArray piece = reply->readAll();
+        keepReceived(piece);
+        dataCallback(piece);
+    });
+    connect(reply, &QNetworkReply::errorOccurred, this, [reply](QNetworkReply::NetworkError code) {
+        NB_LOG_FATAL(
+            QStringLiteral("QNetworkReply错误码: %1 原因:%2").arg(int(code)).arg(reply->errorString()));
+    });
+    connect(reply, &QNetworkReply::downloadProgress, this,
+        [this, downloadProgress](qint64 received, qint64 total) {
+            m_bodyBytesReceived = received;
+            if (downloadProgress)
+                downloadProgress(DownloadProgressData { received, total });
+        });
+    connect(reply, &QNetworkReply::uploadProgress, this, [uploadProgress](qint64 sent, qint64 total) {
+        if (uploadProgress)
+            uploadProgress(UploadProgressData { sent, total });
+    });
+}
+
+void RequestDispatcher::handleFinish(
+    const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager)
+{
+    if (bodyCutShort(reply)) {
+        NB_LOG_ERROR(QStringLiteral("响应数据不完整: 收到 %1 字节, Content-Length %2")
+                         .arg(m_bodyBytesReceived)
+                         .arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong()));
+    }
+    complete(completion, reply, manager, replyErrorText(reply), replyError(reply));
+}
+
+// The network layer sometimes finishes a reply without error when the server closes
+// the connection before the whole announced body arrived; such a reply is reported
+// as closed by the remote host, so that a cut transfer never passes for a whole one.
+bool RequestDispatcher::bodyCutShort(QNetworkReply* reply) const
+{
+    if (!reply->isFinished() || reply->error() != QNetworkReply::NoError
+        || reply->operation() == QNetworkAccessManager::HeadOperation
+        || reply->hasRawHeader("Content-Encoding"))
+        return false;
+    bool known = false;
+    const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&known);
+    return known && m_bodyBytesReceived < announced;
+}
+
+int RequestDispatcher::replyError(QNetworkReply* reply) const
+{
+    return bodyCutShort(reply) ? int(QNetworkReply::RemoteHostClosedError) : int(reply->error());
+}
+
+QString RequestDispatcher::replyErrorText(QNetworkReply* reply) const
+{
+    return bodyCutShort(reply) ? QStringLiteral("Connection closed") : reply->errorString();
+}
+
+void RequestDispatcher::handleTimeout(
+    const NBCompletionCallback& completion, QNetworkReply* reply, QNetworkAccessManager* manager)
+{
+    complete(completion, reply, manager, QStringLiteral("TimeOut"), QNetworkReply::TimeoutError);
+}
+
+void RequestDispatcher::complete(const NBCompletionCallback& completion, QNetworkReply* reply,
+    QNetworkAccessManager* manager, const QString& errorText, int errorCode)
+{
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const QString body = readReply(reply, "UTF-8");
+    QHash<QByteArray, QByteArray> headers;
+    for (const QByteArray& name : reply->rawHeaderList())
+        headers.insert(name, reply->rawHeader(name));
+    LogFinished(body, reply, manager);
+    completion(respData(body, headers, errorText, status, errorCode));
+}
+
+QString RequestDispatcher::readReply(QNetworkReply* reply, const char* codecName)
+{
+    // Lines are joined without their terminators: replies are JSON, which does not mind.
+    QString text;
+    if (reply->isReadable()) {
+        QTextStream stream(reply);
+        stream.setCodec(codecName);
+        while (!stream.atEnd())
+            text += stream.readLine();
+    }
+    if (text.isEmpty()) {
+        text = QString::fromUtf8(m_received);
+        m_received.clear();
+    }
+    return text;
+}
+
+void RequestDispatcher::keepReceived(const QByteArray& piece)
+{
+    if (m_receivedComplete)
+        return;
+    int length = piece.indexOf('\0');
+    if (length >= 0)
+        m_receivedComplete = true;
+    else
+        length = piece.size();
+    if (m_receivedLimit >= 0 && m_received.size() + length >= m_receivedLimit) {
+        length = m_receivedLimit - m_received.size();
+        m_receivedComplete = true;
+    }
+    m_received.append(piece.constData(), length);
+}
+
+ResponseData RequestDispatcher::respData(const QString& body, const QHash<QByteArray, QByteArray>& headers,
+    const QString& errorText, int status, int errorCode)
+{
+    ResponseData response;
+    response.body = body;
+    response.headers = headers;
+    response.errorString = errorText;
+    response.statusCode = status;
+    response.networkError = errorCode;
+    return response;
+}
+
+ResponseData RequestDispatcher::fileErrorData(const QFileDevice& file)
+{
+    return respData(QString(), {}, file.errorString(), file.error(), file.error());
+}
+
+void RequestDispatcher::LogFinished(const QString& body, QNetworkReply* reply, QNetworkAccessManager* manager)
+{
+    Q_UNUSED(body)
+    NB_LOG_INFO(QStringLiteral("处理响应数据"));
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const int errorCode = replyError(reply);
+    const QString errorText = replyErrorText(reply);
+    if (status < 200 || status > 299) {
+        const QString reason = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
+        NB_LOG_ERROR(QStringLiteral("request error. [status]") + QStringLiteral("%1, [reason]").arg(status)
+            + QStringLiteral("%2, [msg]").arg(reason) + errorText + QStringLiteral(", [url]")
+            + reply->request().url().toString() + QStringLiteral("[network code] %1").arg(errorCode));
+    } else if (errorCode != QNetworkReply::NoError) {
+        NB_LOG_ERROR(QStringLiteral("status code: %1 %2").arg(errorCode).arg(errorText));
+    }
+
+    QString cookieText = QStringLiteral("Cookie:\n");
+    if (QNetworkCookieJar* jar = manager->cookieJar()) {
+        for (const QNetworkCookie& cookie : jar->cookiesForUrl(reply->url()))
+            cookieText += QStringLiteral("%1 : %2\n")
+                              .arg(QString::fromUtf8(cookie.name()), QString::fromUtf8(cookie.value()));
+    }
+    NB_LOG_INFO(cookieText);
+
+    QString headerText = QStringLiteral("Header:\n");
+    for (const auto& header : reply->rawHeaderPairs())
+        headerText += QStringLiteral("%1:%2\n").arg(
+            QString::fromUtf8(header.first), QString::fromUtf8(header.second));
+    NB_LOG_INFO(headerText);
+
+    if (errorCode != QNetworkReply::NoError)
+        NB_LOG_ERROR(QStringLiteral("[失败] 请求结束: %1").arg(errorText));
+}

@@ -1,6 +1,7 @@
 #include "INBSeverApi.h"
 
 #include "CNBLoggerWrapper.h"
+#include "INBSeverApiForward.h"
 #include "NBHttpClientManager.h"
 #include "NBPriServerApi.h"
 #include "NBPriSixServerApi.h"
@@ -225,38 +226,33 @@ void ServerApi::Cancel(long long id)
 }
 
 // The server operations: each row pairs an exported name with the endpoint's slot it
-// reaches, followed by the argument types of both, callbacks last. Without an
-// endpoint an operation sends nothing and returns -1.
-#define NB_PARAMS_1(T1) T1 a1
-#define NB_PARAMS_2(T1, T2) NB_PARAMS_1(T1), T2 a2
-#define NB_PARAMS_3(T1, T2, T3) NB_PARAMS_2(T1, T2), T3 a3
-#define NB_PARAMS_4(T1, T2, T3, T4) NB_PARAMS_3(T1, T2, T3), T4 a4
-#define NB_PARAMS_5(T1, T2, T3, T4, T5) NB_PARAMS_4(T1, T2, T3, T4), T5 a5
-#define NB_PARAMS_6(T1, T2, T3, T4, T5, T6) NB_PARAMS_5(T1, T2, T3, T4, T5), T6 a6
-#define NB_PARAMS_7(T1, T2, T3, T4, T5, T6, T7) NB_PARAMS_6(T1, T2, T3, T4, T5, T6), T7 a7
-#define NB_PARAMS_8(T1, T2, T3, T4, T5, T6, T7, T8) NB_PARAMS_7(T1, T2, T3, T4, T5, T6, T7), T8 a8
-#define NB_ARGS_1(T1) std::forward<T1>(a1)
-#define NB_ARGS_2(T1, T2) NB_ARGS_1(T1), std::forward<T2>(a2)
-#define NB_ARGS_3(T1, T2, T3) NB_ARGS_2(T1, T2), std::forward<T3>(a3)
-#define NB_ARGS_4(T1, T2, T3, T4) NB_ARGS_3(T1, T2, T3), std::forward<T4>(a4)
-#define NB_ARGS_5(T1, T2, T3, T4, T5) NB_ARGS_4(T1, T2, T3, T4), std::forward<T5>(a5)
-#define NB_ARGS_6(T1, T2, T3, T4, T5, T6) NB_ARGS_5(T1, T2, T3, T4, T5), std::forward<T6>(a6)
-#define NB_ARGS_7(T1, T2, T3, T4, T5, T6, T7) NB_ARGS_6(T1, T2, T3, T4, T5, T6), std::forward<T7>(a7)
-#define NB_ARGS_8(T1, T2, T3, T4, T5, T6, T7, T8) NB_ARGS_7(T1, T2, T3, T4, T5, T6, T7), std::forward<T8>(a8)
-#define NB_COUNT_(_1, _2, _3, _4, _5, _6, _7, _8, n, ...) n
-#define NB_COUNT(...) NB_COUNT_(__VA_ARGS__, 8, 7, 6, 5, 4, 3, 2, 1, 0)
-#define NB_GLUE_(a, b) a##b
-#define NB_GLUE(a, b) NB_GLUE_(a, b)
-#define NB_FORWARD(Exported, slot, ...)                                                                      \
-    long long ServerApi::Exported(NB_GLUE(NB_PARAMS_, NB_COUNT(__VA_ARGS__))(__VA_ARGS__))                   \
-    {                                                                                                        \
-        NBServerApi* api = endpoint(#Exported);                                                              \
-        return api ? api->slot(NB_GLUE(NB_ARGS_, NB_COUNT(__VA_ARGS__))(__VA_ARGS__)) : -1;                  \
-    }
-
+// reaches, then the argument types of both, callbacks last. Without an endpoint an
+// operation sends nothing and returns -1.
 using StringMap = QMap<QString, QString>;
+using StringList = QList<QString>;
 
 // clang-format off
-NB_FORWARD(GET,  get,  const QString&, NBCompletionCallback)
-NB_FORWARD(POST, post, const QString&, StringMap, NBCompletionCallback)
+NB_FORWARD(UserInfo,            userInfo,            const NBServerApiUserInfoModel&, NBCompletionCallback)
+NB_FORWARD(MetaData,            metaData,            const NBServerApiMetaEntryModel&, NBCompletionCallback)
+NB_FORWARD(ServerJump,          serverJump,          const NBServerApiServerJumpModel&, NBCompletionCallback)
+NB_FORWARD(ConfigGet,           configGet,           const NBServerApiConfigGetModel&, NBCompletionCallback)
+NB_FORWARD(CreateFolder,        createFolder,        const NBServerApiCreateFolderModel&, NBCompletionCallback)
+NB_FORWARD(RegionGet,           regionGet,           NBCompletionCallback)
+NB_FORWARD(Revisions,           revisions,           const NBServerApiRevisionsModel&, NBCompletionCallback)
+NB_FORWARD(GetUpdataSourcePath, GetUpdateSourcePath, const QString&, NBCompletionCallback)
+NB_FORWARD(LockFile,            lockFile,            const NBServerApiLockFileModel&, NBCompletionCallback)
+NB_FORWARD(UnlockFile,          unlockFile,          const NBServerApiUnlockFileModel&, NBCompletionCallback)
+NB_FORWARD(Delta,               delta,               const NBServerApiDeltaModel&, NBCompletionCallback)
+NB_FORWARD(GetSyncData,         GetSyncData,         const NBServerApiDeltaModel&, const QString&, const QString&, const QString&, const QString&, int, NBCompletionCallback)
+NB_FORWARD(CheckApproveIsOne,   checkApproveIsOne,   const QString&, int, NBCompletionCallback)
+NB_FORWARD(CheckApproveFloder,  checkApproveFloder,  const QString&, const QString&, NBCompletionCallback)
+NB_FORWARD(IsCreateSyndisc,     isCreateSyndisc,     const QString&, const QString&, const QString&, NBCompletionCallback)
+NB_FORWARD(Move,                move,                const NBServerApiMoveModel&, NBCompletionCallback)
+NB_FORWARD(BatchCopy,           BatchCopy,           const NBServerApiBatchMoveModel&, NBCompletionCallback)
+NB_FORWARD(BatchMove,           batchMove,           const NBServerApiBatchMoveModel&, NBCompletionCallback)
+NB_FORWARD(BatchDelete,         batchDelete,         const NBServerApiBatchDeleteModel&, NBCompletionCallback)
+NB_FORWARD(BatchTaskAsyncQuery, batchAsyncQuery,     const QString&, NBCompletionCallback)
+NB_FORWARD(RPCServerLogging,    RPCServerLogging,    const QString&, const QString&, const QString&, const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
+NB_FORWARD(GET,                 get,                 const QString&, NBCompletionCallback)
+NB_FORWARD(POST,                post,                const QString&, StringMap, NBCompletionCallback)
 // clang-format on

@@ -72,6 +72,42 @@ public:
     // Closes a running request on its thread; its completion (error 5) runs inside this call.
     static void Cancel(long long id);
 
+    // Account, metadata, folders, locks.
+    static long long UserInfo(const NBServerApiUserInfoModel& model, NBCompletionCallback done);
+    static long long MetaData(const NBServerApiMetaEntryModel& model, NBCompletionCallback done);
+    static long long ServerJump(const NBServerApiServerJumpModel& model, NBCompletionCallback done);
+    static long long ConfigGet(const NBServerApiConfigGetModel& model, NBCompletionCallback done);
+    static long long CreateFolder(const NBServerApiCreateFolderModel& model, NBCompletionCallback done);
+    static long long RegionGet(NBCompletionCallback done);
+    static long long Revisions(const NBServerApiRevisionsModel& model, NBCompletionCallback done);
+    static long long GetUpdataSourcePath(const QString& acctId, NBCompletionCallback done);
+    static long long LockFile(const NBServerApiLockFileModel& model, NBCompletionCallback done);
+    static long long UnlockFile(const NBServerApiUnlockFileModel& model, NBCompletionCallback done);
+
+    // Change feed and sync data: pass the previous reply's cursor to read on. Empty
+    // identifiers of GetSyncData go out as "0" (syncUid is left out).
+    static long long Delta(const NBServerApiDeltaModel& model, NBCompletionCallback done);
+    static long long GetSyncData(const NBServerApiDeltaModel& model, const QString& syncCid,
+        const QString& syncUid, const QString& pullJid, const QString& deltaDataId, int syncType,
+        NBCompletionCallback done);
+
+    // Approval policy and the server's operation log (pathType by name: "ent", "self", ...).
+    static long long CheckApproveIsOne(const QString& neids, int actionType, NBCompletionCallback done);
+    static long long CheckApproveFloder(const QString& nsid, const QString& path, NBCompletionCallback done);
+    static long long IsCreateSyndisc(
+        const QString& nsid, const QString& path, const QString& type, NBCompletionCallback done);
+    static long long RPCServerLogging(const QString& action, const QString& entityStr2,
+        const QString& entityStr1, const QString& pathType, const QString& neid, const QString& nsid,
+        const QString& opType, NBCompletionCallback done);
+
+    // Move one entry; copy, move or delete many in a server task, polled with
+    // BatchTaskAsyncQuery and the task id of the reply.
+    static long long Move(const NBServerApiMoveModel& model, NBCompletionCallback done);
+    static long long BatchCopy(const NBServerApiBatchMoveModel& model, NBCompletionCallback done);
+    static long long BatchMove(const NBServerApiBatchMoveModel& model, NBCompletionCallback done);
+    static long long BatchDelete(const NBServerApiBatchDeleteModel& model, NBCompletionCallback done);
+    static long long BatchTaskAsyncQuery(const QString& taskId, NBCompletionCallback done);
+
     // The address as given, no default header, cookie or "S"; POST sends the map in key order.
     static long long GET(const QString& url, NBCompletionCallback done);
     static long long POST(const QString& url, QMap<QString, QString> params, NBCompletionCallback done);

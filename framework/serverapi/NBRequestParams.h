@@ -3,7 +3,10 @@
 #pragma once
 
 #include "NBRequestBuilder.h"
+#include "NBServerApiModels.h"
 
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QString>
 
 namespace NBKey {
@@ -35,3 +38,32 @@ inline constexpr auto entryParams = [](NBRequestBuilder& request, const auto& en
         .paramsIfSet({ { NBKey::From, entry.from }, { NBKey::Neid, entry.neid },
             { NBKey::PrefixNeid, entry.prefixNeid } });
 };
+
+// The entry under prefixed keys, each sent even when empty: "<prefix>path",
+// "<prefix>path_type", "<prefix>from", "<prefix>neid", "<prefix>prefix_neid".
+inline auto prefixedEntryParams(const QString& prefix)
+{
+    return [prefix](NBRequestBuilder& request, const NBServerApiEntryModel& entry) {
+        request.param(prefix + NBKey::Path, entry.path)
+            .param(prefix + NBKey::PathType, entry.pathType)
+            .param(prefix + NBKey::From, entry.from)
+            .param(prefix + NBKey::Neid, entry.neid)
+            .param(prefix + NBKey::PrefixNeid, entry.prefixNeid);
+    };
+}
+
+// An entry in the JSON body of a batch operation: six string members.
+inline QJsonObject entryJson(const NBServerApiEntryModel& entry)
+{
+    return QJsonObject { { NBKey::Root, entry.root }, { NBKey::Path, entry.path },
+        { NBKey::PathType, entry.pathType }, { NBKey::Neid, entry.neid }, { NBKey::From, entry.from },
+        { NBKey::PrefixNeid, entry.prefixNeid } };
+}
+
+inline QJsonArray entriesJson(const QList<NBServerApiEntryModel>& entries)
+{
+    QJsonArray array;
+    for (const NBServerApiEntryModel& entry : entries)
+        array.append(entryJson(entry));
+    return array;
+}

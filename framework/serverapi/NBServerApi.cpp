@@ -3,10 +3,25 @@
 #include "CNBLoggerWrapper.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
+#include "NBRequestParams.h"
 
 #include <NBConfigure.h>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QUrl>
 #include <QUrlQuery>
+
+namespace {
+
+// The body of a batch copy or move; "ignore_share" is a JSON string, not a boolean.
+QJsonDocument batchMoveDocument(const NBServerApiBatchMoveModel& model, const QString& ignoreShare)
+{
+    return QJsonDocument(QJsonObject { { "from", entriesJson(model.from) }, { "to", entryJson(model.to) },
+        { "ignore_share", ignoreShare } });
+}
+
+} // namespace
 
 NBServerApi::NBServerApi()
     : m_version(QStringLiteral("v2"))
@@ -113,6 +128,230 @@ QString NBServerApi::boolToString(bool value)
 void NBServerApi::cancel(long long id)
 {
     NBHttpClientManager::manager()->cancelHttpClient(id);
+}
+
+// --- Account, metadata, folders, locks: parameters first, then the defaults. ---------
+
+long long NBServerApi::userInfo(const NBServerApiUserInfoModel& model, NBCompletionCallback done)
+{
+    return request(combinPath(m_getUserInfoUrl, model.suffix)).withDefaults().send(std::move(done));
+}
+
+long long NBServerApi::configGet(const NBServerApiConfigGetModel& model, NBCompletionCallback done)
+{
+    return request(m_configGetUrl)
+        .param("config_id", model.configId)
+        .param("config_type", model.configType)
+        .param("name", model.name)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::serverJump(const NBServerApiServerJumpModel& model, NBCompletionCallback done)
+{
+    return request(m_serverJumpUrl)
+        .param("url", model.url)
+        .param(COOKIE_SESSION, model.session)
+        .param("type", model.type)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::metaData(const NBServerApiMetaEntryModel& model, NBCompletionCallback done)
+{
+    // An entry named by its identifier is asked for under "//root", doubled slash and all.
+    const QString path = model.neid.isEmpty() ? model.path : QStringLiteral("//root");
+    return request(combinPath(m_metaDataUrl, path))
+        .with(entryParams, model)
+        .flag("include_deleted", model.includeDeleted)
+        .flag("with_seed", model.withSeed)
+        .flag("list", model.list)
+        .paramIfSet("content_type", model.contentType)
+        .param("orderby", model.orderby)
+        .param("sort", model.sort)
+        .number("limit", model.limit)
+        .number("offset", model.offset)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::createFolder(const NBServerApiCreateFolderModel& model, NBCompletionCallback done)
+{
+    return request(combinPath(m_fileopsCreateFolderUrl, model.path))
+        .method(POST)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet(
+            { { NBKey::From, model.from }, { NBKey::PrefixNeid, model.prefixNeid }, { "dc_id", model.dcId } })
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::regionGet(NBCompletionCallback done)
+{
+    return request(m_regionGetUrl).withDefaults().send(std::move(done));
+}
+
+long long NBServerApi::revisions(const NBServerApiRevisionsModel& model, NBCompletionCallback done)
+{
+    return request(combinPath(m_revisionsUrl, model.path))
+        .with(entryParams, model)
+        .number("rev_limit", model.revLimit)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::GetUpdateSourcePath(const QString& acctId, NBCompletionCallback done)
+{
+    return request(m_strAddOfUpdateResource).param("acct_id", acctId).withDefaults().send(std::move(done));
+}
+
+long long NBServerApi::lockFile(const NBServerApiLockFileModel& model, NBCompletionCallback done)
+{
+    return request(combinPath(m_lockUrl, model.path))
+        .with(entryParams, model)
+        .number("time", model.time)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::unlockFile(const NBServerApiUnlockFileModel& model, NBCompletionCallback done)
+{
+    return request(combinPath(m_unlockUrl, model.path))
+        .with(entryParams, model)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+// --- Change feed, sync data, approval queries, the operation log. --------------------
+
+long long NBServerApi::delta(const NBServerApiDeltaModel& model, NBCompletionCallback done)
+{
+    return request(combinPath(m_deltaUrl, model.path))
+        .method(POST)
+        .withDefaults()
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid },
+            { NBKey::Cursor, model.cursor }, { NBKey::PrefixNeid, model.prefixNeid } })
+        .send(std::move(done));
+}
+
+long long NBServerApi::GetSyncData(const NBServerApiDeltaModel& model, const QString& syncCid,
+    const QString& syncUid, const QString& pullJid, const QString& deltaDataId, int syncType,
+    NBCompletionCallback done)
+{
+    return request(m_getSyncDataUrl)
+        .method(POST)
+        .withDefaults()
+        .param(NBKey::Path, model.path)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid },
+            { NBKey::Cursor, model.cursor }, { NBKey::PrefixNeid, model.prefixNeid } })
+        .paramOrZero("syncCid", syncCid)
+        .paramIfSet("syncUid", syncUid)
+        .paramOrZero("pullJid", pullJid)
+        .paramOrZero("deltaDataId", deltaDataId)
+        .number("syncType", syncType)
+        .send(std::move(done));
+}
+
+long long NBServerApi::getSyncData(const NBServerApiGetSyncDataModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::checkApproveIsOne(const QString& neids, int actionType, NBCompletionCallback done)
+{
+    return request(m_approveIsApprovalUrl)
+        .withDefaults()
+        .param("neids", neids)
+        .number("action_type", actionType)
+        .send(std::move(done));
+}
+
+long long NBServerApi::checkApproveFloder(const QString& nsid, const QString& path, NBCompletionCallback done)
+{
+    return request(m_approveIsExistPolicyUrl)
+        .withDefaults()
+        .param(NBKey::Nsid, nsid)
+        .param(NBKey::Path, path)
+        .send(std::move(done));
+}
+
+long long NBServerApi::isCreateSyndisc(
+    const QString& nsid, const QString& path, const QString& type, NBCompletionCallback done)
+{
+    return request(m_approveIsCreateSyndiscUrl)
+        .withDefaults()
+        .param(NBKey::Nsid, nsid)
+        .param(NBKey::Path, path)
+        .param("type", type)
+        .send(std::move(done));
+}
+
+long long NBServerApi::RPCServerLogging(const QString& action, const QString& entityStr2,
+    const QString& entityStr1, const QString& pathType, const QString& neid, const QString& nsid,
+    const QString& opType, NBCompletionCallback done)
+{
+    return request(m_RPCLogging)
+        .method(POST)
+        .withDefaults()
+        .param("category", "0")
+        .param("action", action)
+        .param("entityStr1", entityStr1)
+        .param("entityStr2", entityStr2)
+        .number("pathType", pathTypeNumber(pathType))
+        .param(NBKey::OpType, opType)
+        .param(NBKey::Neid, neid)
+        .param(NBKey::Nsid, nsid)
+        .send(std::move(done));
+}
+
+// --- Move, copy, delete: the parameters, then the defaults. --------------------------
+
+long long NBServerApi::move(const NBServerApiMoveModel& model, NBCompletionCallback done)
+{
+    return request(m_fileopsMoveUrl)
+        .method(POST)
+        .param(NBKey::Root, "databox")
+        .with(prefixedEntryParams("from_"), model.from)
+        .with(prefixedEntryParams("to_"), model.to)
+        .flag("ignore_share", model.ignoreShare)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::BatchCopy(const NBServerApiBatchMoveModel& model, NBCompletionCallback done)
+{
+    return request(m_fileopsBatchCopyUrl)
+        .method(POST)
+        .json(batchMoveDocument(model, boolToString(model.ignoreShare)))
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::batchMove(const NBServerApiBatchMoveModel& model, NBCompletionCallback done)
+{
+    return request(m_fileopsBatchMoveUrl)
+        .method(POST)
+        .json(batchMoveDocument(model, boolToString(model.ignoreShare)))
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::batchDelete(const NBServerApiBatchDeleteModel& model, NBCompletionCallback done)
+{
+    const QJsonObject document { { "pathes", entriesJson(model.pathes) },
+        { "ignore_share", boolToString(model.ignoreShare) } };
+    return request(m_fileopsBatchDeleteUrl)
+        .method(POST)
+        .json(QJsonDocument(document))
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::batchAsyncQuery(const QString& taskId, NBCompletionCallback done)
+{
+    return request(m_batchAsyncQueryUrl).withDefaults().param("task_id", taskId).send(std::move(done));
 }
 
 long long NBServerApi::getNoRedirect(const QString& url, NBCompletionCallback done)

@@ -38,10 +38,42 @@ public:
     virtual void privateCloudDefaultParams(NBHttpClient* client);
     virtual QString boolToString(bool value);
     virtual void cancel(long long id);
+
+    // The server operations, in the order of their slots. Each returns the request's
+    // identifier; one that a deployment does not serve sends nothing, never calls back
+    // and returns -1 or 0.
+    virtual long long userInfo(const NBServerApiUserInfoModel& model, NBCompletionCallback done);
+    virtual long long configGet(const NBServerApiConfigGetModel& model, NBCompletionCallback done);
+    virtual long long serverJump(const NBServerApiServerJumpModel& model, NBCompletionCallback done);
+    virtual long long metaData(const NBServerApiMetaEntryModel& model, NBCompletionCallback done);
+    virtual long long createFolder(const NBServerApiCreateFolderModel& model, NBCompletionCallback done);
+    virtual long long regionGet(NBCompletionCallback done);
+    virtual long long revisions(const NBServerApiRevisionsModel& model, NBCompletionCallback done);
+    virtual long long GetUpdateSourcePath(const QString& acctId, NBCompletionCallback done);
+    virtual long long lockFile(const NBServerApiLockFileModel& model, NBCompletionCallback done);
+    virtual long long unlockFile(const NBServerApiUnlockFileModel& model, NBCompletionCallback done);
+    virtual long long delta(const NBServerApiDeltaModel& model, NBCompletionCallback done);
+    virtual long long GetSyncData(const NBServerApiDeltaModel& model, const QString& syncCid,
+        const QString& syncUid, const QString& pullJid, const QString& deltaDataId, int syncType,
+        NBCompletionCallback done);
+    virtual long long move(const NBServerApiMoveModel& model, NBCompletionCallback done);
+    virtual long long BatchCopy(const NBServerApiBatchMoveModel& model, NBCompletionCallback done);
+    virtual long long batchMove(const NBServerApiBatchMoveModel& model, NBCompletionCallback done);
+    virtual long long batchDelete(const NBServerApiBatchDeleteModel& model, NBCompletionCallback done);
+    virtual long long batchAsyncQuery(const QString& taskId, NBCompletionCallback done);
+    virtual long long RPCServerLogging(const QString& action, const QString& entityStr2,
+        const QString& entityStr1, const QString& pathType, const QString& neid, const QString& nsid,
+        const QString& opType, NBCompletionCallback done);
     // The generic requests send the address as given: no default header, cookie or "S".
     virtual long long getNoRedirect(const QString& url, NBCompletionCallback done);
     virtual long long get(const QString& url, NBCompletionCallback done);
     virtual long long post(const QString& url, QMap<QString, QString> params, NBCompletionCallback done);
+    // Not served by any deployment.
+    virtual long long getSyncData(const NBServerApiGetSyncDataModel& model, NBCompletionCallback done);
+    virtual long long checkApproveIsOne(const QString& neids, int actionType, NBCompletionCallback done);
+    virtual long long checkApproveFloder(const QString& nsid, const QString& path, NBCompletionCallback done);
+    virtual long long isCreateSyndisc(
+        const QString& nsid, const QString& path, const QString& type, NBCompletionCallback done);
 
     // Settings; each read or write is atomic under the settings lock.
     void setBaseUrlString(const QString& url);
@@ -73,6 +105,30 @@ public:
     // after the endpoint is gone.
     static NBCompletionCallback replyHandler(
         NBCompletionCallback done, long long id, void (*release)(long long id));
+
+    // Operation paths.
+    static inline const QString m_getUserInfoUrl = QStringLiteral("/user/info/get");
+    static inline const QString m_configGetUrl = QStringLiteral("/config/get");
+    static inline const QString m_serverJumpUrl = QStringLiteral("/api/server/jump");
+    static inline const QString m_metaDataUrl = QStringLiteral("/metadata/databox");
+    static inline const QString m_fileopsCreateFolderUrl = QStringLiteral("/fileops/create_folder/databox");
+    static inline const QString m_regionGetUrl = QStringLiteral("/region/get");
+    static inline const QString m_revisionsUrl = QStringLiteral("/revisions/databox");
+    static inline const QString m_strAddOfUpdateResource = QStringLiteral("/app/info/get");
+    static inline const QString m_lockUrl = QStringLiteral("/lock/databox");
+    static inline const QString m_unlockUrl = QStringLiteral("/unlock/databox");
+    static inline const QString m_fileopsMoveUrl = QStringLiteral("/fileops/move");
+    static inline const QString m_fileopsBatchCopyUrl = QStringLiteral("/fileops/batch_copy");
+    static inline const QString m_fileopsBatchMoveUrl = QStringLiteral("/fileops/batch_move");
+    static inline const QString m_fileopsBatchDeleteUrl = QStringLiteral("/fileops/batch_delete");
+    static inline const QString m_batchAsyncQueryUrl = QStringLiteral("/async/query");
+    static inline const QString m_deltaUrl = QStringLiteral("/delta/databox");
+    static inline const QString m_getSyncDataUrl = QStringLiteral("/syncdata/syncDisc");
+    static inline const QString m_RPCLogging = QStringLiteral("/log/logging");
+    // Written without a leading "/"; the address gets one all the same.
+    static inline const QString m_approveIsApprovalUrl = QStringLiteral("approve/is_approval");
+    static inline const QString m_approveIsExistPolicyUrl = QStringLiteral("approve/is_exist_policy");
+    static inline const QString m_approveIsCreateSyndiscUrl = QStringLiteral("approve/is_create_syndisc");
 
 protected:
     // A request to one of this server's operations: "<scheme://host:port>/<version><path>".

@@ -1,17 +1,21 @@
-// Request models that several operations take, and the path types entries carry.
-// Plain records: an empty string means "not given" wherever an operation sends a
-// field only when it is non-empty.
+// The request models of the operations. Plain records: an empty string means "not
+// given" wherever an operation sends a field only when it is non-empty, and the
+// comment names the key a field is sent as. Models are read during the call only.
 #pragma once
 
 #include "NBServerApiConstants.h"
 
+#include <QByteArray>
 #include <QList>
 #include <QString>
 
+// --- Shared by several operations ---------------------------------------------------
+
+// One entry of the remote namespace.
 struct NBServerApiEntryModel
 {
     QString path; // "path"
-    QString pathType; // "path_type"
+    QString pathType; // "path_type", one of NBPathType
     QString from; // "from"
     QString neid; // "neid"
     QString nsid; // "nsid"
@@ -20,6 +24,7 @@ struct NBServerApiEntryModel
     QString root; // "root", in the JSON bodies of batch operations
 };
 
+// A folder's change feed (Delta, VBoxDelta) or sync data (GetSyncData).
 struct NBServerApiDeltaModel
 {
     QString path;
@@ -27,9 +32,10 @@ struct NBServerApiDeltaModel
     QString from;
     QString neid;
     QString prefixNeid;
-    QString cursor; // "cursor": where the previous reply of the change feed ended
+    QString cursor; // "cursor": where the previous reply of the feed ended
 };
 
+// BatchCopy and BatchMove.
 struct NBServerApiBatchMoveModel
 {
     QList<NBServerApiEntryModel> from; // sources, sent in this order
@@ -37,15 +43,122 @@ struct NBServerApiBatchMoveModel
     bool ignoreShare = false; // "ignore_share"
 };
 
+// GetSyncDataForDisk and GetAssignSyncData (private 6.0 deployments).
 struct NBServerApiGetSyncDataModel
+{
+    QString path; // "path", always
+    QString pathType; // "path_type"
+    QString from; // "from"
+    QString prefixNeid; // "prefix_neid"
+    qint64 syncUid = 0; // "syncUid", and the four below: always, in decimal
+    qint64 syncCid = 0; // "syncCid"
+    qint64 pullJid = 0; // "pullJid"
+    qint64 deltaDataId = 0; // "deltaDataId"
+    qint64 assignJid = 0; // "assign_Jid"
+};
+
+// --- Account, metadata, folders, locks -------------------------------------------
+
+struct NBServerApiUserInfoModel
+{
+    QString suffix; // appended to the operation's path when set
+};
+
+struct NBServerApiConfigGetModel
+{
+    QString configType; // "config_type"
+    QString configId; // "config_id"
+    QString name; // "name"
+};
+
+struct NBServerApiServerJumpModel
+{
+    QString url; // "url": the address to open
+    QString session; // "X-NIMBRA-SESS-ID", as a parameter
+    QString type; // "type": the kind of page
+};
+
+struct NBServerApiMetaEntryModel
 {
     QString path;
     QString pathType;
     QString from;
+    QString neid; // when set, the entry is named by it and the address ends in "//root"
     QString prefixNeid;
-    qint64 syncUid = 0;
-    qint64 syncCid = 0;
-    qint64 pullJid = 0;
-    qint64 deltaDataId = 0;
-    qint64 assignJid = 0;
+    bool includeDeleted = false; // "include_deleted"
+    bool withSeed = false; // "with_seed"
+    bool list = false; // "list": the folder's entries too
+    QString contentType; // "content_type"
+    QString orderby; // "orderby", always
+    QString sort; // "sort", always
+    int limit = 0; // "limit", always
+    int offset = 0; // "offset", always
+};
+
+struct NBServerApiCreateFolderModel
+{
+    QString path; // the tail of the address; "full_path" on private deployments
+    QString pathType;
+    QString from;
+    QString neid;
+    QString nsid; // private deployments
+    QString prefixNeid;
+    QString ignorePrefixPath; // private deployments
+    QString dcId; // "dc_id"
+    bool disableRename = false; // "disable_rename", private deployments
+    bool isUpdate = false; // "is_update", private deployments
+};
+
+// Public cloud only; private deployments do not create files.
+struct NBServerApiCreateFileModel
+{
+    QString path; // the tail of the address; its suffix is sent as "file_type"
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+};
+
+struct NBServerApiRevisionsModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+    int revLimit = 0; // "rev_limit"
+};
+
+struct NBServerApiLockFileModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+    int time = 0; // "time": seconds
+};
+
+struct NBServerApiUnlockFileModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+};
+
+// --- Move, copy, delete ---------------------------------------------------------
+
+struct NBServerApiMoveModel
+{
+    NBServerApiEntryModel from; // "from_path", "from_path_type", ...
+    NBServerApiEntryModel to; // "to_path", "to_path_type", ...
+    bool ignoreShare = false; // "ignore_share"
+};
+
+struct NBServerApiBatchDeleteModel
+{
+    QList<NBServerApiEntryModel> pathes; // sent under "pathes", in this order
+    bool ignoreShare = false; // "ignore_share"
 };

@@ -225,8 +225,8 @@ void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
             reply = manager->deleteResource(request);
             break;
         default:
-            NB_LOG_AS(error, "start",
-                QStringLiteral("不支持的请求方法: %1，请求未发送").arg(int(outgoing.method)));
+            NB_LOG_AS(
+                error, "start", QStringLiteral("不支持的请求方法: %1，请求未发送").arg(int(outgoing.method)));
             break;
         }
         break;

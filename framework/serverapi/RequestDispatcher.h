@@ -101,7 +101,8 @@ private:
     QNetworkAccessManager* getManager();
     QString requestAddress(NBHttpMethod method) const;
     NBHeaderList requestHeaders(NBHttpMethod method) const;
-    QNetworkRequest createRequest(const QString& address, const NBHeaderList& headers, bool followRedirects) const;
+    QNetworkRequest createRequest(
+        const QString& address, const NBHeaderList& headers, bool followRedirects) const;
     void traceRequest(const QString& address, const NBHeaderList& headers) const;
     void mergeCookies(QNetworkRequest& request, QNetworkAccessManager* manager);
     QByteArray encodedParams() const;

@@ -1,32 +1,11 @@
 // The shared request models and the path types.
-#include "Calls.h"
-#include "NBHttpClientManager.h"
+#include "NBServerApi.h"
 #include "NBServerApiModels.h"
-#include "ProbeApi.h"
 #include "TestMain.h"
-#include "TestServer.h"
 
 class TestNBServerApiModels : public QObject
 {
     Q_OBJECT
-
-    // An entry sent the way the operations with optional keys send it.
-    RecordedRequest sendEntry(const NBServerApiEntryModel& entry)
-    {
-        TestServer server;
-        ProbeApi api;
-        api.setBaseUrlString(server.url());
-        NBRequestBuilder builder = api.request("/entry");
-        builder.param("path", entry.path)
-            .param("path_type", entry.pathType)
-            .paramIfSet("from", entry.from)
-            .paramIfSet("neid", entry.neid)
-            .paramIfSet("prefix_neid", entry.prefixNeid);
-        Calls calls;
-        builder.send(calls.completion());
-        calls.waitForCompletions(1);
-        return server.lastRequest();
-    }
 
 private slots:
     void pathTypes()
@@ -94,24 +73,8 @@ private slots:
         QCOMPARE(copy.to.path, QString("/dest"));
         QVERIFY(copy.ignoreShare);
     }
-
-    void defaultEntryLeavesOptionalKeysOut()
-    {
-        QCOMPARE(sendEntry(NBServerApiEntryModel()).target, QByteArray("/v2/entry?path=&path_type="));
-    }
-
-    void unknownPathTypeIsSentUnchanged()
-    {
-        NBServerApiEntryModel entry;
-        entry.path = "/docs/a.txt";
-        entry.pathType = "recycle";
-        entry.neid = "42";
-        QCOMPARE(
-            sendEntry(entry).target, QByteArray("/v2/entry?path=%2Fdocs%2Fa.txt&path_type=recycle&neid=42"));
-        entry.pathType = "Something Else";
-        QCOMPARE(
-            sendEntry(entry).query(), QByteArray("path=%2Fdocs%2Fa.txt&path_type=Something%20Else&neid=42"));
-    }
+    // A default entry and an unknown path type on the wire: tst_nbserverapi_namespace
+    // ("unlockFile, default model", "unlockFile, unknown path type sent as it is").
 };
 
 NB_TEST_MAIN(TestNBServerApiModels)

@@ -102,9 +102,6 @@ QByteArray expand(QByteArray wire, const QByteArray& host, const GoldenSettings&
     // The network layer's own user agent, when the default headers bring none.
     const QByteArray qtAgent = s.userAgent.isEmpty() ? "User-Agent: Mozilla/5.0\n" : "";
     const QByteArray form = "Content-Type: application/x-www-form-urlencoded;application/json\n";
-    const int blank = wire.indexOf("\n\n");
-    const QByteArray length = QByteArray::number(blank < 0 ? 0 : wire.size() - blank - 2);
-
     wire.replace("{get}", "Host: {host}\n{ua}Accept: */*\n{cookie}{qt}{qtAgent}");
     wire.replace("{post}", "Host: {host}\n{ua}{form}{cookie}Content-Length: {length}\n{qt}{qtAgent}");
     wire.replace("{qtAgent}", qtAgent);
@@ -113,8 +110,11 @@ QByteArray expand(QByteArray wire, const QByteArray& host, const GoldenSettings&
     wire.replace("{form}", form);
     wire.replace("{qt}", qt);
     wire.replace("{host}", host);
-    // The body may hold the text "{length}" itself only where the head does not.
+    // The body follows the first blank line; only the head's "{length}" is replaced.
     const int head = wire.indexOf("\n\n");
+    if (head < 0)
+        return wire;
+    const QByteArray length = QByteArray::number(wire.size() - head - 2);
     return wire.left(head).replace("{length}", length) + wire.mid(head);
 }
 
@@ -202,7 +202,8 @@ void run()
     const QByteArray want = expand(expected, host, row.settings);
     const QByteArray got = server.lastRequest().wireText();
     if (want != got)
-        QFAIL(qPrintable(QStringLiteral("the request differs (- expected, + received):\n") + lineDiff(want, got)));
+        QFAIL(qPrintable(
+            QStringLiteral("the request differs (- expected, + received):\n") + lineDiff(want, got)));
 }
 
 } // namespace Golden

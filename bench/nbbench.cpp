@@ -8,10 +8,21 @@
 //   nbbench upload URL PATH          POST the file as the body
 //   nbbench multipart URL PATH       POST the file in a multipart form with one text field
 //   nbbench gets URL COUNT           COUNT sequential GETs of a small document
+//
+// The same transfers through the facade, as a host calls them (SERVER is the transfer
+// server's or the base address; the operations compose the paths under /v2):
+//   nbbench facade-download-file SERVER PATH   DownloadFile of "/big.bin" into PATH
+//   nbbench facade-router SERVER               DownloadRouter of "/big.bin", counting the bytes
+//   nbbench facade-upload SERVER PATH          UploadFile of PATH to "/upload"
+//   nbbench chunked SERVER PATH INFLIGHT       ChunkedUpload of PATH in 4 MiB chunks, INFLIGHT
+//                                              requests at a time, each chunk read from the
+//                                              file when its request starts
 #include "BenchCommon.h"
+#include "INBSeverApi.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <functional>
 
@@ -74,36 +85,45 @@ int downloadData(const QString& url)
     return measurement.report(received);
 }
 
-// Both uploads report the bytes sent once the progress reached its total. Qt ends an
-// upload's progress with a (0, 0) report, so the largest figures are kept.
+// Upload progress kept as its largest figures: Qt ends an upload with a (0, 0) report.
+struct SentBytes
+{
+    UploadProgressData most;
+    NBUploadProgressCallback callback()
+    {
+        return [this](const UploadProgressData& data) {
+            most.bytesSent = qMax(most.bytesSent, data.bytesSent);
+            most.bytesTotal = qMax(most.bytesTotal, data.bytesTotal);
+        };
+    }
+    QString check(const QString& error) const
+    {
+        if (error.isEmpty() && most.bytesSent != most.bytesTotal)
+            return QStringLiteral("upload stopped at %1 of %2 bytes")
+                .arg(most.bytesSent)
+                .arg(most.bytesTotal);
+        return error;
+    }
+};
+
+// Both uploads report the bytes sent once the progress reached its total.
 int upload(const QString& url, const QString& path, bool multipart)
 {
-    UploadProgressData sent;
+    SentBytes sent;
     Measurement measurement;
     runRequest(
         url,
         [&](NBHttpClient* client, NBCompletionCallback completion) {
-            auto progress = [&](const UploadProgressData& data) {
-                sent.bytesSent = qMax(sent.bytesSent, data.bytesSent);
-                sent.bytesTotal = qMax(sent.bytesTotal, data.bytesTotal);
-            };
             if (multipart) {
                 client->param(QStringLiteral("name"), QFileInfo(path).fileName());
-                client->mulitUpload(path, QByteArray(), progress, completion);
+                client->mulitUpload(path, QByteArray(), sent.callback(), completion);
             } else {
-                client->upload(path, progress, completion);
+                client->upload(path, sent.callback(), completion);
             }
         },
-        [&](const ResponseData& response) {
-            QString error = problem(response);
-            if (error.isEmpty() && sent.bytesSent != sent.bytesTotal)
-                error = QStringLiteral("upload stopped at %1 of %2 bytes")
-                            .arg(sent.bytesSent)
-                            .arg(sent.bytesTotal);
-            measurement.stop(error);
-        });
+        [&](const ResponseData& response) { measurement.stop(sent.check(problem(response))); });
     measurement.wait();
-    return measurement.report(sent.bytesSent);
+    return measurement.report(sent.most.bytesSent);
 }
 
 int smallGets(const QString& url, int count)
@@ -132,6 +152,87 @@ int smallGets(const QString& url, int count)
     return measurement.report(finished);
 }
 
+int facadeDownloadFile(const QString& server, const QString& path)
+{
+    NBServerApiDownloadFileModel model;
+    model.serverUrl = server;
+    model.path = QStringLiteral("/big.bin");
+    model.pathType = NBPathType::Ent;
+    model.localPath = path;
+    Measurement measurement;
+    ServerApi::DownloadFile(
+        model, [&](const ResponseData& response) { measurement.stop(problem(response)); });
+    measurement.wait();
+    return measurement.report(QFileInfo(path).size());
+}
+
+int facadeRouter(const QString& server)
+{
+    ServerApi::setBaseUrlString(server);
+    NBSeverApiDLRouterModel model;
+    model.path = QStringLiteral("/big.bin");
+    model.pathType = NBPathType::Ent;
+    qint64 received = 0;
+    Measurement measurement;
+    ServerApi::DownloadRouter(
+        model, [&](const QByteArray& piece) { received += piece.size(); },
+        [&](const ResponseData& response) { measurement.stop(problem(response)); });
+    measurement.wait();
+    return measurement.report(received);
+}
+
+int facadeUpload(const QString& server, const QString& path)
+{
+    NBServerApiUploadFileModel model;
+    model.serverUrl = server;
+    model.path = QStringLiteral("/upload");
+    model.pathType = NBPathType::Ent;
+    model.localPath = path;
+    SentBytes sent;
+    Measurement measurement;
+    ServerApi::UploadFile(
+        model, [&](const ResponseData& response) { measurement.stop(sent.check(problem(response))); },
+        sent.callback());
+    measurement.wait();
+    return measurement.report(sent.most.bytesSent);
+}
+
+int chunked(const QString& server, const QString& path, int inFlight)
+{
+    const qint64 chunkSize = 4 << 20;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(file.errorString());
+    const int chunks = int((file.size() + chunkSize - 1) / chunkSize);
+    int started = 0;
+    int finished = 0;
+    qint64 sent = 0;
+    Measurement measurement;
+    std::function<void()> startNext = [&] {
+        NBServerApiChunkedUploadModel model;
+        model.serverUrl = server;
+        model.uploadId = QStringLiteral("bench");
+        model.hash = QString::number(started);
+        file.seek(started * chunkSize);
+        model.data = file.read(chunkSize);
+        ++started;
+        ServerApi::ChunkedUpload(model, [&, length = model.data.size()](const ResponseData& response) {
+            const QString error = problem(response);
+            if (!error.isEmpty())
+                return measurement.stop(error);
+            sent += length;
+            if (++finished == chunks)
+                measurement.stop(QString());
+            else if (started < chunks)
+                QMetaObject::invokeMethod(qApp, startNext, Qt::QueuedConnection);
+        });
+    };
+    for (int i = 0; i < inFlight && started < chunks; ++i)
+        startNext();
+    measurement.wait();
+    return measurement.report(sent);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -149,6 +250,17 @@ int main(int argc, char** argv)
         return upload(args[1], args[2], true);
     if (name == QLatin1String("gets") && args.size() == 3 && args[2].toInt() > 0)
         return smallGets(args[1], args[2].toInt());
-    return fail(QStringLiteral("usage: nbbench download-file URL PATH | download-data URL | upload URL PATH"
-                               " | multipart URL PATH | gets URL COUNT"));
+    ServerApi::init(ServerApi::PublicCloud);
+    if (name == QLatin1String("facade-download-file") && args.size() == 3)
+        return facadeDownloadFile(args[1], args[2]);
+    if (name == QLatin1String("facade-router") && args.size() == 2)
+        return facadeRouter(args[1]);
+    if (name == QLatin1String("facade-upload") && args.size() == 3)
+        return facadeUpload(args[1], args[2]);
+    if (name == QLatin1String("chunked") && args.size() == 4 && args[3].toInt() > 0)
+        return chunked(args[1], args[2], args[3].toInt());
+    return fail(
+        QStringLiteral("usage: nbbench download-file URL PATH | download-data URL | upload URL PATH"
+                       " | multipart URL PATH | gets URL COUNT | facade-download-file SERVER PATH"
+                       " | facade-router SERVER | facade-upload SERVER PATH | chunked SERVER PATH INFLIGHT"));
 }

@@ -106,6 +106,23 @@ http {
             mirror_request_body on;
             error_page 405 =200 /done.json;
         }
+        # The facade's operations: files under /v2/files/databox/ and /v2/dl_router/databox/,
+        # uploads of "/upload" and chunks into the same sink.
+        location /v2/files/databox/ {
+            alias $www/;
+            client_body_buffer_size 1m;
+            mirror /mirror-sink;
+            mirror_request_body on;
+            error_page 405 =200 /done.json;
+        }
+        location /v2/dl_router/databox/ { alias $www/; }
+        location = /v2/chunked_upload {
+            alias $www/upload;
+            client_body_buffer_size 1m;
+            mirror /mirror-sink;
+            mirror_request_body on;
+            error_page 405 =200 /done.json;
+        }
         location = /mirror-sink { internal; return 204; }
         location = /done.json { internal; access_log $work/nginx/sink.log sink; }
     }
@@ -143,7 +160,7 @@ up_format='%{size_upload} %{time_total}\n'
 side_command() {
     case $1 in
     lib-file)
-        label="library"
+        label="transport download()"
         cmd=("$bin/nbbench" download-file "$url/big.bin" "$work/out.bin")
         ;;
     curl-file)
@@ -163,7 +180,7 @@ side_command() {
         cmd=("$bin/nbbench" download-data "$url/big.bin")
         ;;
     lib-upload)
-        label="library"
+        label="transport upload()"
         cmd=("$bin/nbbench" upload "$url/upload" "$www/big.bin")
         ;;
     curl-upload)
@@ -182,6 +199,22 @@ side_command() {
         label="curl -F"
         cmd=(curl "${curl_opts[@]}" -F name=part.bin -F "file=@$www/part.bin" -o /dev/null -w "$up_format"
             "$url/upload")
+        ;;
+    facade-file)
+        label="DownloadFile"
+        cmd=("$bin/nbbench" facade-download-file "$url" "$work/out.bin")
+        ;;
+    facade-router)
+        label="DownloadRouter"
+        cmd=("$bin/nbbench" facade-router "$url")
+        ;;
+    facade-upload)
+        label="UploadFile"
+        cmd=("$bin/nbbench" facade-upload "$url" "$www/big.bin")
+        ;;
+    chunked-1 | chunked-4 | chunked-8)
+        label="ChunkedUpload x${1#chunked-}"
+        cmd=("$bin/nbbench" chunked "$url" "$www/big.bin" "${1#chunked-}")
         ;;
     lib-gets)
         label="library"
@@ -219,15 +252,16 @@ settle() {
     done
 }
 
-# Waits for the sink's log line of the last upload and checks it read `$1` bytes at least.
+# Waits for the sink's log lines of the last run's uploads and checks they read `$1`
+# bytes at least in all (a chunked upload leaves one line per chunk).
 check_sink() {
-    local log=$work/nginx/sink.log read
+    local log=$work/nginx/sink.log read=0
     for _ in $(seq 100); do
-        [ -s "$log" ] && break
+        read=$(awk '{ n += $1 } END { print n + 0 }' "$log" 2>/dev/null || echo 0)
+        [ "$read" -ge "$1" ] && return 0
         sleep 0.02
     done
-    read=$(tail -n 1 "$log" 2>/dev/null || echo 0)
-    [ "${read:-0}" -ge "$1" ] || die "the upload sink read ${read:-nothing} of $1 bytes"
+    die "the upload sink read $read of $1 bytes"
 }
 
 # measure SIDE EXPECTED ROUND: runs the side once under nbrun and checks that it moved
@@ -246,7 +280,7 @@ measure() {
     [ "${amount:-0}" -ge "$expected" ] || die "${cmd[*]} moved ${amount:-0} of $expected"
     case $side in
     *-file | *-write) rm -f "$work/out.bin" ;;
-    *upload | *multipart) check_sink "$expected" ;;
+    *upload | *multipart | chunked-*) check_sink "$expected" ;;
     esac
     echo "$side round=$round amount=$amount seconds=$seconds peak_rss_kib=$rss" >>"$raw"
     [ "$round" -eq 0 ] || echo "$seconds $rss" >>"$work/results/$side"
@@ -323,6 +357,10 @@ run_case "download to callback" $big lib-data curl-null
 run_case "file upload" $big lib-upload curl-upload bare-upload
 run_case "multipart upload" $part lib-multipart curl-multipart
 run_case "small GETs" "$gets" lib-gets bare-gets
+run_case "facade download" $big facade-file lib-file curl-file
+run_case "facade router" $big facade-router curl-null
+run_case "facade upload" $big facade-upload lib-upload curl-upload
+run_case "chunked upload" $big chunked-1 chunked-4 chunked-8 facade-upload curl-upload
 
 echo
 echo "Medians of $rounds round(s) after a warm-up, sides alternating; $(nproc) CPUs; nginx" \
@@ -339,6 +377,16 @@ report "1 GiB file upload" $big $mib MiB/s lib-upload curl-upload - 48
 report "1 GiB file upload" $big $mib MiB/s lib-upload bare-upload 1 -
 report "256 MiB multipart" $part $mib MiB/s lib-multipart curl-multipart - -
 report "$gets small GETs" "$gets" 1 req/s lib-gets bare-gets 0.8 -
+echo "Through the facade (ServerApi), the same nginx:"
+report "1 GiB DownloadFile" $big $mib MiB/s facade-file lib-file 0.9 64
+report "1 GiB DownloadFile" $big $mib MiB/s facade-file curl-file - -
+report "1 GiB DownloadRouter" $big $mib MiB/s facade-router curl-null - 64
+report "1 GiB UploadFile" $big $mib MiB/s facade-upload lib-upload - 64
+report "1 GiB UploadFile" $big $mib MiB/s facade-upload curl-upload - -
+report "1 GiB chunked, 1" $big $mib MiB/s chunked-1 facade-upload - 64
+report "1 GiB chunked, 4" $big $mib MiB/s chunked-4 facade-upload - 64
+report "1 GiB chunked, 8" $big $mib MiB/s chunked-8 facade-upload 3 64
+report "1 GiB chunked, 8" $big $mib MiB/s chunked-8 curl-upload 0.9 -
 echo "targets: $passes PASS, $misses MISS; every run's figures: $raw"
 if [ $busy_rounds -gt 0 ]; then
     echo "note: $busy_rounds of $all_rounds rounds started while other processes kept the CPUs busy;" \

@@ -84,6 +84,34 @@ public:
     static long long LockFile(const NBServerApiLockFileModel& model, NBCompletionCallback done);
     static long long UnlockFile(const NBServerApiUnlockFileModel& model, NBCompletionCallback done);
 
+    // Transfers. The extra query of AuthUpload, QueryHash, ChunkedUpload and CommitHash,
+    // when set, is appended to the address after "&" as it is. Uploads stream files
+    // from disk and downloads write them as they arrive; DownloadRouter and DownloadData
+    // hand the body to onData piece by piece (and keep it for the record's body).
+    static long long AuthUpload(const NBServerApiEntryModel& model, long long bytes,
+        NBCompletionCallback done, QString extraQuery = QString());
+    static long long DownloadRouter(const NBSeverApiDLRouterModel& model, NBDataCallback onData,
+        NBCompletionCallback done, NBDownloadProgressCallback onProgress = {});
+    static long long UploadFile(const NBServerApiUploadFileModel& model, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress = {});
+    static long long UploadData(const NBServerApiUploadDataModel& model, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress = {});
+    static long long DownloadFile(const NBServerApiDownloadFileModel& model, NBCompletionCallback done,
+        NBDownloadProgressCallback onProgress = {});
+    static long long DownloadData(const NBServerApiDownloadDataModel& model, NBDataCallback onData,
+        NBCompletionCallback done, NBDownloadProgressCallback onProgress = {});
+    static long long QueryHash(
+        const NBServerApiQueryHashModel& model, NBCompletionCallback done, QString extraQuery = QString());
+    static long long ChunkedUpload(const NBServerApiChunkedUploadModel& model, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress = {}, QString extraQuery = QString());
+    static long long CommitHash(
+        const NBServerApiCommitHashModel& model, NBCompletionCallback done, QString extraQuery = QString());
+    // A whole address: Download with the default headers, Upload with nothing of the endpoint.
+    static long long Download(const QString& url, NBDataCallback onData, NBCompletionCallback done,
+        NBDownloadProgressCallback onProgress = {});
+    static long long Upload(const QString& url, const QString& localPath, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress = {});
+
     // Change feed and sync data: pass the previous reply's cursor to read on. Empty
     // identifiers of GetSyncData go out as "0" (syncUid is left out).
     static long long Delta(const NBServerApiDeltaModel& model, NBCompletionCallback done);

@@ -109,6 +109,13 @@ NBRequestBuilder& NBRequestBuilder::paramOrZero(const QString& key, const QStrin
     return param(key, value.isEmpty() ? QStringLiteral("0") : value);
 }
 
+NBRequestBuilder& NBRequestBuilder::each(const QString& key, const QList<QString>& values)
+{
+    for (const QString& value : values)
+        param(key, value);
+    return *this;
+}
+
 NBRequestBuilder& NBRequestBuilder::flag(const QString& key, bool value)
 {
     return param(key, m_api->boolToString(value));
@@ -137,6 +144,16 @@ NBRequestBuilder& NBRequestBuilder::inQuery()
 {
     m_inQuery = true;
     return *this;
+}
+
+NBRequestBuilder& NBRequestBuilder::verifyCodeParam()
+{
+    return paramIfSet(QStringLiteral("S"), m_api->priServerVerifyCode());
+}
+
+NBRequestBuilder& NBRequestBuilder::languageParam()
+{
+    return param(QStringLiteral("language"), NBServerApi::hostLanguage());
 }
 
 // Qt's query encoding, except that a "%" of the value is always the character itself:

@@ -51,6 +51,8 @@ public:
     NBRequestBuilder& paramsIfSet(std::initializer_list<QPair<QString, QString>> pairs);
     // An empty value goes out as "0".
     NBRequestBuilder& paramOrZero(const QString& key, const QString& value);
+    // One pair per value, the key repeated, in list order.
+    NBRequestBuilder& each(const QString& key, const QList<QString>& values);
     NBRequestBuilder& flag(const QString& key, bool value);
     NBRequestBuilder& number(const QString& key, qint64 value);
     // Every entry, in key order.
@@ -65,6 +67,11 @@ public:
     }
     // From here on, parameters go into the address's query: the body carries content.
     NBRequestBuilder& inQuery();
+    // "S" = the endpoint's verification code, when it is set, as an ordinary parameter
+    // (forms that build their own query rather than take the default step).
+    NBRequestBuilder& verifyCodeParam();
+    // "language" = the host configuration's language (attribute 59).
+    NBRequestBuilder& languageParam();
     // Appends "&" and the text to the address as it is, when the text is set.
     NBRequestBuilder& extraQuery(const QString& extra);
 

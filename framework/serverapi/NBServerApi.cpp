@@ -21,6 +21,29 @@ QJsonDocument batchMoveDocument(const NBServerApiBatchMoveModel& model, const QS
         { "ignore_share", ignoreShare } });
 }
 
+// The query of a whole upload, whose body is the content; a data upload passes no revision.
+auto uploadQuery(const QString& rev)
+{
+    return [rev](NBRequestBuilder& request, const auto& model) {
+        request.inQuery()
+            .with(entryParams, model)
+            .paramsIfSet({ { NBKey::Rev, rev }, { NBKey::ParentRev, model.parentRev } })
+            .flag(NBKey::Overwrite, model.overwrite)
+            .paramIfSet(NBKey::OpType, model.opType)
+            .verifyCodeParam()
+            .languageParam();
+    };
+}
+
+// The parameters of a whole download.
+constexpr auto downloadParams = [](NBRequestBuilder& request, const auto& model) {
+    request.param(NBKey::Path, model.path)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid }, { NBKey::Rev, model.rev },
+            { NBKey::PrefixNeid, model.prefixNeid }, { NBKey::OpType, model.opType } })
+        .languageParam();
+};
+
 } // namespace
 
 NBServerApi::NBServerApi()
@@ -220,6 +243,147 @@ long long NBServerApi::unlockFile(const NBServerApiUnlockFileModel& model, NBCom
         .with(entryParams, model)
         .withDefaults()
         .send(std::move(done));
+}
+
+// --- Transfers: authorisation, routing, whole files, chunks. ------------------------
+
+long long NBServerApi::authUpload(
+    const NBServerApiEntryModel& model, long long bytes, NBCompletionCallback done, QString extraQuery)
+{
+    return request(combinPath(m_fileopsAuthUploadUrl, model.path))
+        .param(NBKey::Path, model.path)
+        .param(NBKey::PathType, model.pathType)
+        .param("full_path", model.path)
+        .paramsIfSet({ { NBKey::IgnorePrefixPath, model.ignorePrefixPath }, { NBKey::From, model.from },
+            { NBKey::PrefixNeid, model.prefixNeid }, { NBKey::Nsid, model.nsid },
+            { NBKey::Neid, model.neid } })
+        .number(NBKey::Bytes, bytes)
+        .withDefaults()
+        .extraQuery(extraQuery)
+        .send(std::move(done));
+}
+
+long long NBServerApi::downloadRouter(const NBSeverApiDLRouterModel& model, NBDataCallback onData,
+    NBCompletionCallback done, NBDownloadProgressCallback onProgress)
+{
+    return request(combinPath(m_dlRouterUrl, model.path))
+        .param(NBKey::Path, model.path)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid }, { NBKey::Rev, model.rev },
+            { NBKey::PrefixNeid, model.prefixNeid } })
+        .rangeIfSet(model.range)
+        .paramIfSet(NBKey::OpType, model.opType)
+        .withDefaults()
+        .download(std::move(onData), std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::uploadFile(
+    const NBServerApiUploadFileModel& model, NBCompletionCallback done, NBUploadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl, combinPath(m_filesDataboxUrl, model.path))
+        .with(uploadQuery(model.rev), model)
+        .defaultHeaders()
+        .upload(model.localPath, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::uploadData(
+    const NBServerApiUploadDataModel& model, NBCompletionCallback done, NBUploadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl, combinPath(m_filesDataboxUrl, model.path))
+        .with(uploadQuery(QString()), model)
+        .defaultHeaders()
+        .upload(model.data, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::downloadFile(const NBServerApiDownloadFileModel& model, NBCompletionCallback done,
+    NBDownloadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl, combinPath(m_filesDataboxUrl, model.path))
+        .with(downloadParams, model)
+        .withDefaults()
+        .downloadTo(model.localPath, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::downloadData(const NBServerApiDownloadDataModel& model, NBDataCallback onData,
+    NBCompletionCallback done, NBDownloadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl, combinPath(m_filesDataboxUrl, model.path))
+        .with(downloadParams, model)
+        .withDefaults()
+        .download(std::move(onData), std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::queryHash(
+    const NBServerApiQueryHashModel& model, NBCompletionCallback done, QString extraQuery)
+{
+    return queryHash(model.serverUrl, { model.hash }, std::move(done), extraQuery);
+}
+
+long long NBServerApi::queryHash(
+    const QString& serverUrl, const QList<QString>& hashes, NBCompletionCallback done, QString extraQuery)
+{
+    return requestOn(serverUrl, m_commitChunkedUploadUrl)
+        .method(POST)
+        .each(NBKey::Hashes, hashes)
+        .withDefaults()
+        .extraQuery(extraQuery)
+        .send(std::move(done));
+}
+
+long long NBServerApi::queryHashSix(
+    const QString& serverUrl, const QList<QString>& hashes, const QString& extra, NBCompletionCallback done)
+{
+    return requestOn(serverUrl, m_commitChunkedUploadUrl)
+        .method(POST)
+        .each(NBKey::Hashes, hashes)
+        .param("&", extra)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::chunkedUpload(const NBServerApiChunkedUploadModel& model, NBCompletionCallback done,
+    NBUploadProgressCallback onProgress, QString extraQuery)
+{
+    return requestOn(model.serverUrl, m_chunkedUploadUrl)
+        .inQuery()
+        .paramsIfSet({ { "hash", model.hash }, { "upload_id", model.uploadId } })
+        .param("offset", "0")
+        .verifyCodeParam()
+        .defaultHeaders()
+        .extraQuery(extraQuery)
+        .upload(model.data, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::commitHash(
+    const NBServerApiCommitHashModel& model, NBCompletionCallback done, QString extraQuery)
+{
+    return requestOn(model.serverUrl, combinPath(m_commitChunkedUploadUrl, model.path))
+        .method(POST)
+        .param(NBKey::Path, model.path)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Rev, model.rev },
+            { NBKey::ParentRev, model.parentRev }, { NBKey::PrefixNeid, model.prefixNeid } })
+        .number(NBKey::Bytes, model.bytes)
+        .flag("is_file_commit", model.isFileCommit)
+        .flag(NBKey::Overwrite, model.overwrite)
+        .paramIfSet(NBKey::OpType, model.opType)
+        .each(NBKey::Hashes, model.hashes)
+        .withDefaults()
+        .extraQuery(extraQuery)
+        .send(std::move(done));
+}
+
+long long NBServerApi::Upload(const QString& url, const QString& localPath, NBCompletionCallback done,
+    NBUploadProgressCallback onProgress)
+{
+    return requestTo(url).upload(localPath, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::download(const QString& url, NBDataCallback onData, NBCompletionCallback done,
+    NBDownloadProgressCallback onProgress)
+{
+    return requestTo(url).defaultHeaders().download(
+        std::move(onData), std::move(onProgress), std::move(done));
 }
 
 // --- Change feed, sync data, approval queries, the operation log. --------------------
@@ -483,6 +647,11 @@ NBCompletionCallback NBServerApi::replyHandler(
 NBRequestBuilder NBServerApi::request(const QString& path)
 {
     return NBRequestBuilder(*this, combineReqUrl(baseUrlString(), versionString(), path));
+}
+
+NBRequestBuilder NBServerApi::requestOn(const QString& serverUrl, const QString& path)
+{
+    return NBRequestBuilder(*this, combineReqUrl(serverUrl, versionString(), path));
 }
 
 NBRequestBuilder NBServerApi::requestTo(const QString& url)

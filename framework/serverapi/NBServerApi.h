@@ -46,12 +46,37 @@ public:
     virtual long long configGet(const NBServerApiConfigGetModel& model, NBCompletionCallback done);
     virtual long long serverJump(const NBServerApiServerJumpModel& model, NBCompletionCallback done);
     virtual long long metaData(const NBServerApiMetaEntryModel& model, NBCompletionCallback done);
+    // The extra query, when set, is appended to the address after "&" as it is.
+    virtual long long authUpload(
+        const NBServerApiEntryModel& model, long long bytes, NBCompletionCallback done, QString extraQuery);
     virtual long long createFolder(const NBServerApiCreateFolderModel& model, NBCompletionCallback done);
     virtual long long regionGet(NBCompletionCallback done);
     virtual long long revisions(const NBServerApiRevisionsModel& model, NBCompletionCallback done);
     virtual long long GetUpdateSourcePath(const QString& acctId, NBCompletionCallback done);
     virtual long long lockFile(const NBServerApiLockFileModel& model, NBCompletionCallback done);
     virtual long long unlockFile(const NBServerApiUnlockFileModel& model, NBCompletionCallback done);
+    virtual long long downloadRouter(const NBSeverApiDLRouterModel& model, NBDataCallback onData,
+        NBCompletionCallback done, NBDownloadProgressCallback onProgress);
+    virtual long long uploadFile(const NBServerApiUploadFileModel& model, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress);
+    virtual long long uploadData(const NBServerApiUploadDataModel& model, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress);
+    virtual long long downloadFile(const NBServerApiDownloadFileModel& model, NBCompletionCallback done,
+        NBDownloadProgressCallback onProgress);
+    virtual long long downloadData(const NBServerApiDownloadDataModel& model, NBDataCallback onData,
+        NBCompletionCallback done, NBDownloadProgressCallback onProgress);
+    // Calls the list form through the virtual table, with the one hash.
+    virtual long long queryHash(
+        const NBServerApiQueryHashModel& model, NBCompletionCallback done, QString extraQuery);
+    virtual long long queryHash(const QString& serverUrl, const QList<QString>& hashes,
+        NBCompletionCallback done, QString extraQuery);
+    // Sends `extra` as a parameter named "&", always.
+    virtual long long queryHashSix(const QString& serverUrl, const QList<QString>& hashes,
+        const QString& extra, NBCompletionCallback done);
+    virtual long long chunkedUpload(const NBServerApiChunkedUploadModel& model, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress, QString extraQuery);
+    virtual long long commitHash(
+        const NBServerApiCommitHashModel& model, NBCompletionCallback done, QString extraQuery);
     virtual long long delta(const NBServerApiDeltaModel& model, NBCompletionCallback done);
     virtual long long GetSyncData(const NBServerApiDeltaModel& model, const QString& syncCid,
         const QString& syncUid, const QString& pullJid, const QString& deltaDataId, int syncType,
@@ -61,6 +86,12 @@ public:
     virtual long long batchMove(const NBServerApiBatchMoveModel& model, NBCompletionCallback done);
     virtual long long batchDelete(const NBServerApiBatchDeleteModel& model, NBCompletionCallback done);
     virtual long long batchAsyncQuery(const QString& taskId, NBCompletionCallback done);
+    // The file to the address as given, without a header or parameter of the endpoint.
+    virtual long long Upload(const QString& url, const QString& localPath, NBCompletionCallback done,
+        NBUploadProgressCallback onProgress);
+    // The address as given, with the default headers.
+    virtual long long download(const QString& url, NBDataCallback onData, NBCompletionCallback done,
+        NBDownloadProgressCallback onProgress);
     virtual long long RPCServerLogging(const QString& action, const QString& entityStr2,
         const QString& entityStr1, const QString& pathType, const QString& neid, const QString& nsid,
         const QString& opType, NBCompletionCallback done);
@@ -111,12 +142,19 @@ public:
     static inline const QString m_configGetUrl = QStringLiteral("/config/get");
     static inline const QString m_serverJumpUrl = QStringLiteral("/api/server/jump");
     static inline const QString m_metaDataUrl = QStringLiteral("/metadata/databox");
+    static inline const QString m_fileopsAuthUploadUrl = QStringLiteral("/fileops/auth_upload/databox");
     static inline const QString m_fileopsCreateFolderUrl = QStringLiteral("/fileops/create_folder/databox");
     static inline const QString m_regionGetUrl = QStringLiteral("/region/get");
     static inline const QString m_revisionsUrl = QStringLiteral("/revisions/databox");
     static inline const QString m_strAddOfUpdateResource = QStringLiteral("/app/info/get");
     static inline const QString m_lockUrl = QStringLiteral("/lock/databox");
     static inline const QString m_unlockUrl = QStringLiteral("/unlock/databox");
+    static inline const QString m_dlRouterUrl = QStringLiteral("/dl_router/databox");
+    static inline const QString m_filesDataboxUrl = QStringLiteral("/files/databox");
+    // The hash query and the commit share it; the server tells them apart by their parameters.
+    static inline const QString m_commitChunkedUploadUrl
+        = QStringLiteral("/commit_chunked_upload/commit/databox");
+    static inline const QString m_chunkedUploadUrl = QStringLiteral("/chunked_upload");
     static inline const QString m_fileopsMoveUrl = QStringLiteral("/fileops/move");
     static inline const QString m_fileopsBatchCopyUrl = QStringLiteral("/fileops/batch_copy");
     static inline const QString m_fileopsBatchMoveUrl = QStringLiteral("/fileops/batch_move");
@@ -133,6 +171,8 @@ public:
 protected:
     // A request to one of this server's operations: "<scheme://host:port>/<version><path>".
     NBRequestBuilder request(const QString& path);
+    // A request to an operation of a transfer server: its address instead of the base address.
+    NBRequestBuilder requestOn(const QString& serverUrl, const QString& path);
     // A request to an address taken as it is.
     NBRequestBuilder requestTo(const QString& url);
 

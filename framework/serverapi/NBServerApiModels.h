@@ -162,3 +162,107 @@ struct NBServerApiBatchDeleteModel
     QList<NBServerApiEntryModel> pathes; // sent under "pathes", in this order
     bool ignoreShare = false; // "ignore_share"
 };
+
+// --- Transfers: routing, whole files, chunks --------------------------------------
+
+// DownloadRouter: a file's content through the routing address, optionally a range.
+struct NBSeverApiDLRouterModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+    QString rev; // "rev"
+    QString range; // sent verbatim as both "Range" and "x-nimbraws-range", e.g. "bytes=0-99"
+    QString opType; // "op_type"
+};
+
+// The transfer models address the transfer server in `serverUrl` (its scheme, host and
+// port are used), not the base address.
+struct NBServerApiUploadFileModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+    QString rev; // "rev"
+    QString parentRev; // "parent_rev"
+    QString serverUrl;
+    QString localPath; // the file sent, streamed from disk
+    bool overwrite = false; // "overwrite"
+    QString opType; // "op_type"
+};
+
+struct NBServerApiUploadDataModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+    QString rev; // not sent by data uploads
+    QString parentRev; // "parent_rev"
+    QString serverUrl;
+    QByteArray data; // the body
+    bool overwrite = false; // "overwrite"
+    QString opType; // "op_type"
+};
+
+struct NBServerApiDownloadFileModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+    QString rev; // "rev"
+    QString serverUrl;
+    QString localPath; // written as the body arrives; truncated first
+    QString opType; // "op_type"
+};
+
+struct NBServerApiDownloadDataModel
+{
+    QString path;
+    QString pathType;
+    QString from;
+    QString neid;
+    QString prefixNeid;
+    QString rev; // "rev"
+    QString serverUrl;
+    QString opType; // "op_type"
+};
+
+// Chunked uploads: query which chunk hashes the server lacks, upload those chunks,
+// commit the file as its ordered hash list. The chunking and the hash are the host's.
+struct NBServerApiQueryHashModel
+{
+    QString serverUrl;
+    QString hash; // one "hashes[]"
+};
+
+struct NBServerApiChunkedUploadModel
+{
+    QString serverUrl;
+    QString uploadId; // "upload_id"
+    QString hash; // "hash"
+    QByteArray data; // the chunk
+};
+
+struct NBServerApiCommitHashModel
+{
+    QString path; // "path", and the tail of the address
+    QString pathType;
+    QString from;
+    QString prefixNeid;
+    QString rev; // "rev"
+    QString parentRev; // "parent_rev"
+    QString serverUrl;
+    QList<QString> hashes; // one "hashes[]" each, in order
+    qint64 bytes = 0; // "bytes": the file's size
+    bool isFileCommit = false; // "is_file_commit"
+    bool overwrite = false; // "overwrite"
+    QString opType; // "op_type"
+};

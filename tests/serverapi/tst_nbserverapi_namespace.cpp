@@ -54,7 +54,9 @@ private slots:
                     return ServerApi::ConfigGet(m, c.calls.completion());
                 })
                 .sends(AllDeployments,
-                    "GET /v2/config/get?config_id=a%20b%26c%3Dd%2Be%2Ff&config_type=client&name=%E5%90%8D%E5%AD%97\n"
+                    "GET "
+                    "/v2/config/"
+                    "get?config_id=a%20b%26c%3Dd%2Be%2Ff&config_type=client&name=%E5%90%8D%E5%AD%97\n"
                     "{get}\n"),
             golden("configGet, verification code after the parameters",
                 [](GoldenContext& c) {
@@ -87,7 +89,8 @@ private slots:
                 })
                 .sends(AllDeployments,
                     "GET /v2/metadata/databox//root?path=%2Fdocs%2Fa%20b&path_type=ent&neid=42"
-                    "&include_deleted=false&with_seed=true&list=true&orderby=&sort=&limit=0&offset=0\n{get}\n"),
+                    "&include_deleted=false&with_seed=true&list=true&orderby=&sort=&limit=0&offset=0\n{get}"
+                    "\n"),
             golden("metaData by path",
                 [](GoldenContext& c) {
                     NBServerApiMetaEntryModel m;
@@ -104,8 +107,11 @@ private slots:
                     return ServerApi::MetaData(m, c.calls.completion());
                 })
                 .sends(AllDeployments,
-                    "GET /v2/metadata/databox/%E6%96%87%E6%A1%A3/a+b=c&d?path=%2F%E6%96%87%E6%A1%A3%2Fa%2Bb%3Dc%26d"
-                    "&path_type=share_in&from=f%201&prefix_neid=7&include_deleted=true&with_seed=false&list=false"
+                    "GET "
+                    "/v2/metadata/databox/%E6%96%87%E6%A1%A3/"
+                    "a+b=c&d?path=%2F%E6%96%87%E6%A1%A3%2Fa%2Bb%3Dc%26d"
+                    "&path_type=share_in&from=f%201&prefix_neid=7&include_deleted=true&with_seed=false&list="
+                    "false"
                     "&content_type=dir&orderby=name&sort=asc&limit=100&offset=20\n{get}\n"),
             golden("createFolder",
                 [](GoldenContext& c) {
@@ -142,9 +148,12 @@ private slots:
                     return ServerApi::Revisions(m, c.calls.completion());
                 })
                 .sends(AllDeployments,
-                    "GET /v2/revisions/databox/a.txt?path=%2Fa.txt&path_type=self&neid=9&rev_limit=5\n{get}\n"),
+                    "GET "
+                    "/v2/revisions/databox/a.txt?path=%2Fa.txt&path_type=self&neid=9&rev_limit=5\n{get}\n"),
             golden("GetUpdataSourcePath",
-                [](GoldenContext& c) { return ServerApi::GetUpdataSourcePath("acct 1", c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::GetUpdataSourcePath("acct 1", c.calls.completion());
+                })
                 .sends(AllDeployments, "GET /v2/app/info/get?acct_id=acct%201\n{get}\n"),
             golden("lockFile",
                 [](GoldenContext& c) {
@@ -158,7 +167,9 @@ private slots:
                     return ServerApi::LockFile(m, c.calls.completion());
                 })
                 .sends(AllDeployments,
-                    "GET /v2/lock/databox/a?path=%2Fa&path_type=ent&from=x&neid=n&prefix_neid=p&time=3600\n{get}\n"),
+                    "GET "
+                    "/v2/lock/databox/"
+                    "a?path=%2Fa&path_type=ent&from=x&neid=n&prefix_neid=p&time=3600\n{get}\n"),
             golden("unlockFile, default model",
                 [](GoldenContext& c) { return ServerApi::UnlockFile({}, c.calls.completion()); })
                 .sends(AllDeployments, "GET /v2/unlock/databox?path=&path_type=\n{get}\n"),
@@ -169,17 +180,19 @@ private slots:
                     m.pathType = "Something Else";
                     return ServerApi::UnlockFile(m, c.calls.completion());
                 })
-                .sends(AllDeployments, "GET /v2/unlock/databox/a?path=%2Fa&path_type=Something%20Else\n{get}\n"),
+                .sends(
+                    AllDeployments, "GET /v2/unlock/databox/a?path=%2Fa&path_type=Something%20Else\n{get}\n"),
             golden("without language or session: no cookie, the network layer's agent",
                 [](GoldenContext& c) { return ServerApi::RegionGet(c.calls.completion()); })
                 .withSettings({ QString(), QString(), QString(), "vc" })
                 .sends(AllDeployments,
                     "GET /v2/region/get?S=vc\nHost: {host}\nAccept: */*\n{qt}User-Agent: Mozilla/5.0\n\n"),
-            golden("language only",
-                [](GoldenContext& c) { return ServerApi::RegionGet(c.calls.completion()); })
+            golden(
+                "language only", [](GoldenContext& c) { return ServerApi::RegionGet(c.calls.completion()); })
                 .withSettings({ "agent 1", "en", QString(), QString() })
                 .sends(AllDeployments,
-                    "GET /v2/region/get\nHost: {host}\nUser-Agent: agent 1\nAccept: */*\nCookie: language=en\n{qt}\n"),
+                    "GET /v2/region/get\nHost: {host}\nUser-Agent: agent 1\nAccept: */*\nCookie: "
+                    "language=en\n{qt}\n"),
         });
     }
 
@@ -215,7 +228,9 @@ private slots:
                     return ServerApi::GetSyncData({}, "", "", "", "", 0, c.calls.completion());
                 })
                 .sends(AllDeployments,
-                    "POST /v2/syncdata/syncDisc\n{post}\npath=&path_type=&syncCid=0&pullJid=0&deltaDataId=0&syncType=0"),
+                    "POST "
+                    "/v2/syncdata/"
+                    "syncDisc\n{post}\npath=&path_type=&syncCid=0&pullJid=0&deltaDataId=0&syncType=0"),
             golden("GetSyncData, everything set",
                 [](GoldenContext& c) {
                     NBServerApiDeltaModel m;
@@ -257,7 +272,8 @@ private slots:
                     "&neid=n&nsid=s"),
             golden("RPCServerLogging, share_out",
                 [](GoldenContext& c) {
-                    return ServerApi::RPCServerLogging("a", "", "", "share_out", "", "", "", c.calls.completion());
+                    return ServerApi::RPCServerLogging(
+                        "a", "", "", "share_out", "", "", "", c.calls.completion());
                 })
                 .sends(AllDeployments,
                     "POST /v2/log/logging\n{post}\n"
@@ -292,7 +308,8 @@ private slots:
                 .verifyCode("vc")
                 .sends(AllDeployments,
                     "POST /v2/fileops/move?S=vc\n{post}\n"
-                    "root=databox&from_path=%2Fa%20b&from_path_type=ent&from_from=f1&from_neid=1&from_prefix_neid="
+                    "root=databox&from_path=%2Fa%20b&from_path_type=ent&from_from=f1&from_neid=1&from_prefix_"
+                    "neid="
                     "&to_path=%2F%E7%9B%AE%E6%A0%87&to_path_type=self&to_from=&to_neid=&to_prefix_neid=p2"
                     "&ignore_share=true"),
             golden("BatchCopy, no sources",
@@ -302,19 +319,20 @@ private slots:
                     return ServerApi::BatchCopy(m, c.calls.completion());
                 })
                 .sends(AllDeployments,
-                    "POST /v2/fileops/batch_copy\n{post}\n" + jsonForm("{\n"
-                                                                        "    \"from\": [\n"
-                                                                        "    ],\n"
-                                                                        "    \"ignore_share\": \"false\",\n"
-                                                                        "    \"to\": {\n"
-                                                                        "        \"from\": \"\",\n"
-                                                                        "        \"neid\": \"\",\n"
-                                                                        "        \"path\": \"/dest\",\n"
-                                                                        "        \"path_type\": \"ent\",\n"
-                                                                        "        \"prefix_neid\": \"\",\n"
-                                                                        "        \"root\": \"\"\n"
-                                                                        "    }\n"
-                                                                        "}\n")),
+                    "POST /v2/fileops/batch_copy\n{post}\n"
+                        + jsonForm("{\n"
+                                   "    \"from\": [\n"
+                                   "    ],\n"
+                                   "    \"ignore_share\": \"false\",\n"
+                                   "    \"to\": {\n"
+                                   "        \"from\": \"\",\n"
+                                   "        \"neid\": \"\",\n"
+                                   "        \"path\": \"/dest\",\n"
+                                   "        \"path_type\": \"ent\",\n"
+                                   "        \"prefix_neid\": \"\",\n"
+                                   "        \"root\": \"\"\n"
+                                   "    }\n"
+                                   "}\n")),
             golden("batchMove",
                 [](GoldenContext& c) {
                     NBServerApiBatchMoveModel m;
@@ -325,35 +343,36 @@ private slots:
                 })
                 .verifyCode("vc")
                 .sends(AllDeployments,
-                    "POST /v2/fileops/batch_move?S=vc\n{post}\n" + jsonForm("{\n"
-                                                                             "    \"from\": [\n"
-                                                                             "        {\n"
-                                                                             "            \"from\": \"\",\n"
-                                                                             "            \"neid\": \"\",\n"
-                                                                             "            \"path\": \"/a&b\",\n"
-                                                                             "            \"path_type\": \"ent\",\n"
-                                                                             "            \"prefix_neid\": \"\",\n"
-                                                                             "            \"root\": \"databox\"\n"
-                                                                             "        },\n"
-                                                                             "        {\n"
-                                                                             "            \"from\": \"\",\n"
-                                                                             "            \"neid\": \"\",\n"
-                                                                             "            \"path\": \"/é\",\n"
-                                                                             "            \"path_type\": \"ent\",\n"
-                                                                             "            \"prefix_neid\": \"\",\n"
-                                                                             "            \"root\": \"\"\n"
-                                                                             "        }\n"
-                                                                             "    ],\n"
-                                                                             "    \"ignore_share\": \"true\",\n"
-                                                                             "    \"to\": {\n"
-                                                                             "        \"from\": \"\",\n"
-                                                                             "        \"neid\": \"\",\n"
-                                                                             "        \"path\": \"/d\",\n"
-                                                                             "        \"path_type\": \"ent\",\n"
-                                                                             "        \"prefix_neid\": \"\",\n"
-                                                                             "        \"root\": \"\"\n"
-                                                                             "    }\n"
-                                                                             "}\n")),
+                    "POST /v2/fileops/batch_move?S=vc\n{post}\n"
+                        + jsonForm("{\n"
+                                   "    \"from\": [\n"
+                                   "        {\n"
+                                   "            \"from\": \"\",\n"
+                                   "            \"neid\": \"\",\n"
+                                   "            \"path\": \"/a&b\",\n"
+                                   "            \"path_type\": \"ent\",\n"
+                                   "            \"prefix_neid\": \"\",\n"
+                                   "            \"root\": \"databox\"\n"
+                                   "        },\n"
+                                   "        {\n"
+                                   "            \"from\": \"\",\n"
+                                   "            \"neid\": \"\",\n"
+                                   "            \"path\": \"/é\",\n"
+                                   "            \"path_type\": \"ent\",\n"
+                                   "            \"prefix_neid\": \"\",\n"
+                                   "            \"root\": \"\"\n"
+                                   "        }\n"
+                                   "    ],\n"
+                                   "    \"ignore_share\": \"true\",\n"
+                                   "    \"to\": {\n"
+                                   "        \"from\": \"\",\n"
+                                   "        \"neid\": \"\",\n"
+                                   "        \"path\": \"/d\",\n"
+                                   "        \"path_type\": \"ent\",\n"
+                                   "        \"prefix_neid\": \"\",\n"
+                                   "        \"root\": \"\"\n"
+                                   "    }\n"
+                                   "}\n")),
             golden("batchDelete",
                 [](GoldenContext& c) {
                     NBServerApiBatchDeleteModel m;
@@ -362,27 +381,28 @@ private slots:
                     return ServerApi::BatchDelete(m, c.calls.completion());
                 })
                 .sends(AllDeployments,
-                    "POST /v2/fileops/batch_delete\n{post}\n" + jsonForm("{\n"
-                                                                          "    \"ignore_share\": \"false\",\n"
-                                                                          "    \"pathes\": [\n"
-                                                                          "        {\n"
-                                                                          "            \"from\": \"\",\n"
-                                                                          "            \"neid\": \"\",\n"
-                                                                          "            \"path\": \"/x\",\n"
-                                                                          "            \"path_type\": \"ent\",\n"
-                                                                          "            \"prefix_neid\": \"\",\n"
-                                                                          "            \"root\": \"databox\"\n"
-                                                                          "        },\n"
-                                                                          "        {\n"
-                                                                          "            \"from\": \"\",\n"
-                                                                          "            \"neid\": \"9\",\n"
-                                                                          "            \"path\": \"/y\",\n"
-                                                                          "            \"path_type\": \"ent\",\n"
-                                                                          "            \"prefix_neid\": \"\",\n"
-                                                                          "            \"root\": \"\"\n"
-                                                                          "        }\n"
-                                                                          "    ]\n"
-                                                                          "}\n")),
+                    "POST /v2/fileops/batch_delete\n{post}\n"
+                        + jsonForm("{\n"
+                                   "    \"ignore_share\": \"false\",\n"
+                                   "    \"pathes\": [\n"
+                                   "        {\n"
+                                   "            \"from\": \"\",\n"
+                                   "            \"neid\": \"\",\n"
+                                   "            \"path\": \"/x\",\n"
+                                   "            \"path_type\": \"ent\",\n"
+                                   "            \"prefix_neid\": \"\",\n"
+                                   "            \"root\": \"databox\"\n"
+                                   "        },\n"
+                                   "        {\n"
+                                   "            \"from\": \"\",\n"
+                                   "            \"neid\": \"9\",\n"
+                                   "            \"path\": \"/y\",\n"
+                                   "            \"path_type\": \"ent\",\n"
+                                   "            \"prefix_neid\": \"\",\n"
+                                   "            \"root\": \"\"\n"
+                                   "        }\n"
+                                   "    ]\n"
+                                   "}\n")),
             golden("batchAsyncQuery, empty task id",
                 [](GoldenContext& c) { return ServerApi::BatchTaskAsyncQuery("", c.calls.completion()); })
                 .sends(AllDeployments, "GET /v2/async/query?task_id=\n{get}\n"),

@@ -74,6 +74,17 @@ QByteArray cookieLine(const GoldenSettings& s)
     return "Cookie: " + pairs.join("; ") + "\n";
 }
 
+// The "Cookie" line as the endpoint writes it, where it is not merged (uploads).
+QByteArray rawCookieLine(const GoldenSettings& s)
+{
+    QByteArray text;
+    if (!s.language.isEmpty())
+        text += "language=" + s.language.toUtf8() + ";";
+    if (!s.session.isEmpty())
+        text += "X-NIMBRA-SESS-ID=" + s.session.toUtf8() + ";";
+    return text.isEmpty() ? text : "Cookie: " + text + "\n";
+}
+
 } // namespace
 
 namespace Golden {
@@ -104,7 +115,9 @@ QByteArray expand(QByteArray wire, const QByteArray& host, const GoldenSettings&
     const QByteArray form = "Content-Type: application/x-www-form-urlencoded;application/json\n";
     wire.replace("{get}", "Host: {host}\n{ua}Accept: */*\n{cookie}{qt}{qtAgent}");
     wire.replace("{post}", "Host: {host}\n{ua}{form}{cookie}Content-Length: {length}\n{qt}{qtAgent}");
+    wire.replace("{upload}", "Host: {host}\n{ua}{rawcookie}{form}Content-Length: {length}\n{qt}{qtAgent}");
     wire.replace("{qtAgent}", qtAgent);
+    wire.replace("{rawcookie}", rawCookieLine(s));
     wire.replace("{ua}", ua);
     wire.replace("{cookie}", cookieLine(s));
     wire.replace("{form}", form);

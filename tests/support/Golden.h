@@ -16,7 +16,9 @@
 //   {qt}      the three headers the network layer adds to every request
 //   {get}     Host, {ua}, "Accept: */*", {cookie}, {qt}: a GET with the default headers
 //   {post}    Host, {ua}, {form}, {cookie}, Content-Length, {qt}: a POST with them
-//             (both end with the network layer's "User-Agent: Mozilla/5.0" when the
+//   {upload}  Host, {ua}, {rawcookie}, {form}, Content-Length, {qt}: an upload, whose
+//             cookie is not merged: {rawcookie} is the "Cookie" line as the endpoint writes it
+//             (all three end with the network layer's "User-Agent: Mozilla/5.0" when the
 //             settings have no user agent)
 //   {length}  the length of the expected body (what follows the blank line)
 // The default settings of every run: user agent "NBTest/1.0", language "zh", session

@@ -72,15 +72,22 @@ public:
     // Closes a running request on its thread; its completion (error 5) runs inside this call.
     static void Cancel(long long id);
 
+    // Sign-in: the public cloud takes kind 2 (account) or 3 (enterprise); the reply's
+    // session is the host's to keep (setSessionID).
+    static long long Login(const NBServerApiLoginModel& model, NBCompletionCallback done);
+
     // Account, metadata, folders, locks.
     static long long UserInfo(const NBServerApiUserInfoModel& model, NBCompletionCallback done);
     static long long MetaData(const NBServerApiMetaEntryModel& model, NBCompletionCallback done);
     static long long ServerJump(const NBServerApiServerJumpModel& model, NBCompletionCallback done);
     static long long ConfigGet(const NBServerApiConfigGetModel& model, NBCompletionCallback done);
     static long long CreateFolder(const NBServerApiCreateFolderModel& model, NBCompletionCallback done);
+    // Public cloud only (private deployments return -1 and never call back).
+    static long long CreateFile(const NBServerApiCreateFileModel& model, NBCompletionCallback done);
     static long long RegionGet(NBCompletionCallback done);
     static long long Revisions(const NBServerApiRevisionsModel& model, NBCompletionCallback done);
     static long long GetUpdataSourcePath(const QString& acctId, NBCompletionCallback done);
+    static long long Extra(QList<QString> neids, NBCompletionCallback done);
     static long long LockFile(const NBServerApiLockFileModel& model, NBCompletionCallback done);
     static long long UnlockFile(const NBServerApiUnlockFileModel& model, NBCompletionCallback done);
 
@@ -118,6 +125,14 @@ public:
     static long long GetSyncData(const NBServerApiDeltaModel& model, const QString& syncCid,
         const QString& syncUid, const QString& pullJid, const QString& deltaDataId, int syncType,
         NBCompletionCallback done);
+    // Public cloud: the virtual-box feed and the first read of a folder's feed.
+    static long long VBoxDelta(const NBServerApiDeltaModel& model, NBCompletionCallback done);
+    static long long InitDelta(const NBServerApiEntryModel& model, NBCompletionCallback done);
+    // Private 6.0 deployments: sync data of virtual boxes and assigned jobs (every reply is
+    // also written to the log).
+    static long long GetSyncDataForDisk(const NBServerApiGetSyncDataModel& model, NBCompletionCallback done);
+    static long long GetAssignJid(const NBServerApiEntryModel& model, NBCompletionCallback done);
+    static long long GetAssignSyncData(const NBServerApiGetSyncDataModel& model, NBCompletionCallback done);
 
     // Approval policy and the server's operation log (pathType by name: "ent", "self", ...).
     static long long CheckApproveIsOne(const QString& neids, int actionType, NBCompletionCallback done);
@@ -127,6 +142,39 @@ public:
     static long long RPCServerLogging(const QString& action, const QString& entityStr2,
         const QString& entityStr1, const QString& pathType, const QString& neid, const QString& nsid,
         const QString& opType, NBCompletionCallback done);
+
+    // Private deployments: whether an entry exists (all five parameters always sent).
+    static long long FileExist(const QString& neid, const QString& path, const QString& nsid,
+        const QString& from, const QString& prefixNeid, NBCompletionCallback done);
+
+    // The public cloud's account functions, encryption rule, enterprise address, zip
+    // access and sign-in screens. Elsewhere they send nothing, never call back and return 0.
+    static long long GetFuns(NBCompletionCallback done);
+    static long long GetEstEncryptRule(NBCompletionCallback done);
+    static long long GetEnterpriseAddressByCode(const QString& code, NBCompletionCallback done);
+    static long long GetZipDownloadUrl(const QString& url, const QString& unused, NBCompletionCallback done);
+    static long long GetZipFolderMetadata(const QString& url, const QString& password, long long limit,
+        long long offset, NBCompletionCallback done);
+    // Quick login: each picture starts a new quick-login session, which the SMS request
+    // then carries; the picture's bytes reach onData and nothing reports the end.
+    static long long GetQuickLoginVerifyPic(NBDataCallback onData);
+    static long long GetQuickLoginSmsCode(const NBServerApiSmsCodeModel& model, NBCompletionCallback done);
+    // Two-factor login with the id of the login reply: a QR code whose state is polled,
+    // a one-time password, or an SMS code (`flag` set sends "timestamp" and "sig").
+    static long long GetQRCode(int dimension, NBCompletionCallback done);
+    static long long GetLoginState(NBServerApiLoginStateModel model, NBCompletionCallback done);
+    static long long DyncCodeLogin(const QString& tfaId, const QString& otp, NBCompletionCallback done);
+    static long long SendSmsCode(const QString& mobile, const QString& tfaId, const QString& opType,
+        const QString& type, const QString& flag, const QString& timestamp, const QString& sig,
+        NBCompletionCallback done);
+    static long long SmsCodeLogin(const QString& tfaId, const QString& verifyCode, NBCompletionCallback done);
+    // E-mail verification: send a code, then check it with the key of the first reply.
+    static long long GetLoginEmailVerify(
+        const QString& email, const QString& opType, const QString& captcha, NBCompletionCallback done);
+    static long long LoginCheckEmailVerify(const QString& checkKey, const QString& verifyCode,
+        const QString& opType, const QString& captcha, NBCompletionCallback done);
+    static long long ResetPassword(
+        const QString& token, const QString& oldPassword, const QString& password, NBCompletionCallback done);
 
     // Move one entry; copy, move or delete many in a server task, polled with
     // BatchTaskAsyncQuery and the task id of the reply.

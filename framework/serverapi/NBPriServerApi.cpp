@@ -1,5 +1,113 @@
 #include "NBPriServerApi.h"
 
+#include "NBRequestParams.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
 NBPriServerApi::NBPriServerApi() = default;
 
 NBPriServerApi::~NBPriServerApi() = default;
+
+long long NBPriServerApi::login(const NBServerApiLoginModel& model, NBCompletionCallback done)
+{
+    return request(m_loginUrl)
+        .method(POST)
+        .param("user_slug", model.userName)
+        .param("password", model.password)
+        .defaultHeaders()
+        .releasedThroughEndpoint()
+        .send(std::move(done));
+}
+
+long long NBPriServerApi::authUpload(
+    const NBServerApiEntryModel& model, long long bytes, NBCompletionCallback done, QString extraQuery)
+{
+    return request(m_fileopsAuthUploadUrl)
+        .method(POST)
+        .param("target_path", model.path)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet({ { NBKey::IgnorePrefixPath, model.ignorePrefixPath }, { NBKey::From, model.from },
+            { NBKey::PrefixNeid, model.prefixNeid }, { NBKey::Nsid, model.nsid },
+            { NBKey::Neid, model.neid } })
+        .number(NBKey::Bytes, bytes)
+        .withDefaults()
+        .extraQuery(extraQuery)
+        .releasedThroughEndpoint()
+        .send(std::move(done));
+}
+
+long long NBPriServerApi::createFolder(const NBServerApiCreateFolderModel& model, NBCompletionCallback done)
+{
+    return request(combinPath(m_fileopsCreateFolderUrl, model.path))
+        .method(POST)
+        .paramIfSet(NBKey::Nsid, model.nsid)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet(
+            { { NBKey::From, model.from }, { NBKey::PrefixNeid, model.prefixNeid }, { "dc_id", model.dcId },
+                { "full_path", model.path }, { NBKey::IgnorePrefixPath, model.ignorePrefixPath } })
+        .flag("disable_rename", model.disableRename)
+        .flag("is_update", model.isUpdate)
+        .withDefaults()
+        .releasedThroughEndpoint()
+        .send(std::move(done));
+}
+
+long long NBPriServerApi::createFile(const NBServerApiCreateFileModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+// The JSON text reaches the parameter byte by byte, each byte read as one Latin-1 character.
+long long NBPriServerApi::extra(QList<QString> neids, NBCompletionCallback done)
+{
+    QJsonArray array;
+    for (const QString& neid : neids)
+        array.append(QJsonObject { { NBKey::Neid, neid } });
+    return request(m_extraMetadataUrl)
+        .method(POST)
+        .json(QJsonDocument(array), NBRequestBuilder::Latin1)
+        .withDefaults()
+        .releasedThroughEndpoint()
+        .send(std::move(done));
+}
+
+long long NBPriServerApi::downloadRouter(const NBSeverApiDLRouterModel& model, NBDataCallback onData,
+    NBCompletionCallback done, NBDownloadProgressCallback onProgress)
+{
+    return downloadRouterInternal(model, std::move(onData), std::move(done), std::move(onProgress), false);
+}
+
+long long NBPriServerApi::downloadRouterInternal(const NBSeverApiDLRouterModel& model, NBDataCallback onData,
+    NBCompletionCallback done, NBDownloadProgressCallback onProgress, bool usePost)
+{
+    NBRequestBuilder router
+        = usePost ? request(m_dlRouterUrl) : request(combinPath(m_dlRouterUrl, model.path));
+    router.method(usePost ? POST : GET)
+        .param(usePost ? QStringLiteral("target_path") : NBKey::Path, model.path)
+        .param(NBKey::PathType, model.pathType)
+        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid }, { NBKey::Rev, model.rev },
+            { NBKey::PrefixNeid, model.prefixNeid } })
+        .rangeIfSet(model.range)
+        .paramIfSet(NBKey::OpType, model.opType)
+        .withDefaults()
+        .releasedThroughEndpoint();
+    return usePost ? router.downloadUsePost(std::move(onData), std::move(onProgress), std::move(done))
+                   : router.download(std::move(onData), std::move(onProgress), std::move(done));
+}
+
+long long NBPriServerApi::fileExist(const QString& neid, const QString& path, const QString& nsid,
+    const QString& from, const QString& prefixNeid, NBCompletionCallback done)
+{
+    return request(m_fileExistUrl)
+        .method(POST)
+        .param(NBKey::Nsid, nsid)
+        .param(NBKey::Path, path)
+        .param(NBKey::Neid, neid)
+        .param(NBKey::From, from)
+        .param(NBKey::PrefixNeid, prefixNeid)
+        .withDefaults()
+        .releasedThroughEndpoint()
+        .send(std::move(done));
+}

@@ -76,6 +76,11 @@ NBRequestBuilder& NBRequestBuilder::header(const QString& key, const QString& va
     return *this;
 }
 
+NBRequestBuilder& NBRequestBuilder::cookieFollowedBy(const QString& text)
+{
+    return header(QStringLiteral("Cookie"), m_api->cookie() + text);
+}
+
 NBRequestBuilder& NBRequestBuilder::rangeIfSet(const QString& range)
 {
     if (range.isEmpty())
@@ -101,6 +106,16 @@ NBRequestBuilder& NBRequestBuilder::paramsIfSet(std::initializer_list<QPair<QStr
 {
     for (const auto& pair : pairs)
         paramIfSet(pair.first, pair.second);
+    return *this;
+}
+
+NBRequestBuilder& NBRequestBuilder::paramsWhen(
+    bool condition, std::initializer_list<QPair<QString, QString>> pairs)
+{
+    for (const auto& pair : pairs) {
+        if (condition)
+            param(pair.first, pair.second);
+    }
     return *this;
 }
 

@@ -41,6 +41,8 @@ public:
     // A session of the operation's own, added to the cookie.
     NBRequestBuilder& session(const QString& session);
     NBRequestBuilder& header(const QString& key, const QString& value);
+    // "Cookie" = the endpoint's cookie followed at once by the text.
+    NBRequestBuilder& cookieFollowedBy(const QString& text);
     // Both range headers, with the same value, when it is set.
     NBRequestBuilder& rangeIfSet(const QString& range);
 
@@ -49,6 +51,8 @@ public:
     NBRequestBuilder& paramIfSet(const QString& key, const QString& value);
     // Each pair whose value is set, in the order listed.
     NBRequestBuilder& paramsIfSet(std::initializer_list<QPair<QString, QString>> pairs);
+    // Every pair, empty or not, when the condition holds; none otherwise.
+    NBRequestBuilder& paramsWhen(bool condition, std::initializer_list<QPair<QString, QString>> pairs);
     // An empty value goes out as "0".
     NBRequestBuilder& paramOrZero(const QString& key, const QString& value);
     // One pair per value, the key repeated, in list order.

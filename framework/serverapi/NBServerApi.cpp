@@ -518,6 +518,123 @@ long long NBServerApi::batchAsyncQuery(const QString& taskId, NBCompletionCallba
     return request(m_batchAsyncQueryUrl).withDefaults().param("task_id", taskId).send(std::move(done));
 }
 
+// --- Served by the variants: here nothing is sent and nothing calls back. ------------
+
+long long NBServerApi::login(const NBServerApiLoginModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::getFuns(NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::getEstEncryptRule(NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::vboxDelta(const NBServerApiDeltaModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::initDelta(const NBServerApiEntryModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::getSyncDataForDisk(const NBServerApiGetSyncDataModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::getAssingJid(const NBServerApiEntryModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::getAssignSyncData(const NBServerApiGetSyncDataModel&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::fileExist(
+    const QString&, const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
+{
+    return -1;
+}
+
+long long NBServerApi::GetEnterpriseAddressByCode(const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::GetZipDownloadUrl(const QString&, const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::GetZipFolderMetadata(
+    const QString&, const QString&, qint64, qint64, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::GetQuickLoginVerifyPic(NBDataCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::GetQuickLoginSmsCode(const NBServerApiSmsCodeModel&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::GetQRCode(int, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::GetLoginState(NBServerApiLoginStateModel, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::GetLoginEmailVerify(
+    const QString&, const QString&, const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::LoginCheckEmailVerify(
+    const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::DyncCodeLogin(const QString&, const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::SendSmsCode(const QString&, const QString&, const QString&, const QString&,
+    const QString&, const QString&, const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::SmsCodeLogin(const QString&, const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
+long long NBServerApi::ResetPassword(const QString&, const QString&, const QString&, NBCompletionCallback)
+{
+    return 0;
+}
+
 long long NBServerApi::getNoRedirect(const QString& url, NBCompletionCallback done)
 {
     return requestTo(url).send(std::move(done), NBRequestBuilder::NoRedirects);

@@ -42,7 +42,9 @@ public:
     // The server operations, in the order of their slots. Each returns the request's
     // identifier; one that a deployment does not serve sends nothing, never calls back
     // and returns -1 or 0.
+    virtual long long login(const NBServerApiLoginModel& model, NBCompletionCallback done);
     virtual long long userInfo(const NBServerApiUserInfoModel& model, NBCompletionCallback done);
+    virtual long long getFuns(NBCompletionCallback done);
     virtual long long configGet(const NBServerApiConfigGetModel& model, NBCompletionCallback done);
     virtual long long serverJump(const NBServerApiServerJumpModel& model, NBCompletionCallback done);
     virtual long long metaData(const NBServerApiMetaEntryModel& model, NBCompletionCallback done);
@@ -50,9 +52,12 @@ public:
     virtual long long authUpload(
         const NBServerApiEntryModel& model, long long bytes, NBCompletionCallback done, QString extraQuery);
     virtual long long createFolder(const NBServerApiCreateFolderModel& model, NBCompletionCallback done);
+    virtual long long createFile(const NBServerApiCreateFileModel& model, NBCompletionCallback done) = 0;
     virtual long long regionGet(NBCompletionCallback done);
+    virtual long long getEstEncryptRule(NBCompletionCallback done);
     virtual long long revisions(const NBServerApiRevisionsModel& model, NBCompletionCallback done);
     virtual long long GetUpdateSourcePath(const QString& acctId, NBCompletionCallback done);
+    virtual long long extra(QList<QString> neids, NBCompletionCallback done) = 0;
     virtual long long lockFile(const NBServerApiLockFileModel& model, NBCompletionCallback done);
     virtual long long unlockFile(const NBServerApiUnlockFileModel& model, NBCompletionCallback done);
     virtual long long downloadRouter(const NBSeverApiDLRouterModel& model, NBDataCallback onData,
@@ -78,9 +83,14 @@ public:
     virtual long long commitHash(
         const NBServerApiCommitHashModel& model, NBCompletionCallback done, QString extraQuery);
     virtual long long delta(const NBServerApiDeltaModel& model, NBCompletionCallback done);
+    virtual long long vboxDelta(const NBServerApiDeltaModel& model, NBCompletionCallback done);
+    virtual long long initDelta(const NBServerApiEntryModel& model, NBCompletionCallback done);
     virtual long long GetSyncData(const NBServerApiDeltaModel& model, const QString& syncCid,
         const QString& syncUid, const QString& pullJid, const QString& deltaDataId, int syncType,
         NBCompletionCallback done);
+    virtual long long getSyncDataForDisk(const NBServerApiGetSyncDataModel& model, NBCompletionCallback done);
+    virtual long long getAssingJid(const NBServerApiEntryModel& model, NBCompletionCallback done);
+    virtual long long getAssignSyncData(const NBServerApiGetSyncDataModel& model, NBCompletionCallback done);
     virtual long long move(const NBServerApiMoveModel& model, NBCompletionCallback done);
     virtual long long BatchCopy(const NBServerApiBatchMoveModel& model, NBCompletionCallback done);
     virtual long long batchMove(const NBServerApiBatchMoveModel& model, NBCompletionCallback done);
@@ -92,6 +102,27 @@ public:
     // The address as given, with the default headers.
     virtual long long download(const QString& url, NBDataCallback onData, NBCompletionCallback done,
         NBDownloadProgressCallback onProgress);
+    // Sign-in screens of the public cloud.
+    virtual long long GetEnterpriseAddressByCode(const QString& code, NBCompletionCallback done);
+    virtual long long GetZipDownloadUrl(const QString& url, const QString& unused, NBCompletionCallback done);
+    virtual long long GetZipFolderMetadata(
+        const QString& url, const QString& password, qint64 limit, qint64 offset, NBCompletionCallback done);
+    virtual long long GetQuickLoginVerifyPic(NBDataCallback onData);
+    virtual long long GetQuickLoginSmsCode(const NBServerApiSmsCodeModel& model, NBCompletionCallback done);
+    virtual long long GetQRCode(int dimension, NBCompletionCallback done);
+    virtual long long GetLoginState(NBServerApiLoginStateModel model, NBCompletionCallback done);
+    virtual long long GetLoginEmailVerify(
+        const QString& email, const QString& opType, const QString& captcha, NBCompletionCallback done);
+    virtual long long LoginCheckEmailVerify(const QString& checkKey, const QString& verifyCode,
+        const QString& opType, const QString& captcha, NBCompletionCallback done);
+    virtual long long DyncCodeLogin(const QString& tfaId, const QString& otp, NBCompletionCallback done);
+    virtual long long SendSmsCode(const QString& mobile, const QString& tfaId, const QString& opType,
+        const QString& type, const QString& flag, const QString& timestamp, const QString& sig,
+        NBCompletionCallback done);
+    virtual long long SmsCodeLogin(
+        const QString& tfaId, const QString& verifyCode, NBCompletionCallback done);
+    virtual long long ResetPassword(
+        const QString& token, const QString& oldPassword, const QString& password, NBCompletionCallback done);
     virtual long long RPCServerLogging(const QString& action, const QString& entityStr2,
         const QString& entityStr1, const QString& pathType, const QString& neid, const QString& nsid,
         const QString& opType, NBCompletionCallback done);
@@ -105,6 +136,8 @@ public:
     virtual long long checkApproveFloder(const QString& nsid, const QString& path, NBCompletionCallback done);
     virtual long long isCreateSyndisc(
         const QString& nsid, const QString& path, const QString& type, NBCompletionCallback done);
+    virtual long long fileExist(const QString& neid, const QString& path, const QString& nsid,
+        const QString& from, const QString& prefixNeid, NBCompletionCallback done);
 
     // Settings; each read or write is atomic under the settings lock.
     void setBaseUrlString(const QString& url);

@@ -266,3 +266,36 @@ struct NBServerApiCommitHashModel
     bool overwrite = false; // "overwrite"
     QString opType; // "op_type"
 };
+
+// --- Sign-in and account (public cloud, private deployments) ------------------------
+
+struct NBServerApiLoginModel
+{
+    // Public cloud: 2 signs in with an account, 3 through the enterprise's own address.
+    int kind = 0;
+    QString userName; // "loginkey" (kind 2), "username" (kind 3), "user_slug" (private)
+    QString password; // "password"
+    QString deviceName; // "device_name"
+    QString deviceUuid; // "uuid"
+    // Kind 2: "captcha". Kind 3: the enterprise's base address, which the request goes to.
+    QString captcha;
+    bool autoLogin = false; // "pc_auto_login" = "true" when set, left out otherwise
+    QString loginType; // "loginType"
+};
+
+// The quick-login SMS (GetQuickLoginSmsCode).
+struct NBServerApiSmsCodeModel
+{
+    QString mobile; // "mobile"
+    QString type; // "type"
+    QString opType; // "op_type"
+    QString captcha; // "captcha": the text of the quick-login picture
+};
+
+// A QR-code login's state (GetLoginState), polled until the phone has approved.
+struct NBServerApiLoginStateModel
+{
+    QString tfaId; // the two-factor id of the login reply, sent in the cookie
+    QString deviceName; // "device_name"
+    QString deviceUuid; // "uuid"
+};

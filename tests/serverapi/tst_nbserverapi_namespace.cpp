@@ -76,7 +76,11 @@ private slots:
                 })
                 .sends(Pri | PriSix,
                     "GET /v2/api/server/jump?url=https%3A%2F%2Fweb%2Fx%3Fy%3D1%26z%3D%C3%A9"
-                    "&X-NIMBRA-SESS-ID=s%3D%2B%2F&type=2\n{get}\n"),
+                    "&X-NIMBRA-SESS-ID=s%3D%2B%2F&type=2\n{get}\n")
+                .sends(Pub,
+                    "GET "
+                    "/js/module/preview/previewVideo_audio_forPC_MAC.html?url=https%3A%2F%2Fweb%2Fx%3Fy%3D1"
+                    "%26z%3D%C3%A9&X-NIMBRA-SESS-ID=s%3D%2B%2F&type=2\n{get}\n"),
             golden("metaData by identifier",
                 [](GoldenContext& c) {
                     NBServerApiMetaEntryModel m;
@@ -126,7 +130,12 @@ private slots:
                 })
                 .sends(Pub,
                     "POST /v2/fileops/create_folder/databox/new%20folder/%E5%AD%90\n{post}\n"
-                    "path_type=self&from=f&prefix_neid=p%261&dc_id=dc%201"),
+                    "path_type=self&from=f&prefix_neid=p%261&dc_id=dc%201")
+                .sends(Pri | PriSix,
+                    "POST /v2/fileops/create_folder/databox/new%20folder/%E5%AD%90\n{post}\n"
+                    "path_type=self&from=f&prefix_neid=p%261&dc_id=dc%201&full_path=%2Fnew%20folder%2F%E5%AD%"
+                    "90"
+                    "&disable_rename=false&is_update=false"),
             golden("createFolder, verification code in the address",
                 [](GoldenContext& c) {
                     NBServerApiCreateFolderModel m;
@@ -135,7 +144,26 @@ private slots:
                     return ServerApi::CreateFolder(m, c.calls.completion());
                 })
                 .verifyCode("vc/1")
-                .sends(Pub, "POST /v2/fileops/create_folder/databox/n?S=vc%2F1\n{post}\npath_type=ent"),
+                .sends(Pub, "POST /v2/fileops/create_folder/databox/n?S=vc%2F1\n{post}\npath_type=ent")
+                .sends(Pri | PriSix,
+                    "POST /v2/fileops/create_folder/databox/n?S=vc%2F1\n{post}\n"
+                    "path_type=ent&full_path=%2Fn&disable_rename=false&is_update=false"),
+            golden("createFolder, every field of the private form",
+                [](GoldenContext& c) {
+                    NBServerApiCreateFolderModel m;
+                    m.path = "/n";
+                    m.pathType = NBPathType::Ent;
+                    m.nsid = "ns";
+                    m.ignorePrefixPath = "true";
+                    m.disableRename = true;
+                    m.isUpdate = true;
+                    return ServerApi::CreateFolder(m, c.calls.completion());
+                })
+                .sends(Pub, "POST /v2/fileops/create_folder/databox/n\n{post}\npath_type=ent")
+                .sends(Pri | PriSix,
+                    "POST /v2/fileops/create_folder/databox/n\n{post}\n"
+                    "nsid=ns&path_type=ent&full_path=%2Fn&ignore_prefix_path=true&disable_rename=true&is_"
+                    "update=true"),
             golden("regionGet", [](GoldenContext& c) { return ServerApi::RegionGet(c.calls.completion()); })
                 .sends(AllDeployments, "GET /v2/region/get\n{get}\n"),
             golden("revisions",

@@ -122,7 +122,11 @@ private slots:
                 })
                 .sends(Pub,
                     "GET /v2/fileops/auth_upload/databox/a%20b.txt"
-                    "?path=%2Fa%20b.txt&path_type=ent&full_path=%2Fa%20b.txt&bytes=0\n{get}\n"),
+                    "?path=%2Fa%20b.txt&path_type=ent&full_path=%2Fa%20b.txt&bytes=0\n{get}\n")
+                .sends(Pri | PriSix,
+                    "POST "
+                    "/v2/fileops/auth_upload/"
+                    "databox\n{post}\ntarget_path=%2Fa%20b.txt&path_type=ent&bytes=0"),
             golden("authUpload, every field, a size past 2^31, verification code, extra query",
                 [](GoldenContext& c) {
                     NBServerApiEntryModel m;
@@ -140,7 +144,12 @@ private slots:
                 .sends(Pub,
                     "GET /v2/fileops/auth_upload/databox/%E6%96%87/x&y.bin&k=v%20w&z=1"
                     "?path=%2F%E6%96%87%2Fx%26y.bin&path_type=share_in&full_path=%2F%E6%96%87%2Fx%26y.bin"
-                    "&ignore_prefix_path=true&from=f&prefix_neid=p&nsid=s&neid=n&bytes=5000000000&S=vc\n{get}\n"),
+                    "&ignore_prefix_path=true&from=f&prefix_neid=p&nsid=s&neid=n&bytes=5000000000&S=vc\n{get}"
+                    "\n")
+                .sends(Pri | PriSix,
+                    "POST /v2/fileops/auth_upload/databox?S=vc&k=v%20w&z=1\n{post}\n"
+                    "target_path=%2F%E6%96%87%2Fx%26y.bin&path_type=share_in&ignore_prefix_path=true&from=f"
+                    "&prefix_neid=p&nsid=s&neid=n&bytes=5000000000"),
             golden("downloadRouter, no range",
                 [](GoldenContext& c) {
                     NBSeverApiDLRouterModel m;
@@ -148,7 +157,8 @@ private slots:
                     m.pathType = NBPathType::Self;
                     return ServerApi::DownloadRouter(m, c.calls.data(), c.calls.completion());
                 })
-                .sends(Pub, "GET /v2/dl_router/databox/d/f.txt?path=%2Fd%2Ff.txt&path_type=self\n{get}\n"),
+                .sends(AllDeployments,
+                    "GET /v2/dl_router/databox/d/f.txt?path=%2Fd%2Ff.txt&path_type=self\n{get}\n"),
             golden("downloadRouter, range and every field",
                 [](GoldenContext& c) {
                     NBSeverApiDLRouterModel m;
@@ -164,8 +174,9 @@ private slots:
                         m, c.calls.data(), c.calls.completion(), c.calls.downloadProgress());
                 })
                 .verifyCode("vc")
-                .sends(Pub,
-                    "GET /v2/dl_router/databox/d?path=%2Fd&path_type=ent&from=f&neid=n&rev=r%201&prefix_neid=p"
+                .sends(AllDeployments,
+                    "GET "
+                    "/v2/dl_router/databox/d?path=%2Fd&path_type=ent&from=f&neid=n&rev=r%201&prefix_neid=p"
                     "&op_type=preview&S=vc\n"
                     "Host: {host}\nRange: bytes=100-199\nx-nimbraws-range: bytes=100-199\n{ua}Accept: */*\n"
                     "{cookie}{qt}\n"),
@@ -200,7 +211,8 @@ private slots:
                 .verifyCode("v&c")
                 .sends(AllDeployments,
                     "POST /v2/files/databox/%E7%9B%AE%E5%BD%95/a%20b&c=d+e.txt"
-                    "?path=/%E7%9B%AE%E5%BD%95/a%20b%26c%3Dd+e.txt&path_type=share_out&from=f&neid=n&prefix_neid=p"
+                    "?path=/%E7%9B%AE%E5%BD%95/"
+                    "a%20b%26c%3Dd+e.txt&path_type=share_out&from=f&neid=n&prefix_neid=p"
                     "&rev=7&parent_rev=6&overwrite=true&op_type=sync&S=v%26c&language=zh-CN\n"
                     "{upload}\nx"),
             golden("uploadData, never a revision",
@@ -216,7 +228,8 @@ private slots:
                 })
                 .sends(AllDeployments,
                     "POST /v2/files/databox/d.bin?path=/d.bin&path_type=ent&parent_rev=6&overwrite=false"
-                    "&language=zh-CN\n{upload}\n" + QByteArray("\x00\x01\xff", 3)),
+                    "&language=zh-CN\n{upload}\n"
+                        + QByteArray("\x00\x01\xff", 3)),
             golden("downloadFile",
                 [](GoldenContext& c) {
                     NBServerApiDownloadFileModel m;
@@ -246,7 +259,9 @@ private slots:
                 .sends(AllDeployments,
                     "GET /v2/files/databox/d?path=%2Fd&path_type=ent&from=f&rev=3&language=zh-CN\n{get}\n"),
             golden("queryHash, the model's one hash",
-                [](GoldenContext& c) { return ServerApi::QueryHash({ c.url(), "h1" }, c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::QueryHash({ c.url(), "h1" }, c.calls.completion());
+                })
                 .sends(AllDeployments, "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=h1"),
             golden("queryHash, verification code and extra query",
                 [](GoldenContext& c) {
@@ -254,12 +269,14 @@ private slots:
                 })
                 .verifyCode("vc")
                 .sends(AllDeployments,
-                    "POST /v2/commit_chunked_upload/commit/databox?S=vc&upload_id=u1\n{post}\nhashes[]=h%201"),
+                    "POST "
+                    "/v2/commit_chunked_upload/commit/databox?S=vc&upload_id=u1\n{post}\nhashes[]=h%201"),
             golden("queryHash, extra query without a query part",
                 [](GoldenContext& c) {
                     return ServerApi::QueryHash({ c.url(), "h" }, c.calls.completion(), "a=1");
                 })
-                .sends(AllDeployments, "POST /v2/commit_chunked_upload/commit/databox&a=1\n{post}\nhashes[]=h"),
+                .sends(
+                    AllDeployments, "POST /v2/commit_chunked_upload/commit/databox&a=1\n{post}\nhashes[]=h"),
             golden("chunkedUpload, no hash and no upload id",
                 [](GoldenContext& c) {
                     NBServerApiChunkedUploadModel m;
@@ -275,7 +292,8 @@ private slots:
                     m.uploadId = "u/1";
                     m.hash = "abc";
                     m.data = "chunk";
-                    return ServerApi::ChunkedUpload(m, c.calls.completion(), c.calls.uploadProgress(), "x=y z");
+                    return ServerApi::ChunkedUpload(
+                        m, c.calls.completion(), c.calls.uploadProgress(), "x=y z");
                 })
                 .verifyCode("vc")
                 .sends(AllDeployments,
@@ -293,7 +311,8 @@ private slots:
                 })
                 .sends(AllDeployments,
                     "POST /v2/commit_chunked_upload/commit/databox/big%20file.bin\n{post}\n"
-                    "path=%2Fbig%20file.bin&path_type=ent&bytes=3000000000&is_file_commit=false&overwrite=false"
+                    "path=%2Fbig%20file.bin&path_type=ent&bytes=3000000000&is_file_commit=false&overwrite="
+                    "false"
                     "&hashes[]=h3&hashes[]=h1&hashes[]=h2"),
             golden("commitHash, every field",
                 [](GoldenContext& c) {
@@ -318,11 +337,13 @@ private slots:
                     "&is_file_commit=true&overwrite=true&op_type=o"),
             golden("Upload, nothing of the endpoint",
                 [](GoldenContext& c) {
-                    return ServerApi::Upload(c.url("/raw?x=1"), writeFile(c.dir + "/r", "raw"), c.calls.completion());
+                    return ServerApi::Upload(
+                        c.url("/raw?x=1"), writeFile(c.dir + "/r", "raw"), c.calls.completion());
                 })
                 .verifyCode("vc")
                 .sends(AllDeployments,
-                    "POST /raw?x=1\nHost: {host}\n{form}Content-Length: 3\n{qt}User-Agent: Mozilla/5.0\n\nraw"),
+                    "POST /raw?x=1\nHost: {host}\n{form}Content-Length: 3\n{qt}User-Agent: "
+                    "Mozilla/5.0\n\nraw"),
             golden("download, the default headers",
                 [](GoldenContext& c) {
                     return ServerApi::Download(c.url("/raw?x=1"), c.calls.data(), c.calls.completion());

@@ -97,7 +97,7 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
     const auto form = items(request.body);
 
     if (request.method == "GET") {
-        for (const QString& marker : { "/files/databox", "/dl_router/databox", "/delivery/dl_router/" }) {
+        for (const char* marker : { "/files/databox", "/dl_router/databox", "/delivery/dl_router/" }) {
             if (path.contains(marker))
                 return serve(after(path, marker), request.header("Range"));
         }
@@ -114,8 +114,8 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
         return ServerReply::ok(json({ { "hash", hash } }));
     }
 
-    const bool commitRoute = path.contains("/commit_chunked_upload/commit/databox")
-        || path.contains("/delivery/commit_chunked");
+    const bool commitRoute
+        = path.contains("/commit_chunked_upload/commit/databox") || path.contains("/delivery/commit_chunked");
     if (commitRoute) {
         if (value(form, "bytes").isEmpty()) {
             QJsonArray needed;
@@ -132,10 +132,10 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
         return commit(filePath, form);
     }
 
-    for (const QString& marker : { "/files/databox", "/delivery/data/" }) {
+    for (const char* marker : { "/files/databox", "/delivery/data/" }) {
         if (path.contains(marker)) {
-            const QString filePath = marker == QLatin1String("/files/databox") ? after(path, marker)
-                                                                               : value(query, "path");
+            const QString filePath
+                = qstrcmp(marker, "/files/databox") == 0 ? after(path, marker) : value(query, "path");
             putFile(filePath, request.body);
             return ServerReply::ok(json({ { "path", filePath }, { "bytes", request.body.size() } }));
         }
@@ -161,7 +161,8 @@ ServerReply ChunkServer::commit(const QString& path, const QList<QPair<QString, 
         return ServerReply::withStatus(400, json({ { "code", "content_hash_error" } }));
     putFile(path, content);
     return ServerReply::ok(json({ { "path", path }, { "bytes", content.size() },
-        { "sha256", QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex()) } }));
+        { "sha256",
+            QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex()) } }));
 }
 
 ServerReply ChunkServer::serve(const QString& path, const QByteArray& range) const
@@ -175,10 +176,12 @@ ServerReply ChunkServer::serve(const QString& path, const QByteArray& range) con
     if (!match.hasMatch())
         return ServerReply::ok(content, "application/octet-stream");
     const qint64 first = match.captured(1).toLongLong();
-    const qint64 last = match.captured(2).isEmpty() ? content.size() - 1
-                                                    : qMin<qint64>(match.captured(2).toLongLong(), content.size() - 1);
+    const qint64 last = match.captured(2).isEmpty()
+        ? content.size() - 1
+        : qMin<qint64>(match.captured(2).toLongLong(), content.size() - 1);
     if (first > last)
         return ServerReply::withStatus(416);
     ServerReply reply = ServerReply::withStatus(206, content.mid(first, last - first + 1));
-    return reply.header("Content-Range", QStringLiteral("bytes %1-%2/%3").arg(first).arg(last).arg(content.size()).toLatin1());
+    return reply.header("Content-Range",
+        QStringLiteral("bytes %1-%2/%3").arg(first).arg(last).arg(content.size()).toLatin1());
 }

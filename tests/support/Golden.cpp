@@ -2,6 +2,7 @@
 
 #include "NBHttpClientManager.h"
 
+#include <QRegularExpression>
 #include <QTest>
 #include <QUrl>
 
@@ -88,6 +89,25 @@ QByteArray rawCookieLine(const GoldenSettings& s)
 } // namespace
 
 namespace Golden {
+
+bool matches(const QByteArray& expected, const QByteArray& received)
+{
+    if (!expected.contains("{digits}") && !expected.contains("{hex}"))
+        return expected == received;
+    const QString text = QString::fromUtf8(expected);
+    static const QRegularExpression wildcard(QStringLiteral("\\{(digits|hex)\\}"));
+    QString pattern = QStringLiteral("\\A");
+    int from = 0;
+    for (auto it = wildcard.globalMatch(text); it.hasNext();) {
+        const auto match = it.next();
+        pattern += QRegularExpression::escape(text.mid(from, match.capturedStart() - from));
+        pattern += match.captured(1) == QLatin1String("digits") ? QStringLiteral("\\d+")
+                                                                : QStringLiteral("[0-9a-f]+");
+        from = match.capturedEnd();
+    }
+    pattern += QRegularExpression::escape(text.mid(from)) + QStringLiteral("\\z");
+    return QRegularExpression(pattern).match(QString::fromUtf8(received)).hasMatch();
+}
 
 void addRows(const QList<GoldenRow>& rows)
 {
@@ -214,7 +234,7 @@ void run()
     const QByteArray host = QUrl(server.url(QString())).authority().toLatin1();
     const QByteArray want = expand(expected, host, row.settings);
     const QByteArray got = server.lastRequest().wireText();
-    if (want != got)
+    if (!matches(want, got))
         QFAIL(qPrintable(
             QStringLiteral("the request differs (- expected, + received):\n") + lineDiff(want, got)));
 }

@@ -21,6 +21,7 @@
 //             (all three end with the network layer's "User-Agent: Mozilla/5.0" when the
 //             settings have no user agent)
 //   {length}  the length of the expected body (what follows the blank line)
+//   {digits}  any run of decimal digits (a time stamp), {hex} of lower-case hexadecimal ones
 // The default settings of every run: user agent "NBTest/1.0", language "zh", session
 // "sess-1", no verification code; {cookie} follows the row's settings.
 #pragma once
@@ -88,6 +89,8 @@ void addRows(const QList<GoldenRow>& rows);
 void run();
 // The expected text with its placeholders replaced.
 QByteArray expand(QByteArray wire, const QByteArray& host, const GoldenSettings& settings);
+// Whether the received text is the expanded expected one, wildcards matching.
+bool matches(const QByteArray& expected, const QByteArray& received);
 // A line-by-line diff, "  " same, "- " expected only, "+ " received only.
 QString lineDiff(const QByteArray& expected, const QByteArray& received);
 } // namespace Golden

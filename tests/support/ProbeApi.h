@@ -10,6 +10,9 @@ public:
     using NBServerApi::request;
     using NBServerApi::requestTo;
 
+    long long createFile(const NBServerApiCreateFileModel&, NBCompletionCallback) override { return -1; }
+    long long extra(QList<QString>, NBCompletionCallback) override { return -1; }
+
     long long probe(const QString& name, NBCompletionCallback done)
     {
         return request(combinPath(QStringLiteral("/probe"), name))

@@ -119,6 +119,33 @@ public:
     static long long Upload(const QString& url, const QString& localPath, NBCompletionCallback done,
         NBUploadProgressCallback onProgress = {});
 
+    // Deliveries (shared links), as an outside user drives them: authorise with the link
+    // code and password, then list, create folders, upload (whole or in chunks) and
+    // download with the token of that reply. All but the authorisation and the chunk
+    // upload carry the delivery's session.
+    static long long DeliveryAuth(const NBServerApiDeliveryAuthModel& model, NBCompletionCallback done);
+    static long long DeliveryAuthUpload(
+        const NBServerApiDeliveryAuthUploadModel& model, NBCompletionCallback done);
+    static long long DeliveryUploadFile(const NBServerApiDeliveryUploadFileModel& model,
+        NBCompletionCallback done, NBUploadProgressCallback onProgress = {});
+    static long long DeliveryUploadData(const NBServerApiDeliveryUploadDataModel& model,
+        NBCompletionCallback done, NBUploadProgressCallback onProgress = {});
+    static long long DeliveryDownloadFile(const NBServerApiDeliveryDownloadFileModel& model,
+        NBCompletionCallback done, NBDownloadProgressCallback onProgress = {});
+    static long long DeliveryDownloadData(const NBServerApiDeliveryDownloadDataModel& model,
+        NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress = {});
+    static long long DeliveryMetadata(
+        const NBServerApiDeliveryMetadataModel& model, NBCompletionCallback done);
+    static long long DeliveryCreateFolder(NBServerApiDeliveryCreateFolder model, NBCompletionCallback done);
+    static long long DeliveryQueryHash(
+        const NBServerApiDeliveryQueryHashModel& model, NBCompletionCallback done);
+    static long long DeliveryChunkedUpload(const NBServerApiDeliveryChunkedUploadModel& model,
+        NBCompletionCallback done, NBUploadProgressCallback onProgress = {});
+    static long long DeliveryCommitHash(
+        const NBServerApiDeliveryCommitHashModel& model, NBCompletionCallback done);
+    static long long DeliveryDownloadRouter(const NBSeverApiDeliveryDLRouterModel& model,
+        NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress = {});
+
     // Change feed and sync data: pass the previous reply's cursor to read on. Empty
     // identifiers of GetSyncData go out as "0" (syncUid is left out).
     static long long Delta(const NBServerApiDeltaModel& model, NBCompletionCallback done);

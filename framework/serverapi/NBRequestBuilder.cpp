@@ -30,6 +30,7 @@ NBRequestBuilder::NBRequestBuilder(NBRequestBuilder&& other) noexcept
     , m_id(other.m_id)
     , m_sent(other.m_sent)
     , m_inQuery(other.m_inQuery)
+    , m_query(std::move(other.m_query))
     , m_releasedThroughEndpoint(other.m_releasedThroughEndpoint)
 {
     other.m_sent = true;
@@ -171,17 +172,20 @@ NBRequestBuilder& NBRequestBuilder::languageParam()
     return param(QStringLiteral("language"), NBServerApi::hostLanguage());
 }
 
-// Qt's query encoding, except that a "%" of the value is always the character itself:
-// the query would otherwise read "%41" in a file name as an encoded "A".
+// Qt's query encoding, except that a "%" of the value is always the character itself
+// (the query would otherwise read "%41" in a file name as an encoded "A"), and that an
+// empty value goes out as "key=", as request parameters do, never as a bare "key".
 void NBRequestBuilder::addQueryItem(const QString& key, const QString& value)
 {
-    const auto literal = [](QString text) {
-        return text.replace(QLatin1Char('%'), QLatin1String("%25"));
+    const auto literal = [](const QString& text) {
+        return text.isEmpty() ? QStringLiteral("")
+                              : QString(text).replace(QLatin1Char('%'), QLatin1String("%25"));
     };
+    if (!m_query)
+        m_query.reset(new QUrlQuery(QUrl(m_client->url(), QUrl::TolerantMode)));
+    m_query->addQueryItem(literal(key), literal(value));
     QUrl url(m_client->url(), QUrl::TolerantMode);
-    QUrlQuery query(url);
-    query.addQueryItem(literal(key), literal(value));
-    url.setQuery(query);
+    url.setQuery(m_query->query(QUrl::FullyEncoded), QUrl::StrictMode);
     m_client->setUrl(url.toString(QUrl::FullyEncoded));
 }
 

@@ -15,10 +15,12 @@
 #include <QPair>
 #include <QString>
 #include <initializer_list>
+#include <memory>
 
 class NBHttpClient;
 class NBServerApi;
 class QJsonDocument;
+class QUrlQuery;
 
 class NBRequestBuilder
 {
@@ -109,5 +111,7 @@ private:
     long long m_id;
     bool m_sent = false;
     bool m_inQuery = false;
+    // The address's query while parameters go there, kept whole between additions.
+    std::unique_ptr<QUrlQuery> m_query;
     bool m_releasedThroughEndpoint = false;
 };

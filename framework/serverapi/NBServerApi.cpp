@@ -35,6 +35,17 @@ auto uploadQuery(const QString& rev)
     };
 }
 
+// The query of a delivery's whole upload or download: the model's path as it is.
+constexpr auto deliveryQuery = [](NBRequestBuilder& request, const auto& model) {
+    request.inQuery()
+        .param(NBKey::Path, model.path)
+        .param(NBKey::Token, model.token)
+        .param("NBC", model.nbc)
+        .param(NBKey::Overwrite, model.overwrite)
+        .verifyCodeParam()
+        .languageParam();
+};
+
 // The parameters of a whole download.
 constexpr auto downloadParams = [](NBRequestBuilder& request, const auto& model) {
     request.param(NBKey::Path, model.path)
@@ -370,6 +381,182 @@ long long NBServerApi::commitHash(
         .each(NBKey::Hashes, model.hashes)
         .withDefaults()
         .extraQuery(extraQuery)
+        .send(std::move(done));
+}
+
+// --- Deliveries: addressed by link code, each with its own session but the first. ----
+
+QString NBServerApi::deliveryRootPathHandle(const QString& path)
+{
+    QStringList pieces = path.split(QLatin1Char('/'), Qt::SkipEmptyParts);
+    if (!pieces.isEmpty())
+        pieces.removeFirst();
+    const QString rest = pieces.join(QLatin1Char('/'));
+    return rest.startsWith(QLatin1Char('/')) ? rest : QLatin1Char('/') + rest;
+}
+
+long long NBServerApi::deliveryAuth(const NBServerApiDeliveryAuthModel& model, NBCompletionCallback done)
+{
+    return requestOn(model.serverUrl, combinPath(m_deliveryAuth, model.code))
+        .method(POST)
+        .param("password", model.password)
+        .withDefaults()
+        .send(std::move(done));
+}
+
+long long NBServerApi::deliveryAuthUpload(
+    const NBServerApiDeliveryAuthUploadModel& model, NBCompletionCallback done)
+{
+    return requestOn(model.serverUrl, combinPath(m_deliveryAuthUpload, model.code))
+        .paramsIfSet({ { NBKey::Bytes, model.bytes }, { NBKey::Language, model.language },
+            { NBKey::Token, model.token }, { NBKey::Path, model.path } })
+        .withDefaults()
+        .session(model.session)
+        .send(std::move(done));
+}
+
+long long NBServerApi::deliveryUploadFile(const NBServerApiDeliveryUploadFileModel& model,
+    NBCompletionCallback done, NBUploadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl, combinPath(m_deliveryData, model.code))
+        .with(deliveryQuery, model)
+        .defaultHeaders()
+        .session(model.session)
+        .upload(model.localPath, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::deliveryUploadData(const NBServerApiDeliveryUploadDataModel& model,
+    NBCompletionCallback done, NBUploadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl, combinPath(m_deliveryData, model.code))
+        .with(deliveryQuery, model)
+        .defaultHeaders()
+        .session(model.session)
+        .upload(model.data, std::move(onProgress), std::move(done));
+}
+
+// The one download of a delivery that takes both default steps: a verification code
+// goes in its query and once more after it.
+long long NBServerApi::deliveryDownloadFile(const NBServerApiDeliveryDownloadFileModel& model,
+    NBCompletionCallback done, NBDownloadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl,
+        combinPath(combinPath(m_deliveryDlRouter, model.code), deliveryRootPathHandle(model.path)))
+        .with(deliveryQuery, model)
+        .withDefaults()
+        .session(model.session)
+        .downloadTo(model.localPath, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::deliveryDownloadData(const NBServerApiDeliveryDownloadDataModel& model,
+    NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl,
+        combinPath(combinPath(m_deliveryDlRouter, model.code), deliveryRootPathHandle(model.path)))
+        .with(deliveryQuery, model)
+        .defaultHeaders()
+        .session(model.session)
+        .download(std::move(onData), std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::deliveryDownloadRouter(const NBSeverApiDeliveryDLRouterModel& model,
+    NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl,
+        combinPath(combinPath(m_deliveryDlRouter, model.code), deliveryRootPathHandle(model.path)))
+        .inQuery()
+        .param(NBKey::Path, model.path)
+        .param(NBKey::Token, model.token)
+        .param("NBC", model.nbc)
+        .verifyCodeParam()
+        .languageParam()
+        .rangeIfSet(model.range)
+        .defaultHeaders()
+        .session(model.session)
+        .download(std::move(onData), std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::deliveryMetadata(
+    const NBServerApiDeliveryMetadataModel& model, NBCompletionCallback done)
+{
+    return requestOn(model.serverUrl,
+        combinPath(combinPath(m_deliveryMetadata, model.code), deliveryRootPathHandle(model.path)))
+        .param(NBKey::Token, model.token)
+        .param("delivery_token", model.deliveryToken)
+        .param("code", model.code)
+        .param("password", model.password)
+        .flag("with_seed", model.withSeed)
+        .flag("walk_folder_content", model.walkFolderContent)
+        .param("orderby", model.orderby)
+        .param("sort", model.sort)
+        .number("limit", model.limit)
+        .number("offset", model.offset)
+        .withDefaults()
+        .session(model.session)
+        .send(std::move(done));
+}
+
+long long NBServerApi::deliveryCreateFolder(NBServerApiDeliveryCreateFolder model, NBCompletionCallback done)
+{
+    return requestOn(
+        model.serverUrl, combinPath(combinPath(m_deliveryCreateFolder, model.code), model.relativePath))
+        .method(POST)
+        .param(NBKey::Token, model.token)
+        .param("code", model.code)
+        .param("relativePath", model.relativePath)
+        .param(NBKey::Neid, model.neid)
+        .withDefaults()
+        .session(model.session)
+        .send(std::move(done));
+}
+
+long long NBServerApi::deliveryQueryHash(
+    const NBServerApiDeliveryQueryHashModel& model, NBCompletionCallback done)
+{
+    return requestOn(
+        model.serverUrl, combinPath(combinPath(m_deliveryQueryHash, model.code), model.relativePath))
+        .method(POST)
+        .param("code", model.code)
+        .param("relative_path", model.relativePath)
+        .number(NBKey::Bytes, model.bytes)
+        .param(NBKey::Token, model.token)
+        .param("NBC", model.nbc)
+        .param(NBKey::Hashes, model.hash)
+        .withDefaults()
+        .session(model.session)
+        .send(std::move(done));
+}
+
+long long NBServerApi::deliveryChunkedUpload(const NBServerApiDeliveryChunkedUploadModel& model,
+    NBCompletionCallback done, NBUploadProgressCallback onProgress)
+{
+    return requestOn(model.serverUrl, m_deliveryChunkedUpload)
+        .inQuery()
+        .paramsIfSet({ { "hash", model.hash }, { "upload_id", model.uploadId } })
+        .param("offset", "0")
+        .verifyCodeParam()
+        .defaultHeaders()
+        .upload(model.data, std::move(onProgress), std::move(done));
+}
+
+long long NBServerApi::deliveryCommitHash(
+    const NBServerApiDeliveryCommitHashModel& model, NBCompletionCallback done)
+{
+    return requestOn(
+        model.serverUrl, combinPath(combinPath(m_deliveryCommitHash, model.code), model.relativePath))
+        .method(POST)
+        .param("code", model.code)
+        .param("relative_path", model.relativePath)
+        .number(NBKey::Bytes, model.totalBytes)
+        .param(NBKey::Token, model.token)
+        .param("NBC", model.nbc)
+        .paramIfSet(NBKey::ParentRev, model.parentRev)
+        .number(NBKey::Bytes, model.bytes)
+        .flag("is_file_commit", model.isFileCommit)
+        .flag(NBKey::Overwrite, model.overwrite)
+        .each(NBKey::Hashes, model.hashes)
+        .withDefaults()
+        .session(model.session)
         .send(std::move(done));
 }
 

@@ -99,6 +99,29 @@ public:
     // The file to the address as given, without a header or parameter of the endpoint.
     virtual long long Upload(const QString& url, const QString& localPath, NBCompletionCallback done,
         NBUploadProgressCallback onProgress);
+    // Deliveries (shared links).
+    virtual long long deliveryAuth(const NBServerApiDeliveryAuthModel& model, NBCompletionCallback done);
+    virtual long long deliveryAuthUpload(
+        const NBServerApiDeliveryAuthUploadModel& model, NBCompletionCallback done);
+    virtual long long deliveryUploadFile(const NBServerApiDeliveryUploadFileModel& model,
+        NBCompletionCallback done, NBUploadProgressCallback onProgress);
+    virtual long long deliveryUploadData(const NBServerApiDeliveryUploadDataModel& model,
+        NBCompletionCallback done, NBUploadProgressCallback onProgress);
+    virtual long long deliveryDownloadFile(const NBServerApiDeliveryDownloadFileModel& model,
+        NBCompletionCallback done, NBDownloadProgressCallback onProgress);
+    virtual long long deliveryDownloadData(const NBServerApiDeliveryDownloadDataModel& model,
+        NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress);
+    virtual long long deliveryMetadata(
+        const NBServerApiDeliveryMetadataModel& model, NBCompletionCallback done);
+    virtual long long deliveryCreateFolder(NBServerApiDeliveryCreateFolder model, NBCompletionCallback done);
+    virtual long long deliveryQueryHash(
+        const NBServerApiDeliveryQueryHashModel& model, NBCompletionCallback done);
+    virtual long long deliveryChunkedUpload(const NBServerApiDeliveryChunkedUploadModel& model,
+        NBCompletionCallback done, NBUploadProgressCallback onProgress);
+    virtual long long deliveryCommitHash(
+        const NBServerApiDeliveryCommitHashModel& model, NBCompletionCallback done);
+    virtual long long deliveryDownloadRouter(const NBSeverApiDeliveryDLRouterModel& model,
+        NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress);
     // The address as given, with the default headers.
     virtual long long download(const QString& url, NBDataCallback onData, NBCompletionCallback done,
         NBDownloadProgressCallback onProgress);
@@ -138,6 +161,9 @@ public:
         const QString& nsid, const QString& path, const QString& type, NBCompletionCallback done);
     virtual long long fileExist(const QString& neid, const QString& path, const QString& nsid,
         const QString& from, const QString& prefixNeid, NBCompletionCallback done);
+    // A delivery's path without its first folder, the link's own root: "/Shared/a/b"
+    // gives "/a/b", and a path that names only the root gives "/".
+    virtual QString deliveryRootPathHandle(const QString& path);
 
     // Settings; each read or write is atomic under the settings lock.
     void setBaseUrlString(const QString& url);
@@ -188,6 +214,15 @@ public:
     static inline const QString m_commitChunkedUploadUrl
         = QStringLiteral("/commit_chunked_upload/commit/databox");
     static inline const QString m_chunkedUploadUrl = QStringLiteral("/chunked_upload");
+    static inline const QString m_deliveryAuth = QStringLiteral("/delivery/auth");
+    static inline const QString m_deliveryAuthUpload = QStringLiteral("/delivery/auth_upload");
+    static inline const QString m_deliveryData = QStringLiteral("/delivery/data");
+    static inline const QString m_deliveryDlRouter = QStringLiteral("/delivery/dl_router");
+    static inline const QString m_deliveryQueryHash = QStringLiteral("/delivery/commit_chunked");
+    static inline const QString m_deliveryChunkedUpload = QStringLiteral("/delivery/chunked_upload/");
+    static inline const QString m_deliveryCommitHash = QStringLiteral("/delivery/commit_chunked");
+    static inline const QString m_deliveryMetadata = QStringLiteral("/delivery/metadata");
+    static inline const QString m_deliveryCreateFolder = QStringLiteral("/delivery/upload_folder");
     static inline const QString m_fileopsMoveUrl = QStringLiteral("/fileops/move");
     static inline const QString m_fileopsBatchCopyUrl = QStringLiteral("/fileops/batch_copy");
     static inline const QString m_fileopsBatchMoveUrl = QStringLiteral("/fileops/batch_move");

@@ -299,3 +299,145 @@ struct NBServerApiLoginStateModel
     QString deviceName; // "device_name"
     QString deviceUuid; // "uuid"
 };
+
+// --- Deliveries (shared links) ---------------------------------------------------
+// A delivery is addressed by its link code on the server in `serverUrl`; `token` is
+// the access token its authorisation returned and `session` the delivery's session,
+// added to the cookie. Paths in the address lose their first folder (the link's own
+// root); query forms send `path` as it is.
+
+struct NBServerApiDeliveryAuthModel
+{
+    QString code; // the link code
+    QString password; // "password"
+    QString serverUrl;
+};
+
+struct NBServerApiDeliveryAuthUploadModel
+{
+    QString path; // "path"
+    QString bytes; // "bytes", as text
+    QString language; // "language"
+    QString token; // "token"
+    QString serverUrl;
+    QString code;
+    QString session;
+};
+
+struct NBServerApiDeliveryUploadFileModel
+{
+    QString code;
+    QString path; // "path"
+    QString token; // "token"
+    QString overwrite; // "overwrite", sent as it is
+    QString serverUrl;
+    QString nbc; // "NBC"
+    QString session;
+    QString localPath;
+};
+
+struct NBServerApiDeliveryUploadDataModel
+{
+    QString code;
+    QString path;
+    QString token;
+    QString overwrite;
+    QString serverUrl;
+    QString nbc;
+    QString session;
+    QByteArray data;
+};
+
+struct NBServerApiDeliveryDownloadFileModel
+{
+    QString code;
+    QString path;
+    QString token;
+    QString overwrite;
+    QString serverUrl;
+    QString nbc;
+    QString session;
+    QString localPath;
+};
+
+struct NBServerApiDeliveryDownloadDataModel
+{
+    QString code;
+    QString path;
+    QString token;
+    QString overwrite;
+    QString serverUrl;
+    QString nbc;
+    QString session;
+};
+
+struct NBSeverApiDeliveryDLRouterModel
+{
+    QString code;
+    QString path;
+    QString token;
+    QString overwrite; // not sent by the router
+    QString serverUrl;
+    QString nbc;
+    QString session;
+    QString range; // both range headers, when set
+};
+
+struct NBServerApiDeliveryCreateFolder
+{
+    QString serverUrl;
+    QString code; // "code"
+    QString relativePath; // "relativePath", and the tail of the address
+    QString neid; // "neid"
+    QString token; // "token"
+    QString session;
+};
+
+struct NBServerApiDeliveryQueryHashModel
+{
+    QString serverUrl;
+    QString hash; // one "hashes[]"
+    QString relativePath; // "relative_path", and the tail of the address
+    QString code; // "code"
+    QString token; // "token"
+    qint64 bytes = 0; // "bytes"
+    QString nbc; // "NBC"
+    QString session;
+};
+
+struct NBServerApiDeliveryChunkedUploadModel
+{
+    QString serverUrl;
+    QString uploadId; // "upload_id"
+    QString hash; // "hash"
+    QByteArray data; // the chunk
+};
+
+// The commit of a chunked delivery upload: the account commit's fields (of which
+// path, pathType, from, prefixNeid, rev and opType are not sent) and these.
+struct NBServerApiDeliveryCommitHashModel : NBServerApiCommitHashModel
+{
+    QString code; // "code"
+    QString relativePath; // "relative_path", and the tail of the address
+    QString token; // "token"
+    QString nbc; // "NBC"
+    qint64 totalBytes = 0; // the first "bytes"; the commit's own `bytes` goes second
+    QString session;
+};
+
+struct NBServerApiDeliveryMetadataModel
+{
+    QString path; // the folder listed, in the address
+    bool withSeed = false; // "with_seed"
+    QString orderby; // "orderby"
+    QString sort; // "sort"
+    int limit = 0; // "limit"
+    int offset = 0; // "offset"
+    QString code; // "code"
+    QString session;
+    QString serverUrl;
+    QString password; // "password", with every listing
+    QString token; // "token"
+    QString deliveryToken; // "delivery_token"
+    bool walkFolderContent = false; // "walk_folder_content"
+};

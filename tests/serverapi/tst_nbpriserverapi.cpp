@@ -64,24 +64,30 @@ private slots:
                 .sends(Pri | PriSix, "POST /v2/user/login\n{post}\nuser_slug=user%20one&password=p%26ss")
                 .unserved(Pub, 0),
             golden("extra, the JSON read back as Latin-1",
-                [](GoldenContext& c) { return ServerApi::Extra({ "1", "é" }, c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::Extra({ "1", "é" }, c.calls.completion());
+                })
                 .verifyCode("vc")
                 .sends(Pri | PriSix,
-                    "POST /v2/extra_metadata?S=vc\n{post}\n" + latin1JsonForm(QString("[\n"
-                                                                                     "    {\n"
-                                                                                     "        \"neid\": \"1\"\n"
-                                                                                     "    },\n"
-                                                                                     "    {\n"
-                                                                                     "        \"neid\": \"é\"\n"
-                                                                                     "    }\n"
-                                                                                     "]\n")
-                                                                                 .toUtf8())),
+                    "POST /v2/extra_metadata?S=vc\n{post}\n"
+                        + latin1JsonForm(QString("[\n"
+                                                 "    {\n"
+                                                 "        \"neid\": \"1\"\n"
+                                                 "    },\n"
+                                                 "    {\n"
+                                                 "        \"neid\": \"é\"\n"
+                                                 "    }\n"
+                                                 "]\n")
+                                             .toUtf8())),
             golden("extra, empty list",
                 [](GoldenContext& c) { return ServerApi::Extra({}, c.calls.completion()); })
                 .sends(Pri | PriSix, "POST /v2/extra_metadata\n{post}\n" + latin1JsonForm("[\n]\n")),
             golden("fileExist, all five always",
-                [](GoldenContext& c) { return ServerApi::FileExist("", "", "", "", "", c.calls.completion()); })
-                .sends(Pri | PriSix, "POST /v2/fileops/fileExists\n{post}\nnsid=&path=&neid=&from=&prefix_neid=")
+                [](GoldenContext& c) {
+                    return ServerApi::FileExist("", "", "", "", "", c.calls.completion());
+                })
+                .sends(
+                    Pri | PriSix, "POST /v2/fileops/fileExists\n{post}\nnsid=&path=&neid=&from=&prefix_neid=")
                 .unserved(Pub, -1),
             golden("fileExist, values",
                 [](GoldenContext& c) {
@@ -89,7 +95,9 @@ private slots:
                 })
                 .verifyCode("vc")
                 .sends(Pri | PriSix,
-                    "POST /v2/fileops/fileExists?S=vc\n{post}\nnsid=ns&path=%2Fa%20b&neid=n1&from=f&prefix_neid=p"),
+                    "POST "
+                    "/v2/fileops/"
+                    "fileExists?S=vc\n{post}\nnsid=ns&path=%2Fa%20b&neid=n1&from=f&prefix_neid=p"),
             golden("downloadRouterInternal, by POST",
                 [](GoldenContext& c) {
                     NBSeverApiDLRouterModel m;
@@ -103,7 +111,8 @@ private slots:
                 })
                 .verifyCode("vc")
                 .sends(Pri | PriSix,
-                    "POST /v2/dl_router/databox?S=vc\nHost: {host}\nRange: bytes=0-9\nx-nimbraws-range: bytes=0-9\n"
+                    "POST /v2/dl_router/databox?S=vc\nHost: {host}\nRange: bytes=0-9\nx-nimbraws-range: "
+                    "bytes=0-9\n"
                     "{ua}{form}{cookie}Content-Length: {length}\n{qt}\n"
                     "target_path=%2Fd%20f&path_type=ent&neid=n&op_type=o"),
             golden("downloadRouterInternal, by GET",
@@ -124,7 +133,9 @@ private slots:
     {
         Golden::addRows({
             golden("getSyncDataForDisk",
-                [](GoldenContext& c) { return ServerApi::GetSyncDataForDisk(syncModel(), c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::GetSyncDataForDisk(syncModel(), c.calls.completion());
+                })
                 .verifyCode("vc")
                 .sends(PriSix,
                     "POST /v2/syncdata/virtualBox?S=vc\n{post}\n"
@@ -137,7 +148,9 @@ private slots:
                     "POST /v2/syncdata/virtualBox\n{post}\n"
                     "syncUid=0&syncCid=0&pullJid=0&deltaDataId=0&assign_Jid=0&path="),
             golden("getAssignSyncData",
-                [](GoldenContext& c) { return ServerApi::GetAssignSyncData(syncModel(), c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::GetAssignSyncData(syncModel(), c.calls.completion());
+                })
                 .sends(PriSix,
                     "POST /v2/syncdata/assignVirtualBox\n{post}\n"
                     "syncUid=1&syncCid=22&pullJid=333&deltaDataId=9000000000&assign_Jid=-5&path=%2Fvbox%201"
@@ -156,26 +169,31 @@ private slots:
                 .unserved(Pri | Pub, -1),
             golden("queryHash, 6.0 model form",
                 [](GoldenContext& c) {
-                    return six()->queryHash(NBServerApiQueryHashSixModel { c.url(), "h1", "x y" }, c.calls.completion());
+                    return six()->queryHash(
+                        NBServerApiQueryHashSixModel { c.url(), "h1", "x y" }, c.calls.completion());
                 })
                 .verifyCode("vc")
-                .sends(PriSix, "POST /v2/commit_chunked_upload/commit/databox?S=vc\n{post}\nhashes[]=h1&%26=x%20y"),
+                .sends(PriSix,
+                    "POST /v2/commit_chunked_upload/commit/databox?S=vc\n{post}\nhashes[]=h1&%26=x%20y"),
             golden("queryHash, 6.0 model form, empty extra still sent",
                 [](GoldenContext& c) {
-                    return six()->queryHash(NBServerApiQueryHashSixModel { c.url(), "h1", "" }, c.calls.completion());
+                    return six()->queryHash(
+                        NBServerApiQueryHashSixModel { c.url(), "h1", "" }, c.calls.completion());
                 })
                 .sends(PriSix, "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=h1&%26="),
             golden("chunkedUpload, 6.0 model form, no extra",
                 [](GoldenContext& c) {
                     return six()->chunkedUpload(
-                        NBServerApiChunkedUploadSixModel { c.url(), "u", "h", "chunk", "" }, c.calls.completion(), {});
+                        NBServerApiChunkedUploadSixModel { c.url(), "u", "h", "chunk", "" },
+                        c.calls.completion(), {});
                 })
                 .verifyCode("vc")
                 .sends(PriSix, "POST /v2/chunked_upload?hash=h&upload_id=u&offset=0&S=vc\n{upload}\nchunk"),
             golden("chunkedUpload, 6.0 model form, extra after S",
                 [](GoldenContext& c) {
                     return six()->chunkedUpload(
-                        NBServerApiChunkedUploadSixModel { c.url(), "", "", "chunk", "e&1" }, c.calls.completion(), {});
+                        NBServerApiChunkedUploadSixModel { c.url(), "", "", "chunk", "e&1" },
+                        c.calls.completion(), {});
                 })
                 .verifyCode("vc")
                 .sends(PriSix, "POST /v2/chunked_upload?offset=0&S=vc&%26=e%261\n{upload}\nchunk"),
@@ -211,7 +229,8 @@ private slots:
         m.pathType = NBPathType::Ent;
         Calls calls;
         const long long id = dynamic_cast<NBPriServerApi*>(ServerApi::serverApi())
-                                 ->downloadRouterInternal(m, calls.data(), calls.completion(), calls.downloadProgress(), true);
+                                 ->downloadRouterInternal(
+                                     m, calls.data(), calls.completion(), calls.downloadProgress(), true);
         QVERIFY(calls.waitForCompletions(1));
         QCOMPARE(calls.last().statusCode, 200);
         QCOMPARE(calls.joinedPieces(), QByteArray(300000, 'q'));
@@ -236,7 +255,8 @@ private slots:
         QFETCH(int, status);
         QFETCH(QByteArray, body);
         QFETCH(bool, refused);
-        TestServer server([status, body](const RecordedRequest&) { return ServerReply::withStatus(status, body); });
+        TestServer server(
+            [status, body](const RecordedRequest&) { return ServerReply::withStatus(status, body); });
         QString base = server.url(QString());
         if (refused) {
             QTcpServer probe;
@@ -251,8 +271,8 @@ private slots:
         QVERIFY(calls.waitForCompletions(1));
         QCOMPARE(calls.last().statusCode, status);
         QCOMPARE(calls.last().networkError != 0, status != 200);
-        const QString line = QStringLiteral("responsedata: ") + base + QStringLiteral("/v2/syncdata/assignVirtualBox")
-            + QString::fromUtf8(body);
+        const QString line = QStringLiteral("responsedata: ") + base
+            + QStringLiteral("/v2/syncdata/assignVirtualBox") + QString::fromUtf8(body);
         const LogEntry* entry = log.find(line);
         QVERIFY2(entry, qPrintable(log.dump()));
         QCOMPARE(entry->level, QString("ERROR"));
@@ -274,20 +294,21 @@ private slots:
 
         Calls queries;
         for (const QString& hash : hashes)
-            six()->queryHash(NBServerApiQueryHashSixModel { server.url(), hash, "tag=6" }, queries.completion());
+            six()->queryHash(
+                NBServerApiQueryHashSixModel { server.url(), hash, "tag=6" }, queries.completion());
         QVERIFY(queries.waitForCompletions(hashes.size()));
         QSet<QString> needed;
         for (const ResponseData& r : queries.completions) {
-            for (const QJsonValue& v : QJsonDocument::fromJson(r.body.toUtf8()).object().value("needed").toArray())
+            for (const QJsonValue& v :
+                QJsonDocument::fromJson(r.body.toUtf8()).object().value("needed").toArray())
                 needed.insert(v.toString());
         }
         QCOMPARE(needed.size(), hashes.size());
 
         Calls chunks;
         for (int i = 0; i < hashes.size(); ++i) {
-            six()->chunkedUpload(
-                NBServerApiChunkedUploadSixModel { server.url(), "six", hashes[i], content.mid(i * chunkSize, chunkSize),
-                    "tag=6" },
+            six()->chunkedUpload(NBServerApiChunkedUploadSixModel { server.url(), "six", hashes[i],
+                                     content.mid(i * chunkSize, chunkSize), "tag=6" },
                 chunks.completion(), {});
         }
         QVERIFY(chunks.waitForCompletions(hashes.size(), 20000));

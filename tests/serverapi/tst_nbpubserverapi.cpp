@@ -70,7 +70,8 @@ private slots:
                 .verifyCode("vc")
                 .sends(Pub,
                     "POST /v2/user/login_new\n{post}\n"
-                    "loginType=account&loginkey=user%40x.com&password=p%26ss%3D%20%E5%AF%86&device_name=My%20Mac"
+                    "loginType=account&loginkey=user%40x.com&password=p%26ss%3D%20%E5%AF%86&device_name=My%"
+                    "20Mac"
                     "&uuid=uuid-1&captcha=ab12"),
             golden("login, account, automatic login",
                 [](GoldenContext& c) {
@@ -81,18 +82,24 @@ private slots:
                 })
                 .sends(Pub,
                     "POST /v2/user/login_new\n{post}\n"
-                    "loginType=account&loginkey=user%40x.com&password=p%26ss%3D%20%E5%AF%86&device_name=My%20Mac"
+                    "loginType=account&loginkey=user%40x.com&password=p%26ss%3D%20%E5%AF%86&device_name=My%"
+                    "20Mac"
                     "&uuid=uuid-1&captcha=&pc_auto_login=true"),
             golden("login, enterprise",
-                [](GoldenContext& c) { return ServerApi::Login(enterpriseLogin(c.url()), c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::Login(enterpriseLogin(c.url()), c.calls.completion());
+                })
                 .verifyCode("vc")
                 .sends(Pub,
-                    "POST /oauth/callback?source=win\n{post}\nusername=ent%20user&password=pw&uuid=u&device_name=dev"),
+                    "POST "
+                    "/oauth/"
+                    "callback?source=win\n{post}\nusername=ent%20user&password=pw&uuid=u&device_name=dev"),
             // Composing writes every escape of the address in capitals, which the
             // case-sensitive replacements leave alone.
             golden("login, enterprise address with a path and escapes of both cases",
                 [](GoldenContext& c) {
-                    return ServerApi::Login(enterpriseLogin(c.url("/企业/sso?q=%3F%3f&r=%3d")), c.calls.completion());
+                    return ServerApi::Login(
+                        enterpriseLogin(c.url("/企业/sso?q=%3F%3f&r=%3d")), c.calls.completion());
                 })
                 .sends(Pub,
                     "POST /oauth/callback?source=win?q=%3F%3F&r=%3D\n{post}\n"
@@ -102,7 +109,9 @@ private slots:
                     return ServerApi::Login(enterpriseLogin(c.url().mid(7)), c.calls.completion());
                 })
                 .sends(Pub,
-                    "POST /oauth/callback?source=win\n{post}\nusername=ent%20user&password=pw&uuid=u&device_name=dev"),
+                    "POST "
+                    "/oauth/"
+                    "callback?source=win\n{post}\nusername=ent%20user&password=pw&uuid=u&device_name=dev"),
             golden("login, every field empty",
                 [](GoldenContext& c) { return ServerApi::Login({}, c.calls.completion()); })
                 .unserved(Pub, 0),
@@ -137,30 +146,36 @@ private slots:
                 })
                 .sends(Pub, "POST /v2/fileops/create_file/docs/README\n{post}\npath_type=self&file_type="),
             golden("extra, the verification code without the default headers",
-                [](GoldenContext& c) { return ServerApi::Extra({ "1", "2 3" }, c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::Extra({ "1", "2 3" }, c.calls.completion());
+                })
                 .verifyCode("vc")
                 .sends(Pub,
                     "GET /v2/extra_meta?neids=1%2C2%203&S=vc\nHost: {host}\nAccept: */*\n{qt}"
                     "User-Agent: Mozilla/5.0\n\n"),
             golden("extra, empty list",
                 [](GoldenContext& c) { return ServerApi::Extra({}, c.calls.completion()); })
-                .sends(Pub, "GET /v2/extra_meta?neids=\nHost: {host}\nAccept: */*\n{qt}User-Agent: Mozilla/5.0\n\n"),
+                .sends(Pub,
+                    "GET /v2/extra_meta?neids=\nHost: {host}\nAccept: */*\n{qt}User-Agent: Mozilla/5.0\n\n"),
             golden("GetEnterpriseAddressByCode",
-                [](GoldenContext& c) { return ServerApi::GetEnterpriseAddressByCode("ent 1", c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::GetEnterpriseAddressByCode("ent 1", c.calls.completion());
+                })
                 .verifyCode("vc")
                 .sends(Pub, "GET /v2/sso/get_ent_login_addr?ent_code=ent%201\n{get}\n")
                 .unserved(Pri | PriSix, 0),
             golden("GetZipDownloadUrl, the address as given",
                 [](GoldenContext& c) {
-                    return ServerApi::GetZipDownloadUrl(c.url("/zip/a b?x=1"), "unused", c.calls.completion());
+                    return ServerApi::GetZipDownloadUrl(
+                        c.url("/zip/a b?x=1"), "unused", c.calls.completion());
                 })
                 .verifyCode("vc")
                 .sends(Pub, "GET /zip/a%20b?x=1\n{get}\n")
                 .unserved(Pri | PriSix, 0),
             golden("GetZipFolderMetadata, password added",
                 [](GoldenContext& c) {
-                    return ServerApi::GetZipFolderMetadata(c.url("/zipmeta"), "pw d", 10, 5000000000LL,
-                        c.calls.completion());
+                    return ServerApi::GetZipFolderMetadata(
+                        c.url("/zipmeta"), "pw d", 10, 5000000000LL, c.calls.completion());
                 })
                 .sends(Pub, "GET /zipmeta?limit=10&offset=5000000000&password=pw%20d\n{get}\n")
                 .unserved(Pri | PriSix, 0),
@@ -187,8 +202,7 @@ private slots:
                 .sends(Pub,
                     "GET /js/module/preview/previewVideo_audio_forPC_MAC.html"
                     "?url=%2Fpreview%3Fid%3D1&X-NIMBRA-SESS-ID=s%201&type=video\n{get}\n"),
-            golden("getFuns",
-                [](GoldenContext& c) { return ServerApi::GetFuns(c.calls.completion()); })
+            golden("getFuns", [](GoldenContext& c) { return ServerApi::GetFuns(c.calls.completion()); })
                 .verifyCode("vc")
                 .sends(Pub, "GET /v2/account/funs/get?S=vc\n{get}\n")
                 .unserved(Pri | PriSix, 0),
@@ -252,15 +266,16 @@ private slots:
                 .unserved(Pri | PriSix, 0),
             golden("GetQuickLoginSmsCode before any picture: an empty session",
                 [](GoldenContext& c) {
-                    return ServerApi::GetQuickLoginSmsCode({ "138 0000", "login", "quick", "x7Kp" }, c.calls.completion());
+                    return ServerApi::GetQuickLoginSmsCode(
+                        { "138 0000", "login", "quick", "x7Kp" }, c.calls.completion());
                 })
                 .sends(Pub,
                     "POST /v2/captcha/sendsms\n" + postHead
                         + "Cookie: language=zh; X-NIMBRA-SESS-ID=\nContent-Length: {length}\n{qt}\n"
                           "mobile=138%200000&type=login&op_type=quick&captcha=x7Kp")
                 .unserved(Pri | PriSix, 0),
-            golden("GetQRCode",
-                [](GoldenContext& c) { return ServerApi::GetQRCode(200, c.calls.completion()); })
+            golden(
+                "GetQRCode", [](GoldenContext& c) { return ServerApi::GetQRCode(200, c.calls.completion()); })
                 .verifyCode("vc")
                 .sends(Pub, "GET /v2/tfa/qrcode/get?dimension=200&_={digits}\n{get}\n")
                 .unserved(Pri | PriSix, 0),
@@ -277,17 +292,22 @@ private slots:
                     return ServerApi::GetLoginEmailVerify("a+b@x.com", "login", "cap", c.calls.completion());
                 })
                 .verifyCode("vc")
-                .sends(Pub, "POST /v2/captcha/sendemail\n{post}\nemail=a%2Bb%40x.com&op_type=login&captcha=cap")
+                .sends(
+                    Pub, "POST /v2/captcha/sendemail\n{post}\nemail=a%2Bb%40x.com&op_type=login&captcha=cap")
                 .unserved(Pri | PriSix, 0),
             golden("LoginCheckEmailVerify",
                 [](GoldenContext& c) {
-                    return ServerApi::LoginCheckEmailVerify("key/1", "123456", "login", "", c.calls.completion());
+                    return ServerApi::LoginCheckEmailVerify(
+                        "key/1", "123456", "login", "", c.calls.completion());
                 })
                 .sends(Pub,
-                    "POST /v2/captcha/check\n{post}\ncheck_key=key%2F1&verify_code=123456&op_type=login&captcha=")
+                    "POST "
+                    "/v2/captcha/check\n{post}\ncheck_key=key%2F1&verify_code=123456&op_type=login&captcha=")
                 .unserved(Pri | PriSix, 0),
             golden("DyncCodeLogin",
-                [](GoldenContext& c) { return ServerApi::DyncCodeLogin("tfa-2", "654321", c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::DyncCodeLogin("tfa-2", "654321", c.calls.completion());
+                })
                 .sends(Pub,
                     "POST /v2/tfa/otp\n" + postHead
                         + "Cookie: language=zh; X-NIMBRA-SESS-ID=sess-1; X-NIMBRA-TFA-ID=tfa-2\n"
@@ -301,7 +321,8 @@ private slots:
                           "Content-Length: {length}\n{qt}\notp=1"),
             golden("SendSmsCode, only mobile and op_type",
                 [](GoldenContext& c) {
-                    return ServerApi::SendSmsCode("138", "tfa-3", "tfa", "", "", "1700000000", "sig", c.calls.completion());
+                    return ServerApi::SendSmsCode(
+                        "138", "tfa-3", "tfa", "", "", "1700000000", "sig", c.calls.completion());
                 })
                 .sends(Pub,
                     "POST /v2/captcha/sendsms\n" + postHead
@@ -319,7 +340,9 @@ private slots:
                           "Content-Length: {length}\n{qt}\n"
                           "mobile=138&op_type=tfa&type=voice&timestamp=1700000000&sig=s%2Fg%3D"),
             golden("SmsCodeLogin",
-                [](GoldenContext& c) { return ServerApi::SmsCodeLogin("tfa-4", "0042", c.calls.completion()); })
+                [](GoldenContext& c) {
+                    return ServerApi::SmsCodeLogin("tfa-4", "0042", c.calls.completion());
+                })
                 .sends(Pub,
                     "POST /v2/tfa/sms\n" + postHead
                         + "Cookie: language=zh; X-NIMBRA-SESS-ID=sess-1; X-NIMBRA-TFA-ID=tfa-4\n"
@@ -414,7 +437,8 @@ private slots:
         ServerApi::GetQuickLoginVerifyPic(pic.data());
         QVERIFY(waitUntil([&] { return pic.joinedPieces() == picture; }, 5000));
         QVERIFY(pic.completions.isEmpty());
-        const QByteArray session = static_cast<NBPubServerApi*>(ServerApi::serverApi())->quickLoginSessionId().toLatin1();
+        const QByteArray session
+            = static_cast<NBPubServerApi*>(ServerApi::serverApi())->quickLoginSessionId().toLatin1();
         QCOMPARE(server.lastRequest().header("Cookie"), "language=en; X-NIMBRA-SESS-ID=" + session);
 
         Calls sms;
@@ -422,14 +446,18 @@ private slots:
         QVERIFY(sms.waitForCompletions(1));
         const RecordedRequest smsRequest = server.lastRequest();
         QCOMPARE(smsRequest.header("Cookie"), "language=en; X-NIMBRA-SESS-ID=" + session);
-        QCOMPARE(smsRequest.body, QByteArray("mobile=13800000000&type=login&op_type=quick_login&captcha=x7Kp"));
+        QCOMPARE(
+            smsRequest.body, QByteArray("mobile=13800000000&type=login&op_type=quick_login&captcha=x7Kp"));
 
         NBServerApiLoginModel login = accountLogin();
         login.loginType = "sms";
         Calls signIn;
         ServerApi::Login(login, signIn.completion());
         QVERIFY(signIn.waitForCompletions(1));
-        QCOMPARE(QJsonDocument::fromJson(signIn.last().body.toUtf8()).object().value("X-NIMBRA-SESS-ID").toString(),
+        QCOMPARE(QJsonDocument::fromJson(signIn.last().body.toUtf8())
+                     .object()
+                     .value("X-NIMBRA-SESS-ID")
+                     .toString(),
             QString("new-session"));
         QCOMPARE(formValue(server.lastRequest(), "loginType"), QString("sms"));
     }
@@ -457,7 +485,8 @@ private slots:
         ServerApi::Login(accountLogin(), login.completion());
         QVERIFY(login.waitForCompletions(1));
         QCOMPARE(login.last().statusCode, 401);
-        const QString tfaId = QJsonDocument::fromJson(login.last().body.toUtf8()).object().value("tfa_id").toString();
+        const QString tfaId
+            = QJsonDocument::fromJson(login.last().body.toUtf8()).object().value("tfa_id").toString();
         QCOMPARE(tfaId, QString("T-77"));
         const QByteArray tfaCookie = "X-NIMBRA-TFA-ID=" + tfaId.toLatin1();
 
@@ -517,7 +546,8 @@ private slots:
         ServerApi::GetLoginEmailVerify("me@x.com", "login", "cap", calls.completion());
         QVERIFY(calls.waitForCompletions(1));
         QCOMPARE(server.lastRequest().body, QByteArray("email=me%40x.com&op_type=login&captcha=cap"));
-        const QString key = QJsonDocument::fromJson(calls.last().body.toUtf8()).object().value("check_key").toString();
+        const QString key
+            = QJsonDocument::fromJson(calls.last().body.toUtf8()).object().value("check_key").toString();
         ServerApi::LoginCheckEmailVerify(key, "314159", "login", "cap", calls.completion());
         QVERIFY(calls.waitForCompletions(2));
         QCOMPARE(calls.last().statusCode, 200);

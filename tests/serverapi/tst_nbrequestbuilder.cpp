@@ -145,15 +145,18 @@ private slots:
             .paramIfSet("neid", "")
             .flag("overwrite", false)
             .param("name", "100%41 #x")
-            .param("&", "v");
+            .param("&", "v")
+            .param("empty", QString());
         QCOMPARE(builder.client()->url(),
-            m_server.url("/v2/up?path=/a%20b/%C3%A9%26c%3Dd+e&overwrite=false&name=100%2541%20%23x&%26=v"));
+            m_server.url(
+                "/v2/up?path=/a%20b/%C3%A9%26c%3Dd+e&overwrite=false&name=100%2541%20%23x&%26=v&empty="));
         Calls calls;
         builder.upload(QByteArray("body"), {}, calls.completion());
         QVERIFY(calls.waitForCompletions(1));
         const RecordedRequest r = m_server.lastRequest();
         QCOMPARE(r.target,
-            QByteArray("/v2/up?path=/a%20b/%C3%A9%26c%3Dd+e&overwrite=false&name=100%2541%20%23x&%26=v"));
+            QByteArray(
+                "/v2/up?path=/a%20b/%C3%A9%26c%3Dd+e&overwrite=false&name=100%2541%20%23x&%26=v&empty="));
         QCOMPARE(r.body, QByteArray("body"));
     }
 

@@ -97,11 +97,13 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
     const auto form = items(request.body);
 
     if (request.method == "GET") {
-        for (const char* marker : { "/files/databox", "/dl_router/databox", "/delivery/dl_router/" }) {
+        // A delivery names the file in its query, the path as the outside user sees it.
+        if (path.contains("/delivery/dl_router/"))
+            return serve(value(query, "path"), request.header("Range"));
+        for (const char* marker : { "/files/databox", "/dl_router/databox" }) {
             if (path.contains(marker))
                 return serve(after(path, marker), request.header("Range"));
         }
-        return ServerReply::withStatus(404, "{\"code\":\"file/folder not found\"}");
     }
 
     if (path.endsWith("/chunked_upload") || path.endsWith("/delivery/chunked_upload/")) {
@@ -117,7 +119,7 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
     const bool commitRoute
         = path.contains("/commit_chunked_upload/commit/databox") || path.contains("/delivery/commit_chunked");
     if (commitRoute) {
-        if (value(form, "bytes").isEmpty()) {
+        if (value(form, "is_file_commit").isEmpty()) {
             QJsonArray needed;
             QMutexLocker lock(&m_mutex);
             for (const QString& hash : values(form, "hashes[]")) {
@@ -140,7 +142,20 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
             return ServerReply::ok(json({ { "path", filePath }, { "bytes", request.body.size() } }));
         }
     }
+    TestServer::Handler fallback;
+    {
+        QMutexLocker lock(&m_mutex);
+        fallback = m_fallback;
+    }
+    if (fallback)
+        return fallback(request);
     return ServerReply::withStatus(404, "{\"code\":\"no such route\"}");
+}
+
+void ChunkServer::setFallback(TestServer::Handler handler)
+{
+    QMutexLocker lock(&m_mutex);
+    m_fallback = std::move(handler);
 }
 
 ServerReply ChunkServer::commit(const QString& path, const QList<QPair<QString, QString>>& form)

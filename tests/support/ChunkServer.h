@@ -4,12 +4,14 @@
 // by range. Routes are matched by what the address ends with or contains, so the
 // account forms and the delivery forms share one store:
 //   POST .../commit_chunked_upload/commit/databox, .../delivery/commit_chunked/<code>[/...]
-//        hash query (only "hashes[]") -> {"needed":[...]}
-//        commit ("bytes" and "hashes[]")  -> {"path","bytes","sha256"} or 400 "invalid.hash"
+//        hash query (no "is_file_commit")  -> {"needed":[...]}
+//        commit ("is_file_commit", "hashes[]") -> {"path","bytes","sha256"} or 400 "invalid.hash"
 //   POST .../chunked_upload, .../delivery/chunked_upload/   chunk body, "hash" in the query
 //   POST .../files/databox/<path>, .../delivery/data/<code>  whole body stored under the path
 //   GET  .../files/databox/<path>, .../dl_router/databox/<path>, .../delivery/dl_router/...
-//        the stored file, or the part the "Range" header names (206)
+//        (a delivery by its query's "path") the stored file, or the part the "Range"
+//        header names (206)
+// Anything else goes to the fallback handler, when one is set.
 #pragma once
 
 #include "TestServer.h"
@@ -30,6 +32,7 @@ public:
     void putFile(const QString& path, const QByteArray& content);
     QByteArray file(const QString& path) const;
     int chunkUploads() const;
+    void setFallback(TestServer::Handler handler);
     int storedChunks() const;
 
     static QByteArray hashOf(const QByteArray& chunk);
@@ -45,5 +48,6 @@ private:
     QHash<QString, QByteArray> m_chunks;
     QHash<QString, QByteArray> m_files;
     int m_chunkUploads = 0;
+    TestServer::Handler m_fallback;
     TestServer m_server;
 };

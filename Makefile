@@ -2,10 +2,12 @@
 BUILD_DIR ?= build
 ASAN_DIR  ?= build-asan
 BENCH_DIR ?= build-bench
+FUZZ_DIR  ?= build-fuzz
+FUZZ_SECONDS ?= 60
 JOBS      ?= $(shell nproc)
 CTEST_J   ?= 2
 
-.PHONY: all deps build test test-asan bench install format clean
+.PHONY: all deps build test test-asan bench fuzz install format clean
 
 all: build
 
@@ -33,6 +35,13 @@ bench:
 	cmake --build $(BENCH_DIR) -j$(JOBS)
 	bench/run.sh $(BENCH_DIR)
 
+# The libFuzzer targets (clang, ASan, UBSan), each run FUZZ_SECONDS on its seed corpus.
+fuzz:
+	@tools/install-deps.sh --fuzz
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=Debug -DNB_BUILD_TESTS=OFF -DNB_BUILD_FUZZ=ON
+	cmake --build $(FUZZ_DIR) -j$(JOBS) --target fuzz_parser fuzz_address
+	fuzz/run.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
 install: build
 	cmake --install $(BUILD_DIR)
 
@@ -40,4 +49,4 @@ format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(FUZZ_DIR)

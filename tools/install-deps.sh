@@ -4,9 +4,10 @@
 set -euo pipefail
 
 packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin)
-if [ "${1:-}" = "--bench" ]; then
-    packages+=(nginx-light curl)
-fi
+case "${1:-}" in
+--bench) packages+=(nginx-light curl) ;;
+--fuzz) packages+=(clang libclang-rt-14-dev) ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

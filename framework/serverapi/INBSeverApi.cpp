@@ -1,5 +1,6 @@
 #include "INBSeverApi.h"
 
+#include "CNBFillUrlProtocol.h"
 #include "CNBLoggerWrapper.h"
 #include "INBSeverApiForward.h"
 #include "NBHttpClientManager.h"
@@ -214,6 +215,18 @@ QString ServerApi::proxyPassword()
 bool ServerApi::proxySwitch()
 {
     return NBHttpClientManager::manager()->proxyIsOpen();
+}
+
+bool ServerApi::FillUrlProtocol(const QString& in, QString& out)
+{
+    CNBFillUrlProtocol fill;
+    return fill.fillUrlProtocol(in, out);
+}
+
+bool ServerApi::FillUrlProtocolByStep(const QString& in, QString& out)
+{
+    CNBFillUrlProtocol fill;
+    return fill.fillUrlProtocolByStep(in, out);
 }
 
 void ServerApi::Cancel(long long id)

@@ -69,6 +69,15 @@ public:
     static QString proxyPassword();
     static bool proxySwitch();
 
+    // Completes an address typed without a scheme ("host:port" or "/host") with the one of
+    // "http://" and "https://" that answers a plain GET with 200: FillUrlProtocol probes
+    // both at once, FillUrlProtocolByStep https first (following redirects). An address
+    // that has a scheme is copied as it is. Both block the calling thread, which needs an
+    // event dispatcher, in a nested event loop; on failure `out` is left as it was. They
+    // need no endpoint.
+    static bool FillUrlProtocol(const QString& in, QString& out);
+    static bool FillUrlProtocolByStep(const QString& in, QString& out);
+
     // Closes a running request on its thread; its completion (error 5) runs inside this call.
     static void Cancel(long long id);
 

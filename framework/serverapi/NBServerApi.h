@@ -30,6 +30,9 @@ public:
     // Requests in flight are not cancelled: their handlers do not use this object.
     virtual ~NBServerApi();
 
+    // "<scheme://host:port of base>/<version><path>", fully encoded; a scheme that does not
+    // begin with "http" becomes "http". Texts of which no valid address can be made give
+    // an empty address, whose request completes with network error 301.
     virtual QString combineReqUrl(const QString& base, const QString& version, const QString& path);
     virtual QString combinPath(const QString& a, const QString& b);
     virtual QString cookie();

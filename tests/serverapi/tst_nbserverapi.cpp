@@ -113,6 +113,14 @@ private slots:
                                     << "v2"
                                     << "/a"
                                     << "http://host/v2/a?x=1";
+        QTest::newRow("scheme that begins with http kept") << "http+x://host"
+                                                           << "v2"
+                                                           << "/a"
+                                                           << "http+x://host/v2/a";
+        QTest::newRow("no valid address: empty") << "http:"
+                                                 << "//[bad:1]"
+                                                 << "/a"
+                                                 << "";
         QTest::newRow("no scheme, address in the query") << "host:8080/r?u=http://x"
                                                          << "v2"
                                                          << "/a"

@@ -14,6 +14,7 @@
 #include <QTest>
 #include <QThread>
 #include <QTimer>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace {
@@ -206,6 +207,7 @@ public:
         , m_readBodies(readBodies)
     {
         socket->setParent(this);
+        m_encrypted = qobject_cast<QSslSocket*>(socket) != nullptr;
         connect(socket, &QTcpSocket::readyRead, this, [this] { onReadyRead(); });
         connect(socket, &QTcpSocket::bytesWritten, this, [this] { feed(); });
         connect(socket, &QTcpSocket::disconnected, this, [this] { deleteLater(); });
@@ -217,6 +219,14 @@ private:
         if (m_stopped)
             return;
         m_buffer += m_socket->readAll();
+        // A TLS handshake opening a plain connection: hang up, as web servers do, so that
+        // a client probing for https learns at once.
+        if (m_opening && !m_encrypted && m_buffer.startsWith('\x16')) {
+            m_stopped = true;
+            m_socket->abort();
+            return;
+        }
+        m_opening = false;
         parse();
     }
 
@@ -250,6 +260,7 @@ private:
     {
         m_request = RecordedRequest();
         m_request.connection = m_index;
+        m_request.encrypted = m_encrypted;
         const QList<QByteArray> lines = head.split('\n');
         const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
         m_request.method = requestLine.value(0);
@@ -390,6 +401,8 @@ private:
     bool m_chunked = false;
     qint64 m_remaining = 0;
     bool m_answering = false;
+    bool m_encrypted = false;
+    bool m_opening = true;
     bool m_stopped = false;
     ServerReply m_reply;
     qint64 m_sent = 0;
@@ -399,18 +412,29 @@ private:
 class TestServerWorker : public QTcpServer
 {
 public:
-    TestServerWorker(TestServer* owner, bool tls, bool readBodies)
+    TestServerWorker(TestServer* owner, bool tls, bool plainToo, bool readBodies)
         : m_owner(owner)
         , m_tls(tls)
+        , m_plainToo(plainToo)
         , m_readBodies(readBodies)
     {
     }
 
 protected:
+    // Whether the client opens with a TLS handshake record, read without consuming it
+    // (a client that says nothing for two seconds is taken to speak in the clear).
+    static bool opensWithTls(qintptr descriptor)
+    {
+        pollfd waiting { int(descriptor), POLLIN, 0 };
+        unsigned char first = 0;
+        return ::poll(&waiting, 1, 2000) == 1 && ::recv(int(descriptor), &first, 1, MSG_PEEK) == 1
+            && first == 0x16;
+    }
+
     void incomingConnection(qintptr descriptor) override
     {
         QTcpSocket* socket;
-        if (m_tls) {
+        if (m_tls && (!m_plainToo || opensWithTls(descriptor))) {
             auto* ssl = new QSslSocket;
             ssl->setSocketDescriptor(descriptor);
             ssl->setPrivateKey(TestCertificate::get().key);
@@ -433,6 +457,7 @@ protected:
 private:
     TestServer* m_owner;
     bool m_tls;
+    bool m_plainToo;
     bool m_readBodies;
 };
 
@@ -443,7 +468,7 @@ TestServer::TestServer(Handler handler, Options options)
 {
     if (options.tls)
         TestCertificate::get();
-    m_worker = new TestServerWorker(this, options.tls, options.readBodies);
+    m_worker = new TestServerWorker(this, options.tls, options.plainToo, options.readBodies);
     m_worker->moveToThread(m_thread);
     m_thread->start();
     QMetaObject::invokeMethod(

@@ -24,6 +24,7 @@ struct RecordedRequest
     RawHeaders headers; // in the order received, names as sent
     QByteArray body;
     int connection = 0; // index of the TCP connection it came on
+    bool encrypted = false; // it came over TLS
 
     // First value of a header, name compared without regard to case; empty if absent.
     QByteArray header(const QByteArray& name) const;
@@ -71,6 +72,9 @@ struct ServerReply
 struct TestServerOptions
 {
     bool tls = false;
+    // With tls: a connection that does not open with a TLS handshake is served in the
+    // clear, so that one port answers both schemes.
+    bool plainToo = false;
     // False: record the request head and never read its body nor answer.
     bool readBodies = true;
 };

@@ -35,7 +35,8 @@ ResponseData readReply(const uint8_t* data, size_t size)
         size -= 2;
     }
     reply.headers.insert("Set-Cookie", QByteArray(reinterpret_cast<const char*>(data), int(cookieLength)));
-    reply.body = QString::fromUtf8(reinterpret_cast<const char*>(data + cookieLength), int(size - cookieLength));
+    reply.body
+        = QString::fromUtf8(reinterpret_cast<const char*>(data + cookieLength), int(size - cookieLength));
     return reply;
 }
 
@@ -57,7 +58,8 @@ void readAndCheck(NBBaseParse& reading, const ResponseData& reply)
     if (success)
         check(reading.errorCode() == reply.networkError);
     else
-        check(reading.errorCode() == reply.networkError || (reading.errorCode() >= 20001 && reading.errorCode() <= 20031));
+        check(reading.errorCode() == reply.networkError
+            || (reading.errorCode() >= 20001 && reading.errorCode() <= 20031));
     const QString value = reading.s();
     check(value.isEmpty() || !value.contains(QLatin1Char(';')));
     check(!reading.errorMsg().message.isEmpty() || reply.errorString.isEmpty());

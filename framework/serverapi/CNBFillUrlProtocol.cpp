@@ -22,7 +22,7 @@ CNBFillUrlProtocol::CNBFillUrlProtocol(QObject* parent)
 {
 }
 
-bool CNBFillUrlProtocol::fillUrlProtocol(const QString& in, QString& out)
+bool CNBFillUrlProtocol::start(const QString& in, QString& out)
 {
     if (hasScheme(in)) {
         out = in;
@@ -30,6 +30,13 @@ bool CNBFillUrlProtocol::fillUrlProtocol(const QString& in, QString& out)
     }
     m_failures = 0;
     m_found = false;
+    return false;
+}
+
+bool CNBFillUrlProtocol::fillUrlProtocol(const QString& in, QString& out)
+{
+    if (start(in, out))
+        return true;
     m_answered = false;
     const QString host = hostPart(in);
     CNBCheckUrl http;
@@ -47,12 +54,8 @@ bool CNBFillUrlProtocol::fillUrlProtocol(const QString& in, QString& out)
 
 bool CNBFillUrlProtocol::fillUrlProtocolByStep(const QString& in, QString& out)
 {
-    if (hasScheme(in)) {
-        out = in;
+    if (start(in, out))
         return true;
-    }
-    m_failures = 0;
-    m_found = false;
     const QString host = hostPart(in);
     for (const char* scheme : { "https://%1", "http://%1" }) {
         m_answered = false;

@@ -26,6 +26,9 @@ public slots:
     void handleOnCheckFinishedByStep(bool ok, const QString& url);
 
 private:
+    // The common start: an address with a scheme is copied (true); otherwise the
+    // counters are reset for the probes (false).
+    bool start(const QString& in, QString& out);
     // Starts the probe and waits for its answer, unless it came within the call.
     void runLoop();
 

@@ -28,9 +28,7 @@ long long NBPriServerApi::authUpload(
         .method(POST)
         .param("target_path", model.path)
         .param(NBKey::PathType, model.pathType)
-        .paramsIfSet({ { NBKey::IgnorePrefixPath, model.ignorePrefixPath }, { NBKey::From, model.from },
-            { NBKey::PrefixNeid, model.prefixNeid }, { NBKey::Nsid, model.nsid },
-            { NBKey::Neid, model.neid } })
+        .with(authUploadParams, model)
         .number(NBKey::Bytes, bytes)
         .withDefaults()
         .extraQuery(extraQuery)

@@ -148,10 +148,8 @@ long long NBPubServerApi::vboxDelta(const NBServerApiDeltaModel& model, NBComple
 {
     return request(combinPath(m_vboxDeltaUrl, model.path))
         .method(POST)
-        .param(NBKey::PathType, model.pathType)
-        .paramsIfSet(
-            { { NBKey::From, model.from }, { NBKey::Neid, model.neid }, { NBKey::Cursor, model.cursor },
-                { NBKey::PrefixNeid, model.prefixNeid }, { NBKey::Path, model.path } })
+        .with(feedParams, model)
+        .paramIfSet(NBKey::Path, model.path)
         .withDefaults()
         .releasedThroughEndpoint()
         .send(std::move(done));

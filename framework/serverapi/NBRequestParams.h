@@ -39,6 +39,21 @@ inline constexpr auto entryParams = [](NBRequestBuilder& request, const auto& en
             { NBKey::PrefixNeid, entry.prefixNeid } });
 };
 
+// A place in a change feed: "path_type", then "from", "neid", "cursor" and
+// "prefix_neid" when set.
+inline constexpr auto feedParams = [](NBRequestBuilder& request, const NBServerApiDeltaModel& feed) {
+    request.param(NBKey::PathType, feed.pathType)
+        .paramsIfSet({ { NBKey::From, feed.from }, { NBKey::Neid, feed.neid }, { NBKey::Cursor, feed.cursor },
+            { NBKey::PrefixNeid, feed.prefixNeid } });
+};
+
+// What an upload authorisation names besides the path, each when set:
+// "ignore_prefix_path", "from", "prefix_neid", "nsid", "neid".
+inline constexpr auto authUploadParams = [](NBRequestBuilder& request, const NBServerApiEntryModel& entry) {
+    request.paramsIfSet({ { NBKey::IgnorePrefixPath, entry.ignorePrefixPath }, { NBKey::From, entry.from },
+        { NBKey::PrefixNeid, entry.prefixNeid }, { NBKey::Nsid, entry.nsid }, { NBKey::Neid, entry.neid } });
+};
+
 // The entry under prefixed keys, each sent even when empty: "<prefix>path",
 // "<prefix>path_type", "<prefix>from", "<prefix>neid", "<prefix>prefix_neid".
 inline auto prefixedEntryParams(const QString& prefix)

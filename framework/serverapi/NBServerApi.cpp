@@ -265,9 +265,7 @@ long long NBServerApi::authUpload(
         .param(NBKey::Path, model.path)
         .param(NBKey::PathType, model.pathType)
         .param("full_path", model.path)
-        .paramsIfSet({ { NBKey::IgnorePrefixPath, model.ignorePrefixPath }, { NBKey::From, model.from },
-            { NBKey::PrefixNeid, model.prefixNeid }, { NBKey::Nsid, model.nsid },
-            { NBKey::Neid, model.neid } })
+        .with(authUploadParams, model)
         .number(NBKey::Bytes, bytes)
         .withDefaults()
         .extraQuery(extraQuery)
@@ -580,9 +578,7 @@ long long NBServerApi::delta(const NBServerApiDeltaModel& model, NBCompletionCal
     return request(combinPath(m_deltaUrl, model.path))
         .method(POST)
         .withDefaults()
-        .param(NBKey::PathType, model.pathType)
-        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid },
-            { NBKey::Cursor, model.cursor }, { NBKey::PrefixNeid, model.prefixNeid } })
+        .with(feedParams, model)
         .send(std::move(done));
 }
 
@@ -594,9 +590,7 @@ long long NBServerApi::GetSyncData(const NBServerApiDeltaModel& model, const QSt
         .method(POST)
         .withDefaults()
         .param(NBKey::Path, model.path)
-        .param(NBKey::PathType, model.pathType)
-        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid },
-            { NBKey::Cursor, model.cursor }, { NBKey::PrefixNeid, model.prefixNeid } })
+        .with(feedParams, model)
         .paramOrZero("syncCid", syncCid)
         .paramIfSet("syncUid", syncUid)
         .paramOrZero("pullJid", pullJid)

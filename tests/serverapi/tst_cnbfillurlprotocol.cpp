@@ -54,8 +54,8 @@ private slots:
         QFETCH(bool, byStep);
         TestServer server;
         const Fill fill = byStep ? &ServerApi::FillUrlProtocolByStep : &ServerApi::FillUrlProtocol;
-        for (const QString& in : { QStringLiteral("HTTPS://%1/x"), QStringLiteral("http://%1"),
-                 QStringLiteral("hTtP://%1") }) {
+        for (const QString& in :
+            { QStringLiteral("HTTPS://%1/x"), QStringLiteral("http://%1"), QStringLiteral("hTtP://%1") }) {
             QString out = "unchanged";
             QVERIFY(fill(in.arg(hostPart(server)), out));
             QCOMPARE(out, in.arg(hostPart(server)));
@@ -71,7 +71,8 @@ private slots:
         QFETCH(bool, byStep);
         TestServer server;
         QString out;
-        QVERIFY((byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
+        QVERIFY(
+            (byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
         QCOMPARE(out, "http://" + hostPart(server));
         QVERIFY(server.requestCount() >= 1);
         QCOMPARE(server.lastRequest().method, QByteArray("GET"));
@@ -84,7 +85,8 @@ private slots:
         QFETCH(bool, byStep);
         TestServer server({}, tls());
         QString out;
-        QVERIFY((byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
+        QVERIFY(
+            (byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
         QCOMPARE(out, "https://" + hostPart(server));
         QVERIFY(server.lastRequest().encrypted);
     }
@@ -148,7 +150,8 @@ private slots:
         QFETCH(bool, byStep);
         TestServer server([](const RecordedRequest&) { return ServerReply::withStatus(204); }, tls(true));
         QString out = "unchanged";
-        QVERIFY(!(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
+        QVERIFY(
+            !(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
         QCOMPARE(out, QString("unchanged"));
     }
 
@@ -160,7 +163,8 @@ private slots:
         QString out = "unchanged";
         QElapsedTimer clock;
         clock.start();
-        QVERIFY(!(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(closedHostPart(), out));
+        QVERIFY(
+            !(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(closedHostPart(), out));
         QCOMPARE(out, QString("unchanged"));
         QVERIFY(clock.elapsed() < 60000);
     }
@@ -175,7 +179,8 @@ private slots:
         ScopedInactivityInterval interval(300);
         TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
         QString out = "unchanged";
-        QVERIFY(!(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
+        QVERIFY(
+            !(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
         QCOMPARE(out, QString("unchanged"));
     }
 

@@ -60,7 +60,8 @@ private slots:
         QTest::newRow("private dc not allowed") << "private dc not allowed" << 20012;
         QTest::newRow("invalid.hash") << "invalid.hash" << 20013;
         QTest::newRow("content_hash_error") << "content_hash_error" << 20013;
-        QTest::newRow("root parent folder conflict with file") << "root parent folder conflict with file" << 20022;
+        QTest::newRow("root parent folder conflict with file")
+            << "root parent folder conflict with file" << 20022;
         QTest::newRow("root parent folder conflict with folder")
             << "root parent folder conflict with folder" << 20023;
         QTest::newRow("parent folder conflict with folder") << "parent folder conflict with folder" << 20021;
@@ -81,8 +82,10 @@ private slots:
             << "the root parent folder conflict with file a" << 20022;
         QTest::newRow("in: root parent folder conflict with folder")
             << "a root parent folder conflict with folder b" << 20023;
-        QTest::newRow("in: parent folder conflict with folder") << "a parent folder conflict with folder" << 20021;
-        QTest::newRow("in: parent folder conflict with file") << "a parent folder conflict with file" << 20020;
+        QTest::newRow("in: parent folder conflict with folder")
+            << "a parent folder conflict with folder" << 20021;
+        QTest::newRow("in: parent folder conflict with file")
+            << "a parent folder conflict with file" << 20020;
         QTest::newRow("in: conflict with folder") << "name conflict with folder x" << 20019;
         QTest::newRow("in: conflict with file") << "name conflict with file x" << 20018;
         QTest::newRow("in: file type limit") << "exe: file type limit" << 20024;
@@ -155,8 +158,8 @@ private slots:
     void fieldsOfAnotherTypeAreSkipped()
     {
         CNBParseProcessor reading;
-        reading.ParseResp(reply(
-            400, "{\"message\":7,\"msgcode\":\"M-1\",\"state\":\"9\",\"type\":[\"t\"],\"code\":\"forbidden\"}"));
+        reading.ParseResp(reply(400,
+            "{\"message\":7,\"msgcode\":\"M-1\",\"state\":\"9\",\"type\":[\"t\"],\"code\":\"forbidden\"}"));
         const TransferErrorMessage e = reading.errorMsg();
         QCOMPARE(e.message, QString("transport text"));
         QCOMPARE(e.msgcode, QString("M-1"));
@@ -169,7 +172,8 @@ private slots:
     {
         CNBParseProcessor reading;
         reading.ParseResp(reply(404,
-            "{\"message\":\"gone\",\"msgcode\":\"E404\",\"state\":-3,\"code\":\"file/folder not found\",\"type\":\"t\"}"));
+            "{\"message\":\"gone\",\"msgcode\":\"E404\",\"state\":-3,\"code\":\"file/folder not "
+            "found\",\"type\":\"t\"}"));
         const TransferErrorMessage e = reading.errorMsg();
         QCOMPARE(e.message, QString("gone"));
         QCOMPARE(e.msgcode, QString("E404"));

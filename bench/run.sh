@@ -9,6 +9,8 @@
 #              NB_BENCH_GETS    small GETs per run (default 2000)
 #              NB_BENCH_SETTLE  seconds, in all, to wait for an idle machine before
 #                               rounds (default 120; 0 does not wait)
+#              NB_BENCH_CASES   only these cases, by the names run_case prints
+#                               (e.g. "multipart upload,small GETs"; default all)
 #              TMPDIR           where the temporary folder (about 3.5 GiB at peak) goes
 set -euo pipefail
 
@@ -291,6 +293,9 @@ measure() {
 run_case() {
     local name=$1 expected=$2 round side i
     shift 2
+    if [ -n "${NB_BENCH_CASES:-}" ] && [[ ",$NB_BENCH_CASES," != *",$name,"* ]]; then
+        return 0
+    fi
     local sides=("$@") reversed=()
     for ((i = ${#sides[@]} - 1; i >= 0; i--)); do reversed+=("${sides[i]}"); done
     printf 'bench: %-21s' "$name" >&2
@@ -335,6 +340,8 @@ verdict() {
 report() {
     local name=$1 expected=$2 scale=$3 unit=$4 lib=$5 ref=$6 ratio_target=$7 rss_target=$8
     local lib_rate lib_rss ref_rate ref_rss ratio target=- rss_note=
+    # A case left out by NB_BENCH_CASES has no figures.
+    [ -s "$work/results/$lib" ] && [ -s "$work/results/$ref" ] || return 0
     read -r lib_rate lib_rss <<<"$(stats "$lib" "$expected" "$scale")"
     read -r ref_rate ref_rss <<<"$(stats "$ref" "$expected" "$scale")"
     ratio=$(awk -v a="$lib_rate" -v b="$ref_rate" 'BEGIN { printf "%.2f", a / b }')

@@ -3,7 +3,8 @@
 # Does nothing when they are all present; runs apt-get update once otherwise.
 set -euo pipefail
 
-packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin)
+packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin
+    libcpp-httplib-dev libsqlite3-dev libssl-dev zlib1g-dev)
 case "${1:-}" in
 --bench) packages+=(nginx-light curl) ;;
 --fuzz) packages+=(clang libclang-rt-14-dev) ;;

@@ -1,0 +1,112 @@
+#include "ChunkStore.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QUuid>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+bool syncDirectory(const QString& dir)
+{
+    const int fd = ::open(QFile::encodeName(dir).constData(), O_RDONLY | O_DIRECTORY);
+    if (fd < 0)
+        return false;
+    const bool ok = ::fsync(fd) == 0;
+    ::close(fd);
+    return ok;
+}
+
+} // namespace
+
+bool ChunkStore::open(const QString& dir, QString* error)
+{
+    m_root = QDir(dir).absoluteFilePath(QStringLiteral("chunks"));
+    if (!QDir().mkpath(m_root)) {
+        *error = QStringLiteral("cannot create %1").arg(m_root);
+        return false;
+    }
+    return true;
+}
+
+bool ChunkStore::isHash(const QByteArray& text)
+{
+    if (text.size() != 64)
+        return false;
+    for (char c : text) {
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f')))
+            return false;
+    }
+    return true;
+}
+
+QString ChunkStore::pathOf(const QByteArray& hash) const
+{
+    const QString name = QString::fromLatin1(hash);
+    return QStringLiteral("%1/%2/%3/%4").arg(m_root, name.left(2), name.mid(2, 2), name);
+}
+
+bool ChunkStore::has(const QByteArray& hash) const
+{
+    return isHash(hash) && QFileInfo::exists(pathOf(hash));
+}
+
+bool ChunkStore::put(const QByteArray& hash, const QByteArray& bytes, QString* error)
+{
+    if (!isHash(hash)) {
+        *error = QStringLiteral("not a chunk hash");
+        return false;
+    }
+    const QString path = pathOf(hash);
+    if (QFileInfo::exists(path))
+        return true;
+    const QString dir = QFileInfo(path).absolutePath();
+    QDir().mkpath(dir);
+    const QString temporary = dir + QStringLiteral("/.tmp-") + QUuid::createUuid().toString(QUuid::Id128);
+    QFile file(temporary);
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size() || !file.flush()
+        || ::fsync(file.handle()) != 0) {
+        *error = QStringLiteral("cannot write a chunk: %1").arg(file.errorString());
+        file.remove();
+        return false;
+    }
+    file.close();
+    if (::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(path).constData()) != 0) {
+        *error = QStringLiteral("cannot store a chunk");
+        QFile::remove(temporary);
+        return false;
+    }
+    syncDirectory(dir);
+    return true;
+}
+
+QByteArray ChunkStore::read(const QByteArray& hash, qint64 offset, qint64 length) const
+{
+    QFile file(pathOf(hash));
+    if (!file.open(QIODevice::ReadOnly) || !file.seek(offset))
+        return QByteArray();
+    return file.read(length);
+}
+
+bool ChunkStore::remove(const QByteArray& hash)
+{
+    return isHash(hash) && QFile::remove(pathOf(hash));
+}
+
+QList<QByteArray> ChunkStore::chunksOnDisk()
+{
+    QList<QByteArray> hashes;
+    QDirIterator it(m_root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const QString name = it.fileName();
+        if (name.startsWith(QLatin1String(".tmp-")))
+            QFile::remove(path);
+        else if (isHash(name.toLatin1()))
+            hashes.append(name.toLatin1());
+    }
+    return hashes;
+}

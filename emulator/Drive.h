@@ -1,0 +1,118 @@
+// The remote namespace and the files' content: folders and files with stable neids in
+// spaces (one per path type, "self" one per user), each committed upload a revision
+// made of chunks of the store, locks with expiry, and the journal of every change that
+// the change feeds read. Every change is one transaction, journal included.
+#pragma once
+
+#include "ChunkStore.h"
+#include "Database.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QList>
+#include <QString>
+#include <optional>
+
+struct Entry
+{
+    qint64 neid = 0;
+    QString space;
+    QString path;
+    bool dir = false;
+    qint64 bytes = 0;
+    qint64 rev = 0;
+    qint64 modified = 0;
+    QString hash; // SHA-256 over the chunks' digests in order, hex
+
+    QJsonObject json() const;
+};
+
+struct ChunkRef
+{
+    QByteArray hash;
+    qint64 bytes = 0;
+};
+
+// What a change gives: an HTTP status, the error text the library's parser maps, the entry.
+struct Outcome
+{
+    int status = 200;
+    QString code;
+    QString message;
+    Entry entry;
+
+    bool ok() const { return status < 300; }
+    static Outcome failure(int status, const QString& code, const QString& message = QString())
+    {
+        return Outcome { status, code, message, Entry() };
+    }
+};
+
+struct Change
+{
+    qint64 seq = 0;
+    QString op; // "create", "modify", "delete", "move"
+    QString fromPath; // of a move
+    Entry entry;
+};
+
+class Drive
+{
+public:
+    Drive(Database& db, ChunkStore& store);
+
+    // The space of a path type: "self" is each user's own; an empty type is "ent".
+    static QString spaceOf(const QString& pathType, qint64 userId);
+    static QString pathTypeOf(const QString& space);
+    // "/a/b": empty segments dropped; false for ".", "..", a NUL or more than 4096 characters.
+    static bool normalise(const QString& in, QString* out);
+    // SHA-256 over the raw digests of the chunks, in order: the content's name.
+    static QString contentHash(const QList<ChunkRef>& chunks);
+
+    std::optional<Entry> find(const QString& space, const QString& path);
+    std::optional<Entry> findNeid(qint64 neid);
+
+    // Creates the missing parents too; an existing folder is an error when asked.
+    Outcome createFolder(const QString& space, const QString& path, qint64 userId, bool existingIsError = true);
+    Outcome createFile(const QString& space, const QString& path, qint64 userId);
+    // A new revision of the file made of `chunks`, all known to the store.
+    Outcome commit(const QString& space, const QString& path, const QList<ChunkRef>& chunks, qint64 userId,
+        bool overwrite);
+    Outcome move(const QString& space, const QString& from, const QString& toSpace, const QString& to, qint64 userId);
+    Outcome copy(const QString& space, const QString& from, const QString& toSpace, const QString& to, qint64 userId);
+    Outcome remove(const QString& space, const QString& path, qint64 userId);
+
+    // A folder's entries, ordered by "name", "mtime" or "size", "asc" or "desc"; a limit
+    // of 0 or less gives all from the offset.
+    QList<Entry> list(const QString& space, const QString& folder, const QString& orderby, const QString& sort, int limit,
+        int offset, int* total);
+    // Every entry below the folder, the folder excluded.
+    QList<Entry> below(const QString& space, const QString& folder);
+    QJsonArray revisions(qint64 neid, int limit);
+    QList<ChunkRef> chunksOf(qint64 neid, qint64 rev = 0);
+
+    Outcome lock(const QString& space, const QString& path, qint64 userId, int seconds);
+    Outcome unlock(const QString& space, const QString& path, qint64 userId);
+    // Whether another user holds a lock on the entry.
+    bool lockedAgainst(qint64 neid, qint64 userId);
+
+    // Changes of the space below `folder` after `afterSeq`, at most `limit`.
+    QList<Change> changes(const QString& space, const QString& folder, qint64 afterSeq, int limit);
+    qint64 lastSeq();
+
+    void registerChunk(const QByteArray& hash, qint64 bytes);
+    std::optional<qint64> chunkBytes(const QByteArray& hash);
+    QStringList missingChunks(const QStringList& hashes);
+
+    // Empties the namespace, the journal, locks and revisions (users stay).
+    void clear();
+
+private:
+    std::optional<Entry> findLocked(const QString& space, const QString& path);
+    qint64 insert(const Entry& entry);
+    void journal(const QString& op, const Entry& entry, const QString& fromPath = QString());
+    bool ensureParents(const QString& space, const QString& path, qint64 userId, Outcome* failure);
+
+    Database& m_db;
+    ChunkStore& m_store;
+};

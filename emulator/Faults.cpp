@@ -1,0 +1,95 @@
+#include "Faults.h"
+
+std::optional<FaultRule> FaultRule::parse(const QString& text, QString* error)
+{
+    FaultRule rule;
+    rule.text = text;
+    QString spec = text;
+    const int at = spec.lastIndexOf(QLatin1Char('@'));
+    if (at > 0) {
+        bool ok = false;
+        rule.probability = spec.mid(at + 1).toDouble(&ok);
+        if (!ok || rule.probability < 0 || rule.probability > 1) {
+            *error = QStringLiteral("bad probability in %1").arg(text);
+            return std::nullopt;
+        }
+        spec = spec.left(at);
+    }
+    const int colon = spec.lastIndexOf(QLatin1Char(':'));
+    if (colon <= 0) {
+        *error = QStringLiteral("a fault reads PATTERN:KIND[=VALUE][@PROBABILITY], not %1").arg(text);
+        return std::nullopt;
+    }
+    rule.pattern = QRegularExpression(spec.left(colon));
+    if (!rule.pattern.isValid()) {
+        *error = QStringLiteral("bad pattern in %1: %2").arg(text, rule.pattern.errorString());
+        return std::nullopt;
+    }
+    const QString kind = spec.mid(colon + 1).section(QLatin1Char('='), 0, 0);
+    const QString value = spec.mid(colon + 1).section(QLatin1Char('='), 1);
+    static const QList<QPair<QString, Kind>> kinds { { "latency", Latency }, { "status", Status },
+        { "retry-after", RetryAfter }, { "reset", Reset }, { "truncate", Truncate }, { "stall", Stall } };
+    bool known = false;
+    for (const auto& k : kinds) {
+        if (k.first == kind) {
+            rule.kind = k.second;
+            known = true;
+        }
+    }
+    if (!known) {
+        *error = QStringLiteral("unknown fault kind %1 (latency, status, retry-after, reset, truncate, stall)").arg(kind);
+        return std::nullopt;
+    }
+    bool ok = true;
+    rule.value = value.isEmpty() ? (rule.kind == Stall ? 600 : rule.kind == Status ? 500 : 0) : value.toInt(&ok);
+    if (!ok || rule.value < 0) {
+        *error = QStringLiteral("bad value in %1").arg(text);
+        return std::nullopt;
+    }
+    return rule;
+}
+
+Faults::Faults(quint64 seed)
+    : m_random(seed)
+{
+}
+
+void Faults::reseed(quint64 seed)
+{
+    QMutexLocker lock(&m_mutex);
+    m_random.seed(seed);
+}
+
+void Faults::add(const FaultRule& rule)
+{
+    QMutexLocker lock(&m_mutex);
+    m_rules.append(rule);
+}
+
+void Faults::clear()
+{
+    QMutexLocker lock(&m_mutex);
+    m_rules.clear();
+}
+
+QJsonArray Faults::rules() const
+{
+    QMutexLocker lock(&m_mutex);
+    QJsonArray list;
+    for (const FaultRule& rule : m_rules)
+        list.append(rule.text);
+    return list;
+}
+
+std::optional<FaultRule> Faults::pick(const QString& path)
+{
+    QMutexLocker lock(&m_mutex);
+    for (const FaultRule& rule : qAsConst(m_rules)) {
+        if (!rule.pattern.match(path).hasMatch())
+            continue;
+        const double draw = std::uniform_real_distribution<double>(0.0, 1.0)(m_random);
+        if (draw < rule.probability)
+            return rule;
+    }
+    return std::nullopt;
+}

@@ -1,0 +1,229 @@
+#include "TransferRoutes.h"
+
+#include "DriveRoutes.h"
+#include "Sha256.h"
+
+#include <QRegularExpression>
+#include <httplib.h>
+#include <algorithm>
+#include <memory>
+
+TransferRoutes::TransferRoutes(EmuContext& context)
+    : m_context(context)
+{
+}
+
+QJsonObject TransferRoutes::uploadAuthorisation(const QString& path) const
+{
+    return QJsonObject { { "upload_server", m_context.selfUrl }, { "upload_id", Accounts::randomHex(12) },
+        { "path", path }, { "chunk_size", ChunkStore::ChunkSize }, { "hash", "sha256" } };
+}
+
+bool TransferRoutes::receive(HttpCall& call, const httplib::ContentReader& reader, QList<ChunkRef>* chunks)
+{
+    QByteArray buffer;
+    buffer.reserve(int(ChunkStore::ChunkSize));
+    QString error;
+    const auto flush = [&](qint64 size) {
+        const QByteArray chunk = buffer.left(int(size));
+        const QByteArray hash = Sha256::hex(chunk);
+        if (!m_context.store.put(hash, chunk, &error))
+            return false;
+        m_context.drive.registerChunk(hash, chunk.size());
+        chunks->append(ChunkRef { hash, chunk.size() });
+        buffer.remove(0, int(size));
+        return true;
+    };
+    const bool read = reader([&](const char* data, size_t length) {
+        buffer.append(data, int(length));
+        while (buffer.size() >= ChunkStore::ChunkSize) {
+            if (!flush(ChunkStore::ChunkSize))
+                return false;
+        }
+        return true;
+    });
+    if (read && !buffer.isEmpty())
+        flush(buffer.size());
+    if (!error.isEmpty()) {
+        call.error(507, QStringLiteral("space limit"), error);
+        return false;
+    }
+    if (!read) {
+        call.error(400, QStringLiteral("incomplete body"));
+        return false;
+    }
+    return true;
+}
+
+void TransferRoutes::serve(HttpCall& call, const Entry& entry, qint64 rev)
+{
+    if (entry.dir)
+        return call.error(409, QStringLiteral("conflict with folder"), QStringLiteral("a folder has no content"));
+    const QList<ChunkRef> chunks = m_context.drive.chunksOf(entry.neid, rev);
+    qint64 size = 0;
+    for (const ChunkRef& chunk : chunks)
+        size += chunk.bytes;
+    qint64 first = 0;
+    qint64 last = size - 1;
+    int status = 200;
+    QString range = call.header("Range");
+    if (range.isEmpty())
+        range = call.header("x-nimbraws-range");
+    static const QRegularExpression bytesRange(QStringLiteral("^bytes=(\\d*)-(\\d*)$"));
+    const QRegularExpressionMatch match = bytesRange.match(range.trimmed());
+    if (match.hasMatch() && !(match.captured(1).isEmpty() && match.captured(2).isEmpty())) {
+        if (match.captured(1).isEmpty()) {
+            first = qMax<qint64>(0, size - match.captured(2).toLongLong());
+        } else {
+            first = match.captured(1).toLongLong();
+            if (!match.captured(2).isEmpty())
+                last = qMin(last, match.captured(2).toLongLong());
+        }
+        if (first >= size || first > last) {
+            call.response().set_header("Content-Range", QStringLiteral("bytes */%1").arg(size).toStdString());
+            return call.error(416, QStringLiteral("invalid range"), QStringLiteral("%1 of %2 bytes").arg(range).arg(size));
+        }
+        status = 206;
+        call.response().set_header(
+            "Content-Range", QStringLiteral("bytes %1-%2/%3").arg(first).arg(last).arg(size).toStdString());
+    }
+    call.response().status = status;
+    call.response().set_header("X-Content-Hash", entry.hash.toStdString());
+    const qint64 length = size == 0 ? 0 : last - first + 1;
+    if (length == 0) {
+        call.response().set_content(std::string(), "application/octet-stream");
+        return;
+    }
+    // Chunk offsets, so that a position of the body finds its chunk.
+    auto offsets = std::make_shared<QList<qint64>>();
+    qint64 at = 0;
+    for (const ChunkRef& chunk : chunks) {
+        offsets->append(at);
+        at += chunk.bytes;
+    }
+    ChunkStore* store = &m_context.store;
+    call.response().set_content_provider(size_t(length), "application/octet-stream",
+        [store, chunks, offsets, first](size_t offset, size_t wanted, httplib::DataSink& sink) {
+            const qint64 position = first + qint64(offset);
+            int index = int(std::upper_bound(offsets->begin(), offsets->end(), position) - offsets->begin()) - 1;
+            const ChunkRef& chunk = chunks.at(index);
+            const qint64 within = position - offsets->at(index);
+            const qint64 take = std::min<qint64>({ qint64(wanted), chunk.bytes - within, qint64(1) << 20 });
+            const QByteArray piece = store->read(chunk.hash, within, take);
+            if (piece.isEmpty())
+                return false;
+            return sink.write(piece.constData(), size_t(piece.size()));
+        });
+}
+
+void TransferRoutes::storeChunk(HttpCall& call)
+{
+    // The body is the chunk, whatever its declared type: the parameters are in the query.
+    const QByteArray hash = call.query("hash").toLatin1();
+    const QByteArray actual = Sha256::hex(call.body());
+    if (!hash.isEmpty() && hash != actual)
+        return call.error(400, QStringLiteral("content_hash_error"),
+            QStringLiteral("the chunk hashes to %1").arg(QString::fromLatin1(actual)));
+    QString error;
+    if (!m_context.store.put(actual, call.body(), &error))
+        return call.error(507, QStringLiteral("space limit"), error);
+    m_context.drive.registerChunk(actual, call.body().size());
+    call.json(QJsonObject { { "hash", QString::fromLatin1(actual) }, { "bytes", call.body().size() },
+        { "upload_id", call.query("upload_id") } });
+}
+
+void TransferRoutes::queryHashes(HttpCall& call)
+{
+    call.json(QJsonObject { { "needed", QJsonArray::fromStringList(m_context.drive.missingChunks(call.values("hashes[]"))) } });
+}
+
+void TransferRoutes::commit(HttpCall& call, const QString& space, const QString& path, const QStringList& hashes,
+    qint64 bytes, bool overwrite)
+{
+    QList<ChunkRef> chunks;
+    qint64 total = 0;
+    for (const QString& hash : hashes) {
+        const std::optional<qint64> size = m_context.drive.chunkBytes(hash.toLatin1());
+        if (!size)
+            return call.error(400, QStringLiteral("invalid.hash"), QStringLiteral("unknown chunk %1").arg(hash));
+        chunks.append(ChunkRef { hash.toLatin1(), *size });
+        total += *size;
+    }
+    if (total != bytes)
+        return call.error(400, QStringLiteral("content_hash_error"),
+            QStringLiteral("the chunks hold %1 bytes, the commit names %2").arg(total).arg(bytes));
+    const Outcome outcome = m_context.drive.commit(space, path, chunks, call.userId, overwrite);
+    if (!outcome.ok())
+        return call.error(outcome.status, outcome.code, outcome.message);
+    call.json(outcome.entry.json());
+}
+
+void TransferRoutes::install(Router& router)
+{
+    const auto space = [](const HttpCall& call) { return Drive::spaceOf(call.value("path_type"), call.userId); };
+
+    // --- Upload authorisation: the address of the transfer server (this one). -----------------
+    router.add("GET", "/v2/fileops/auth_upload/databox(/.*)?", PublicType, Access::Session, [this, space](HttpCall& call) {
+        QString path;
+        if (!DriveRoutes::normalised(call, call.captures.value(0), &path))
+            return;
+        const std::optional<Entry> existing = m_context.drive.find(space(call), path);
+        if (existing && m_context.drive.lockedAgainst(existing->neid, call.userId))
+            return call.error(423, QStringLiteral("file is locked"));
+        call.json(uploadAuthorisation(path));
+    });
+    router.add("POST", "/v2/fileops/auth_upload/databox", PrivateType | PrivateSixType, Access::Session,
+        [this, space](HttpCall& call) {
+            QString path;
+            if (!DriveRoutes::normalised(call, call.value("target_path"), &path))
+                return;
+            const std::optional<Entry> existing = m_context.drive.find(space(call), path);
+            if (existing && m_context.drive.lockedAgainst(existing->neid, call.userId))
+                return call.error(423, QStringLiteral("file is locked"));
+            call.json(uploadAuthorisation(path));
+        });
+
+    // --- Whole files. ---------------------------------------------------------------------------
+    router.addStream("POST", "/v2/files/databox(/.*)?", EveryType, Access::Session,
+        [this, space](HttpCall& call, const httplib::ContentReader& reader) {
+            QString path;
+            if (!DriveRoutes::normalised(call, call.captures.value(0), &path))
+                return;
+            QList<ChunkRef> chunks;
+            if (!receive(call, reader, &chunks))
+                return;
+            const Outcome outcome = m_context.drive.commit(
+                space(call), path, chunks, call.userId, call.value("overwrite") == QLatin1String("true"));
+            if (!outcome.ok())
+                return call.error(outcome.status, outcome.code, outcome.message);
+            call.json(outcome.entry.json());
+        });
+    const auto download = [this, space](HttpCall& call, const QString& text) {
+        QString path;
+        if (!DriveRoutes::normalised(call, text, &path))
+            return;
+        const std::optional<Entry> entry = m_context.drive.find(space(call), path);
+        if (!entry)
+            return call.error(404, QStringLiteral("file/folder not found"));
+        serve(call, *entry, call.value("rev").toLongLong());
+    };
+    router.add("GET", "/v2/files/databox(/.*)?", EveryType, Access::Session,
+        [download](HttpCall& call) { download(call, call.captures.value(0)); });
+    router.add("GET", "/v2/dl_router/databox(/.*)?", EveryType, Access::Session,
+        [download](HttpCall& call) { download(call, call.captures.value(0)); });
+    router.add("POST", "/v2/dl_router/databox", PrivateType | PrivateSixType, Access::Session,
+        [download](HttpCall& call) { download(call, call.value("target_path")); });
+
+    // --- Chunks: the hash query, chunk uploads and the commit share one address. ----------------
+    router.add("POST", "/v2/chunked_upload", EveryType, Access::Session, [this](HttpCall& call) { storeChunk(call); });
+    router.add("POST", "/v2/commit_chunked_upload/commit/databox(/.*)?", EveryType, Access::Session,
+        [this, space](HttpCall& call) {
+            if (!call.has("is_file_commit"))
+                return queryHashes(call);
+            QString path;
+            if (!DriveRoutes::normalised(call, call.value("path").isEmpty() ? call.captures.value(0) : call.value("path"), &path))
+                return;
+            commit(call, space(call), path, call.values("hashes[]"), call.value("bytes").toLongLong(),
+                call.value("overwrite") == QLatin1String("true"));
+        });
+}

@@ -1,0 +1,140 @@
+// What a host does against the emulator, written once for the tests and the uploader
+// program: one request waited for, sign-in with the session kept, a chunked upload.
+#pragma once
+
+#include "INBSeverApi.h"
+#include "NBBaseParse.h"
+#include "Wait.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSet>
+
+namespace EmuHost {
+
+// Sends one request and waits for its completion (bounded); an empty record with
+// network error -1 when none came.
+inline ResponseData sync(const std::function<long long(NBCompletionCallback)>& send, int timeoutMs = 60000)
+{
+    ResponseData result;
+    result.networkError = -1;
+    bool done = false;
+    send([&](const ResponseData& r) {
+        if (!done)
+            result = r;
+        done = true;
+    });
+    waitUntil([&] { return done; }, timeoutMs);
+    return result;
+}
+
+inline QJsonObject object(const ResponseData& r)
+{
+    return QJsonDocument::fromJson(r.body.toUtf8()).object();
+}
+
+// The error number the library's parser gives the reply (0 for a success).
+inline int errorCode(const ResponseData& r)
+{
+    CNBParseProcessor reading;
+    reading.ParseResp(r);
+    return reading.hasError() ? reading.errorCode() : 0;
+}
+
+// Signs in as a host does and keeps the session; false when refused.
+inline bool signIn(const QString& user, const QString& password)
+{
+    NBServerApiLoginModel login;
+    login.kind = 2;
+    login.userName = user;
+    login.password = password;
+    login.deviceName = QStringLiteral("test host");
+    login.deviceUuid = QStringLiteral("uuid-test");
+    const ResponseData r = sync([&](NBCompletionCallback done) { return ServerApi::Login(login, std::move(done)); });
+    NBBaseParse reading;
+    reading.ParseResp(r);
+    if (reading.hasError() || reading.sessiondId().isEmpty())
+        return false;
+    ServerApi::setSessionID(reading.sessiondId());
+    return true;
+}
+
+inline QString hashOf(const QByteArray& chunk)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(chunk, QCryptographicHash::Sha256).toHex());
+}
+
+struct ChunkedResult
+{
+    ResponseData commit;
+    int chunksSent = 0;
+};
+
+// Hashes the file's chunks, asks which the server lacks, sends those with `inFlight`
+// requests at a time and commits the list.
+inline ChunkedResult chunkedUpload(const QString& serverUrl, const QString& localPath, const QString& remotePath,
+    int inFlight = 4, qint64 chunkSize = 4 << 20, bool overwrite = true)
+{
+    ChunkedResult result;
+    QFile file(localPath);
+    if (!file.open(QIODevice::ReadOnly))
+        return result;
+    QList<QString> hashes;
+    while (!file.atEnd())
+        hashes << hashOf(file.read(chunkSize));
+    QSet<QString> needed;
+    for (const QString& hash : hashes) {
+        const ResponseData r = sync(
+            [&](NBCompletionCallback done) { return ServerApi::QueryHash({ serverUrl, hash }, std::move(done)); });
+        for (const QJsonValue& v : object(r).value("needed").toArray())
+            needed.insert(v.toString());
+    }
+    int next = 0;
+    int running = 0;
+    bool failed = false;
+    std::function<void()> startNext = [&] {
+        while (running < inFlight && next < hashes.size()) {
+            const int index = next++;
+            if (!needed.contains(hashes[index]))
+                continue;
+            file.seek(index * chunkSize);
+            NBServerApiChunkedUploadModel chunk;
+            chunk.serverUrl = serverUrl;
+            chunk.uploadId = QStringLiteral("test");
+            chunk.hash = hashes[index];
+            chunk.data = file.read(chunkSize);
+            ++running;
+            ++result.chunksSent;
+            ServerApi::ChunkedUpload(chunk, [&](const ResponseData& r) {
+                --running;
+                failed |= r.statusCode != 200;
+            });
+        }
+    };
+    for (;;) {
+        startNext();
+        if (failed || (next >= hashes.size() && running == 0))
+            break;
+        // One of those in flight finishes, and makes room for the next.
+        const int before = running;
+        if (!waitUntil([&] { return running < before; }, 60000))
+            return result;
+    }
+    if (failed)
+        return result;
+    NBServerApiCommitHashModel commit;
+    commit.serverUrl = serverUrl;
+    commit.path = remotePath;
+    commit.pathType = NBPathType::Ent;
+    commit.hashes = hashes;
+    commit.bytes = file.size();
+    commit.isFileCommit = true;
+    commit.overwrite = overwrite;
+    result.commit = sync([&](NBCompletionCallback done) { return ServerApi::CommitHash(commit, std::move(done)); });
+    return result;
+}
+
+} // namespace EmuHost

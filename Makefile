@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 60
 JOBS      ?= $(shell nproc)
 CTEST_J   ?= 2
 
-.PHONY: all deps build test test-asan bench fuzz install format clean
+.PHONY: all deps build test test-asan soak bench fuzz install format clean
 
 all: build
 
@@ -27,6 +27,10 @@ test-asan: deps
 	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DNB_SANITIZE=ON
 	cmake --build $(ASAN_DIR) -j$(JOBS)
 	cd $(ASAN_DIR) && ctest --output-on-failure -j$(CTEST_J) -LE slow
+
+# The emulator killed at 50 random moments of uploads and commits (make test runs 4).
+soak: build
+	cd $(BUILD_DIR) && NBEMU_KILL_ROUNDS=50 ./tests/emulator/tst_nbemu survivesKillsDuringUploads
 
 # Throughput and memory against curl and bare Qt on a local nginx; prints a table.
 bench:

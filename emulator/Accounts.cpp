@@ -26,10 +26,10 @@ QByteArray digestOf(const QString& password, const QByteArray& salt)
 QString toBase32(const QByteArray& bytes)
 {
     QString text;
-    int buffer = 0;
+    quint32 buffer = 0;
     int bits = 0;
     for (unsigned char byte : bytes) {
-        buffer = (buffer << 8) | byte;
+        buffer = ((buffer << 8) | byte) & 0xffff;
         bits += 8;
         while (bits >= 5) {
             text += QLatin1Char(Base32[(buffer >> (bits - 5)) & 31]);
@@ -44,13 +44,13 @@ QString toBase32(const QByteArray& bytes)
 QByteArray fromBase32(const QString& text)
 {
     QByteArray bytes;
-    int buffer = 0;
+    quint32 buffer = 0;
     int bits = 0;
     for (QChar c : text.toUpper()) {
         const char* at = std::strchr(Base32, c.toLatin1());
         if (!at || c.isNull())
             continue;
-        buffer = (buffer << 5) | int(at - Base32);
+        buffer = ((buffer << 5) | quint32(at - Base32)) & 0xffff;
         bits += 5;
         if (bits >= 8) {
             bytes.append(char((buffer >> (bits - 8)) & 0xff));

@@ -8,9 +8,12 @@
 #include "TestMain.h"
 
 #include <QDirIterator>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <memory>
+#include <vector>
 
 using namespace EmuHost;
 
@@ -727,16 +730,14 @@ private slots:
     {
         EmuProcess emu;
         const QString local = writeFile(m_dir.filePath("same.bin"), randomBytes(64 << 20, 6));
-        QList<QProcess*> hosts;
+        std::vector<std::unique_ptr<QProcess>> hosts;
         for (int i = 0; i < 8; ++i) {
-            auto* host = new QProcess;
-            host->start(NBEMU_UPLOADER, { emu.url(), "alice", "secret", local, QStringLiteral("/same-%1.bin").arg(i) });
-            hosts << host;
+            hosts.push_back(std::make_unique<QProcess>());
+            hosts.back()->start(NBEMU_UPLOADER, { emu.url(), "alice", "secret", local, QStringLiteral("/same-%1.bin").arg(i) });
         }
-        for (QProcess* host : hosts) {
+        for (const auto& host : hosts) {
             QVERIFY(host->waitForFinished(180000));
             QCOMPARE(host->exitCode(), 0);
-            delete host;
         }
         QCOMPARE(storedChunks(emu), 16);
     }
@@ -785,6 +786,103 @@ private slots:
         for (const QJsonObject& line : emu.requests())
             logged |= line.value("fault").toString() == QLatin1String("/v2/region/get:status=503");
         QVERIFY(logged);
+    }
+
+    void seedEphemeralAndReset()
+    {
+        QTemporaryDir seed;
+        QDir(seed.path()).mkpath("docs/deep");
+        writeFile(seed.filePath("docs/deep/a.txt"), "seeded");
+        const QByteArray big = randomBytes(5 << 20, 8);
+        writeFile(seed.filePath("big.bin"), big);
+        QProcess emu;
+        QTemporaryDir dir;
+        emu.start(NBEMU_PATH, { "--ephemeral", "--seed", seed.path(), "--user", "alice:secret", "--control",
+                                  "--port-file", dir.filePath("port") });
+        QVERIFY(waitUntil([&] { return QFile::exists(dir.filePath("port")); }, 10000));
+        const QString url = QStringLiteral("http://127.0.0.1:%1").arg(QString::fromLatin1(readFile(dir.filePath("port")).trimmed()));
+        QByteArray banner = emu.readAllStandardOutput();
+        for (int i = 0; i < 50 && !banner.contains('\n'); ++i) {
+            emu.waitForReadyRead(200);
+            banner += emu.readAllStandardOutput();
+        }
+        const QString data = QString::fromUtf8(banner.left(banner.indexOf('\n'))).section("data in ", 1).trimmed();
+        QVERIFY(QFileInfo(data).isDir());
+        ServerApi::init(ServerApi::PublicCloud);
+        ServerApi::setBaseUrlString(url);
+        QVERIFY(signIn("alice", "secret"));
+        NBServerApiDownloadDataModel down = at<NBServerApiDownloadDataModel>("/docs/deep/a.txt");
+        down.serverUrl = url;
+        QCOMPARE(sync([&](auto d) { return ServerApi::DownloadData(down, {}, std::move(d)); }).body, QString("seeded"));
+        down.path = "/big.bin";
+        QByteArray back;
+        CHECK_OK(sync([&](auto d) { return ServerApi::DownloadData(down, [&](const QByteArray& p) { back += p; }, std::move(d)); }));
+        QVERIFY(back == big);
+        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/extra"), std::move(d)); }));
+        // Reset to the seed: the new folder goes, the seed comes back.
+        CHECK_OK(sync([&](auto d) { return ServerApi::POST(url + "/__emu/reset", { { "to", "seed" } }, std::move(d)); }));
+        QVERIFY(signIn("alice", "secret"));
+        QCOMPARE(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/extra"), std::move(d)); }).statusCode, 404);
+        CHECK_OK(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/docs/deep/a.txt"), std::move(d)); }));
+        emu.terminate();
+        QVERIFY(emu.waitForFinished(10000));
+        QCOMPARE(emu.exitCode(), 0);
+        QVERIFY(!QFileInfo::exists(data));
+    }
+
+    void checkFindsADamagedStore()
+    {
+        EmuProcess emu;
+        startHost(emu, 1);
+        NBServerApiUploadDataModel data = at<NBServerApiUploadDataModel>("/c.bin");
+        data.serverUrl = emu.url();
+        data.data = randomBytes(100000, 9);
+        CHECK_OK(sync([&](auto d) { return ServerApi::UploadData(data, std::move(d)); }));
+        emu.kill();
+        QProcess check;
+        check.start(NBEMU_PATH, { "--check", emu.dataDir() });
+        QVERIFY(check.waitForFinished(10000));
+        QCOMPARE(check.exitCode(), 0);
+        QVERIFY(check.readAllStandardOutput().contains("1 chunks, 1 revisions, consistent"));
+        QDirIterator it(emu.dataDir() + "/chunks", QDir::Files, QDirIterator::Subdirectories);
+        QVERIFY(it.hasNext());
+        QFile chunk(it.next());
+        QVERIFY(chunk.open(QIODevice::ReadWrite));
+        chunk.seek(10);
+        chunk.write("x");
+        chunk.close();
+        check.start(NBEMU_PATH, { "--check", emu.dataDir() });
+        QVERIFY(check.waitForFinished(10000));
+        QCOMPARE(check.exitCode(), 1);
+        QVERIFY(check.readAllStandardOutput().contains("damaged chunk"));
+    }
+
+    void httpsWithASelfSignedCertificate()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--tls-self-signed" });
+        QVERIFY(emu.output().contains("https://127.0.0.1:"));
+        QVERIFY(QFile::exists(emu.dataDir() + "/tls/cert.pem"));
+        ServerApi::init(ServerApi::PublicCloud);
+        ServerApi::setBaseUrlString(QStringLiteral("https://127.0.0.1:%1").arg(emu.port()));
+        QVERIFY(signIn("alice", "secret"));
+        CHECK_OK(sync([&](auto d) { return ServerApi::RegionGet(std::move(d)); }));
+    }
+
+    // The same seed and the same requests give the same faults.
+    void faultsAreDeterministicForASeed()
+    {
+        QList<QList<int>> runs;
+        for (int run = 0; run < 2; ++run) {
+            EmuProcess emu({ "--user", "alice:secret", "--fault", "/v2/region/get:status=503@0.5", "--fault-seed", "7" });
+            startHost(emu, 1);
+            QList<int> statuses;
+            for (int i = 0; i < 30; ++i)
+                statuses << sync([&](auto d) { return ServerApi::RegionGet(std::move(d)); }).statusCode;
+            QVERIFY(statuses.contains(503) && statuses.contains(200));
+            runs << statuses;
+            ServerApi::uninit();
+        }
+        QCOMPARE(runs[0], runs[1]);
     }
 
     void restartKeepsEverythingSessionsIncluded()

@@ -13,22 +13,29 @@
 #include <QJsonObject>
 #include <QSet>
 
+#include <memory>
+
 namespace EmuHost {
 
 // Sends one request and waits for its completion (bounded); an empty record with
 // network error -1 when none came.
 inline ResponseData sync(const std::function<long long(NBCompletionCallback)>& send, int timeoutMs = 60000)
 {
-    ResponseData result;
-    result.networkError = -1;
-    bool done = false;
-    send([&](const ResponseData& r) {
-        if (!done)
-            result = r;
-        done = true;
+    // Shared with the completion, which may still come after the wait gave up.
+    struct State
+    {
+        ResponseData result;
+        bool done = false;
+    };
+    const auto state = std::make_shared<State>();
+    state->result.networkError = -1;
+    send([state](const ResponseData& r) {
+        if (!state->done)
+            state->result = r;
+        state->done = true;
     });
-    waitUntil([&] { return done; }, timeoutMs);
-    return result;
+    waitUntil([&] { return state->done; }, timeoutMs);
+    return state->result;
 }
 
 inline QJsonObject object(const ResponseData& r)
@@ -93,10 +100,11 @@ inline ChunkedResult chunkedUpload(const QString& serverUrl, const QString& loca
             needed.insert(v.toString());
     }
     int next = 0;
-    int running = 0;
-    bool failed = false;
+    // Shared with the completions, which may still come after a wait gave up.
+    const auto running = std::make_shared<int>(0);
+    const auto failed = std::make_shared<bool>(false);
     std::function<void()> startNext = [&] {
-        while (running < inFlight && next < hashes.size()) {
+        while (*running < inFlight && next < hashes.size()) {
             const int index = next++;
             if (!needed.contains(hashes[index]))
                 continue;
@@ -106,24 +114,24 @@ inline ChunkedResult chunkedUpload(const QString& serverUrl, const QString& loca
             chunk.uploadId = QStringLiteral("test");
             chunk.hash = hashes[index];
             chunk.data = file.read(chunkSize);
-            ++running;
+            ++*running;
             ++result.chunksSent;
-            ServerApi::ChunkedUpload(chunk, [&](const ResponseData& r) {
-                --running;
-                failed |= r.statusCode != 200;
+            ServerApi::ChunkedUpload(chunk, [running, failed](const ResponseData& r) {
+                --*running;
+                *failed |= r.statusCode != 200;
             });
         }
     };
     for (;;) {
         startNext();
-        if (failed || (next >= hashes.size() && running == 0))
+        if (*failed || (next >= hashes.size() && *running == 0))
             break;
         // One of those in flight finishes, and makes room for the next.
-        const int before = running;
-        if (!waitUntil([&] { return running < before; }, 60000))
+        const int before = *running;
+        if (!waitUntil([&] { return *running < before; }, 60000))
             return result;
     }
-    if (failed)
+    if (*failed)
         return result;
     NBServerApiCommitHashModel commit;
     commit.serverUrl = serverUrl;

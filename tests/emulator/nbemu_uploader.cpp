@@ -7,8 +7,13 @@
 #include <QCoreApplication>
 #include <QTextStream>
 
+#include <csignal>
+#include <sys/prctl.h>
+
 int main(int argc, char** argv)
 {
+    // Never outlive the test that started it.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
     if (args.size() != 6) {

@@ -62,6 +62,11 @@ std::optional<Flow> AccountRoutes::tfaFlow(HttpCall& call)
 
 void AccountRoutes::install(Router& router)
 {
+    // The server's front page: what a client probing for the scheme of a bare host reads.
+    router.add("GET", "/", EveryType, Access::Open, [this](HttpCall& call) {
+        call.json(QJsonObject { { "server", "nbemu" }, { "type", m_context.options.type } });
+    });
+
     // --- Sign-in ----------------------------------------------------------------------
     router.add("POST", "/v2/user/login_new", PublicType, Access::Open, [this](HttpCall& call) {
         login(call, call.value("loginkey"), call.value("password"), call.value("loginType"));

@@ -200,6 +200,20 @@ std::optional<Flow> Accounts::flow(const QString& id, const QString& kind)
     return found;
 }
 
+std::optional<Flow> Accounts::newestFlow(qint64 userId, const QString& kind)
+{
+    std::optional<Flow> found;
+    m_db.run(false, [&] {
+        Database::Statement st(m_db,
+            "SELECT id, kind, user_id, state, secret FROM flows WHERE user_id = ? AND kind = ? AND expires > ? "
+            "ORDER BY expires DESC, rowid DESC LIMIT 1");
+        if (st.bind(1, userId).bind(2, kind).bind(3, now()).next())
+            found = Flow { st.text(0), st.text(1), st.integer(2), st.text(3), st.text(4) };
+        return true;
+    });
+    return found;
+}
+
 void Accounts::setFlowState(const QString& id, const QString& state)
 {
     m_db.run(true, [&] {

@@ -54,6 +54,8 @@ public:
     QString startFlow(const QString& kind, qint64 userId, const QString& state, const QString& secret, int seconds,
         const QString& id = QString());
     std::optional<Flow> flow(const QString& id, const QString& kind);
+    // The user's newest live flow of `kind`.
+    std::optional<Flow> newestFlow(qint64 userId, const QString& kind);
     void setFlowState(const QString& id, const QString& state);
     void endFlow(const QString& id);
 

@@ -28,10 +28,18 @@ void ControlRoutes::install(Router& router)
     router.add("GET", "/__emu/outbox", EveryType, Access::Control,
         [this](HttpCall& call) { call.json(QJsonObject { { "messages", m_context.accounts.outbox() } }); });
     router.add("POST", "/__emu/approve", EveryType, Access::Control, [this](HttpCall& call) {
-        if (!m_context.accounts.flow(call.value("tfa_id"), "tfa"))
-            return call.error(404, QStringLiteral("source not found"), QStringLiteral("no such two-factor id"));
-        m_context.accounts.setFlowState(call.value("tfa_id"), "approved");
-        call.json(QJsonObject { { "approved", call.value("tfa_id") } });
+        // By the two-factor id, or the newest sign-in of a user (what a person at the
+        // emulator knows).
+        std::optional<Flow> flow = m_context.accounts.flow(call.value("tfa_id"), "tfa");
+        if (!flow && call.has("user")) {
+            const std::optional<User> user = m_context.accounts.userByName(call.value("user"));
+            if (user)
+                flow = m_context.accounts.newestFlow(user->id, "tfa");
+        }
+        if (!flow)
+            return call.error(404, QStringLiteral("source not found"), QStringLiteral("no such two-factor sign-in"));
+        m_context.accounts.setFlowState(flow->id, "approved");
+        call.json(QJsonObject { { "approved", flow->id } });
     });
     router.add("GET", "/__emu/totp", EveryType, Access::Control, [this](HttpCall& call) {
         const std::optional<User> user = m_context.accounts.userByName(call.value("user"));

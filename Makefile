@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 60
 JOBS      ?= $(shell nproc)
 CTEST_J   ?= 2
 
-.PHONY: all deps build test test-asan soak bench fuzz install format clean
+.PHONY: all deps build demo test test-asan soak bench fuzz install format clean
 
 all: build
 
@@ -17,6 +17,10 @@ deps:
 build: deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(BUILD_DIR) -j$(JOBS)
+
+# nbemu and a scripted nbcli session against it (log in, put, get, move, lock, share).
+demo: build
+	tools/demo.sh $(BUILD_DIR)
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j$(CTEST_J)

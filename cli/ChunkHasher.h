@@ -1,0 +1,49 @@
+// The drive's stored form of a file: SHA-256 over 4 MiB chunks (the last one shorter),
+// each as lower-case hex, and the file's hash as SHA-256 over the raw chunk digests in
+// order (an empty file has no chunk). A hasher reads the file on a worker thread and reports each chunk on the thread
+// that owns it, so that uploads of earlier chunks run while later ones are hashed.
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+class ChunkHasher : public QObject
+{
+public:
+    static constexpr qint64 ChunkSize = 4 << 20;
+
+    struct Chunk
+    {
+        int index = 0;
+        qint64 offset = 0;
+        qint64 length = 0;
+        QString hash;
+    };
+    using ChunkDone = std::function<void(const Chunk&)>;
+    // An empty error when the whole file was hashed.
+    using End = std::function<void(const QString& error)>;
+
+    ChunkHasher(const QString& path, ChunkDone onChunk, End onEnd, QObject* parent = nullptr);
+    // Stops the worker and waits for it; reports that have not run yet are dropped.
+    ~ChunkHasher() override;
+
+    void start();
+
+    static QString chunkHash(const QByteArray& data);
+    static QString fileHash(const QStringList& chunkHashes);
+    static int chunkCount(qint64 bytes) { return int((bytes + ChunkSize - 1) / ChunkSize); }
+
+private:
+    void run();
+
+    QString m_path;
+    ChunkDone m_onChunk;
+    End m_onEnd;
+    std::atomic<bool> m_stop { false };
+    std::thread m_worker;
+};

@@ -1,0 +1,92 @@
+#include "Config.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileDevice>
+#include <QJsonDocument>
+#include <QSaveFile>
+#include <QStandardPaths>
+#include <QUuid>
+
+QString Config::directory()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/nbcli");
+}
+
+QString Config::file()
+{
+    return directory() + QStringLiteral("/session.json");
+}
+
+Settings Config::load(QString* error)
+{
+    Settings settings;
+    QFile file(Config::file());
+    if (file.open(QIODevice::ReadOnly)) {
+        QJsonParseError parse {};
+        const QJsonObject stored = QJsonDocument::fromJson(file.readAll(), &parse).object();
+        if (parse.error != QJsonParseError::NoError)
+            *error = QStringLiteral("%1 is damaged (%2): run nbcli login again").arg(file.fileName(), parse.errorString());
+        settings.server = stored.value("server").toString();
+        settings.type = stored.value("type").toInt(1);
+        settings.user = stored.value("user").toString();
+        settings.session = stored.value("session").toString();
+        settings.deviceUuid = stored.value("device_uuid").toString();
+        settings.cursors = stored.value("cursors").toObject();
+    }
+    if (settings.deviceUuid.isEmpty())
+        settings.deviceUuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
+    return settings;
+}
+
+bool Config::save(const Settings& settings, QString* error)
+{
+    const QJsonObject stored { { "server", settings.server }, { "type", settings.type }, { "user", settings.user },
+        { "session", settings.session }, { "device_uuid", settings.deviceUuid }, { "cursors", settings.cursors } };
+    if (!QDir().mkpath(directory())
+        || !QFile::setPermissions(directory(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {
+        *error = QStringLiteral("cannot create %1").arg(directory());
+        return false;
+    }
+    QSaveFile file(Config::file());
+    // The session is a credential: readable by its owner only, from the first byte on.
+    if (!file.open(QIODevice::WriteOnly) || !file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner)
+        || file.write(QJsonDocument(stored).toJson()) < 0 || !file.commit()) {
+        *error = QStringLiteral("cannot write %1: %2").arg(file.fileName(), file.errorString());
+        return false;
+    }
+    return true;
+}
+
+bool Config::forget(QString* error)
+{
+    if (!QFile::exists(file()) || QFile::remove(file()))
+        return true;
+    *error = QStringLiteral("cannot remove %1").arg(file());
+    return false;
+}
+
+int Config::parseType(const QString& text)
+{
+    const QString name = text.trimmed().toLower();
+    if (name == QLatin1String("0") || name == QLatin1String("private"))
+        return 0;
+    if (name == QLatin1String("1") || name == QLatin1String("cloud") || name == QLatin1String("public"))
+        return 1;
+    if (name == QLatin1String("2") || name == QLatin1String("six") || name == QLatin1String("private6"))
+        return 2;
+    return -1;
+}
+
+QString Config::typeName(int type)
+{
+    switch (type) {
+    case 0:
+        return QStringLiteral("private");
+    case 1:
+        return QStringLiteral("public cloud");
+    case 2:
+        return QStringLiteral("private 6.0");
+    }
+    return QStringLiteral("unknown");
+}

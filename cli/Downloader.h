@@ -1,0 +1,41 @@
+// One remote file to one local path. The content goes to a temporary file beside the
+// target (".NAME.nbcli-REV.part") and is renamed over the target once whole and checked
+// (size, and the file's hash where the server gives one); the target name never holds a
+// partial file. A part left by an interrupted run is continued with range requests.
+#pragma once
+
+#include "TransferEndpoint.h"
+
+#include <QJsonObject>
+
+class Progress;
+
+class Downloader
+{
+public:
+    struct Result
+    {
+        QString remote;
+        QString local;
+        qint64 bytes = 0;
+        qint64 resumedFrom = 0;
+        QString hash;
+        qint64 ms = 0;
+        QJsonObject json() const;
+    };
+
+    Downloader(TransferEndpoint& endpoint, Progress& progress);
+
+    // Throws the Failure that stopped it.
+    Result get(const QString& remotePath, const RemoteEntry& entry, const QString& localPath);
+
+    static QString partPath(const QString& localPath, const QString& rev);
+
+private:
+    void fetchWhole(const QString& remotePath, const QString& part);
+    void fetchRest(const QString& remotePath, const QString& part, qint64 total);
+    QString hashOf(const QString& path);
+
+    TransferEndpoint& m_endpoint;
+    Progress& m_progress;
+};

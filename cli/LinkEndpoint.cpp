@@ -1,0 +1,134 @@
+#include "LinkEndpoint.h"
+
+#include "RemotePath.h"
+
+LinkEndpoint::LinkEndpoint(Remote& remote, const QString& server, const QString& code, const QString& password)
+    : TransferEndpoint(remote)
+    , m_server(server)
+    , m_code(code)
+    , m_password(password)
+{
+}
+
+void LinkEndpoint::open()
+{
+    const NBServerApiDeliveryAuthModel model { m_code, m_password, m_server };
+    const QJsonObject reply = m_remote
+                                  .call(QStringLiteral("open shared link %1").arg(m_code),
+                                      [model](NBCompletionCallback done) { return ServerApi::DeliveryAuth(model, std::move(done)); })
+                                  .json;
+    m_token = reply.value("token").toString();
+    m_session = reply.value("session").toString();
+    m_root = reply.value("root").toString();
+}
+
+QString LinkEndpoint::describe(const QString& path) const
+{
+    return QStringLiteral("%1:%2").arg(m_code, path);
+}
+
+QString LinkEndpoint::outside(const QString& path) const
+{
+    return RemotePath::join(QLatin1Char('/') + m_root, path);
+}
+
+Remote::Start LinkEndpoint::stat(const QString& path)
+{
+    return listPage(path, 0, 1);
+}
+
+Remote::Start LinkEndpoint::listPage(const QString& folder, int offset, int limit)
+{
+    NBServerApiDeliveryMetadataModel model;
+    model.serverUrl = m_server;
+    model.code = m_code;
+    model.path = outside(folder);
+    model.password = m_password;
+    model.token = m_token;
+    model.session = m_session;
+    model.orderby = QStringLiteral("name");
+    model.sort = QStringLiteral("asc");
+    model.offset = offset;
+    model.limit = limit;
+    return [model](NBCompletionCallback done) { return ServerApi::DeliveryMetadata(model, std::move(done)); };
+}
+
+Remote::Start LinkEndpoint::makeFolder(const QString& path)
+{
+    const NBServerApiDeliveryCreateFolder model { m_server, m_code, RemotePath::normalise(path), QString(), m_token, m_session };
+    return [model](NBCompletionCallback done) { return ServerApi::DeliveryCreateFolder(model, std::move(done)); };
+}
+
+Remote::Start LinkEndpoint::authorise(const QString& path, qint64 bytes)
+{
+    auto model = linked<NBServerApiDeliveryAuthUploadModel>(path);
+    model.bytes = QString::number(bytes);
+    return [model](NBCompletionCallback done) { return ServerApi::DeliveryAuthUpload(model, std::move(done)); };
+}
+
+Remote::Start LinkEndpoint::uploadWhole(
+    const Upload& upload, const QString& path, const QString& localPath, NBUploadProgressCallback onProgress)
+{
+    auto model = linked<NBServerApiDeliveryUploadFileModel>(path);
+    model.serverUrl = upload.server;
+    model.overwrite = QStringLiteral("true");
+    model.localPath = localPath;
+    return [model, onProgress](NBCompletionCallback done) {
+        return ServerApi::DeliveryUploadFile(model, std::move(done), onProgress);
+    };
+}
+
+Remote::Start LinkEndpoint::queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash)
+{
+    NBServerApiDeliveryQueryHashModel model;
+    model.serverUrl = upload.server;
+    model.hash = hash;
+    model.relativePath = RemotePath::normalise(path);
+    model.code = m_code;
+    model.token = m_token;
+    model.bytes = bytes;
+    model.session = m_session;
+    return [model](NBCompletionCallback done) { return ServerApi::DeliveryQueryHash(model, std::move(done)); };
+}
+
+Remote::Start LinkEndpoint::uploadChunk(
+    const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress)
+{
+    return [model = NBServerApiDeliveryChunkedUploadModel { upload.server, upload.uploadId, hash, data }, onProgress](
+               NBCompletionCallback done) { return ServerApi::DeliveryChunkedUpload(model, std::move(done), onProgress); };
+}
+
+Remote::Start LinkEndpoint::commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
+{
+    NBServerApiDeliveryCommitHashModel model;
+    model.serverUrl = upload.server;
+    model.code = m_code;
+    model.relativePath = RemotePath::normalise(path);
+    model.token = m_token;
+    model.session = m_session;
+    model.hashes = hashes;
+    model.totalBytes = model.bytes = bytes;
+    model.isFileCommit = true;
+    model.overwrite = true;
+    return [model](NBCompletionCallback done) { return ServerApi::DeliveryCommitHash(model, std::move(done)); };
+}
+
+Remote::Start LinkEndpoint::downloadWhole(
+    const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress)
+{
+    auto model = linked<NBServerApiDeliveryDownloadFileModel>(path);
+    model.localPath = localPath;
+    return [model, onProgress](NBCompletionCallback done) {
+        return ServerApi::DeliveryDownloadFile(model, std::move(done), onProgress);
+    };
+}
+
+Remote::Start LinkEndpoint::downloadRange(
+    const QString& path, const QString& range, NBDataCallback onData, NBDownloadProgressCallback onProgress)
+{
+    auto model = linked<NBSeverApiDeliveryDLRouterModel>(path);
+    model.range = range;
+    return [model, onData, onProgress](NBCompletionCallback done) {
+        return ServerApi::DeliveryDownloadRouter(model, onData, std::move(done), onProgress);
+    };
+}

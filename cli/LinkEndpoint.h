@@ -1,0 +1,52 @@
+// A shared link's folder, as an outside user reaches it: authorised with the link's code
+// and password, then addressed by paths inside the folder ("/" is the folder itself).
+// The link's requests name a path with the folder's own name in front.
+#pragma once
+
+#include "TransferEndpoint.h"
+
+class LinkEndpoint : public TransferEndpoint
+{
+public:
+    LinkEndpoint(Remote& remote, const QString& server, const QString& code, const QString& password);
+
+    // The link's authorisation: the token, the link's session and its folder's name.
+    void open();
+
+    QString describe(const QString& path) const override;
+    Remote::Start stat(const QString& path) override;
+    Remote::Start listPage(const QString& folder, int offset, int limit) override;
+    Remote::Start makeFolder(const QString& path) override;
+    Remote::Start authorise(const QString& path, qint64 bytes) override;
+    Remote::Start uploadWhole(const Upload& upload, const QString& path, const QString& localPath,
+        NBUploadProgressCallback onProgress) override;
+    Remote::Start queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash) override;
+    Remote::Start uploadChunk(
+        const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress) override;
+    Remote::Start commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
+    Remote::Start downloadWhole(
+        const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress) override;
+    Remote::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,
+        NBDownloadProgressCallback onProgress) override;
+
+private:
+    // The path as the link's requests name it: the folder's name, then the path inside.
+    QString outside(const QString& path) const;
+    template<typename Model> Model linked(const QString& path) const
+    {
+        Model model;
+        model.serverUrl = m_server;
+        model.code = m_code;
+        model.path = outside(path);
+        model.token = m_token;
+        model.session = m_session;
+        return model;
+    }
+
+    QString m_server;
+    QString m_code;
+    QString m_password;
+    QString m_token;
+    QString m_session;
+    QString m_root;
+};

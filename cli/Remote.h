@@ -1,0 +1,86 @@
+// Requests through ServerApi as a command-line program needs them: retried with back-off
+// while the failure is worth it, waited for in a local event loop, cancelled all at once
+// by Ctrl-C, and read into the Failure they mean.
+#pragma once
+
+#include "Failure.h"
+
+#include <INBSeverApi.h>
+
+#include <QElapsedTimer>
+#include <QJsonObject>
+#include <QObject>
+#include <QSet>
+
+#include <functional>
+#include <memory>
+
+class QEventLoop;
+class QSocketNotifier;
+
+struct Reply
+{
+    ResponseData data;
+    QJsonObject json; // the body, when it is a JSON object
+    bool served = true; // false: the deployment type does not offer the operation
+    int attempts = 1;
+    bool ok() const;
+};
+
+class Remote : public QObject
+{
+public:
+    using Start = std::function<long long(NBCompletionCallback)>;
+    using Done = std::function<void(const Reply&)>;
+
+    explicit Remote(QObject* parent = nullptr);
+    ~Remote() override;
+
+    // Retries after a reset, a refused connection, the time-out, 5xx or 429 (after its
+    // "Retry-After"): at most `retries` more attempts within `budgetMs`. Never after a
+    // refusal such as a wrong password or a lock.
+    void setRetries(int retries, int budgetMs = 120000);
+    void setVerbose(bool verbose) { m_verbose = verbose; }
+    void setNotifier(std::function<void(const QString&)> notify) { m_notify = std::move(notify); }
+
+    // Starts a request; `done` runs once, with the last attempt's reply (the only one
+    // when `retry` is false).
+    void start(const QString& what, Start start, Done done, bool retry = true);
+    // Runs the event loop until `finished` holds (checked after every reply and wake()).
+    // Ctrl-C cancels every request in flight and throws Failure Interrupted.
+    void waitFor(const std::function<bool()>& finished);
+    void wake();
+    // Waits `ms`, or less when interrupted (then throws).
+    void sleep(int ms);
+
+    // One request waited for. `call` throws the Failure of anything but a success;
+    // `fetch` only that of a reply that never came (network, interrupt, not offered).
+    Reply call(const QString& what, Start start);
+    Reply fetch(const QString& what, Start start);
+
+    static Failure failureOf(const QString& what, const Reply& reply);
+    static bool worthRetry(const ResponseData& data);
+    static bool isLocalFileError(const ResponseData& data);
+
+    // From the SIGINT handler's notifier: cancel everything, end every wait.
+    void interrupt();
+    bool interrupted() const { return m_interrupted; }
+    // Installs the SIGINT handler that reaches interrupt() through the event loop.
+    void catchInterrupts();
+
+private:
+    struct Attempt;
+    void launch(const std::shared_ptr<Attempt>& attempt);
+    void finish(const std::shared_ptr<Attempt>& attempt, const ResponseData& data);
+    int retryDelay(const ResponseData& data, int tries) const;
+
+    int m_retries = 5;
+    int m_budgetMs = 120000;
+    bool m_verbose = false;
+    bool m_interrupted = false;
+    std::function<void(const QString&)> m_notify;
+    QSet<long long> m_running;
+    QEventLoop* m_loop = nullptr;
+    std::function<bool()> m_until;
+    QSocketNotifier* m_signals = nullptr;
+};

@@ -39,13 +39,8 @@ Remote::Start LinkEndpoint::stat(const QString& path)
 
 Remote::Start LinkEndpoint::listPage(const QString& folder, int offset, int limit)
 {
-    NBServerApiDeliveryMetadataModel model;
-    model.serverUrl = m_server;
-    model.code = m_code;
-    model.path = outside(folder);
+    auto model = linked<NBServerApiDeliveryMetadataModel>(folder);
     model.password = m_password;
-    model.token = m_token;
-    model.session = m_session;
     model.orderby = QStringLiteral("name");
     model.sort = QStringLiteral("asc");
     model.offset = offset;

@@ -31,7 +31,6 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
 {
     const QFileInfo info(local);
     if (!info.exists()) {
-        ++outcome->files;
         failed(outcome, Item { local, remote, false, 0, {} }, Failure { Exit::Local, QStringLiteral("no such file %1").arg(local) });
         return;
     }
@@ -65,12 +64,6 @@ int Transfers::put(const QStringList& locals, const QString& remote, bool dryRun
                                               : RemotePath::normalise(remote);
         planLocal(local, target, &items, &outcome);
     }
-    qint64 total = 0;
-    int files = 0;
-    for (const Item& item : qAsConst(items)) {
-        total += item.bytes;
-        files += item.folder ? 0 : 1;
-    }
     if (dryRun) {
         for (const Item& item : qAsConst(items)) {
             if (item.folder)
@@ -82,35 +75,18 @@ int Transfers::put(const QStringList& locals, const QString& remote, bool dryRun
         }
         return finish(outcome);
     }
-
-    Progress progress(m_cli.console, total, files);
-    Uploader uploader(m_endpoint, progress, m_jobs, m_cli.settings.server);
     if (intoFolder && !folderAsTarget && RemotePath::normalise(remote) != QLatin1String("/"))
         m_endpoint.ensureFolder(RemotePath::normalise(remote));
-    for (const Item& item : qAsConst(items)) {
-        try {
-            if (item.folder) {
-                m_endpoint.ensureFolder(item.remote);
-                continue;
-            }
-            ++outcome.files;
-            const Uploader::Result result = uploader.put(item.local, item.remote);
-            outcome.results.append(result.json());
-            if (m_cli.console.json)
-                continue;
+    return run(items, outcome, [this](const Item& item) { m_endpoint.ensureFolder(item.remote); },
+        [this](Progress& progress, const Item& item) {
+            const Uploader::Result result = Uploader(m_endpoint, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
             const QString how = result.chunks == 0 ? QStringLiteral("sent whole")
                                                    : QStringLiteral("%1 chunks, %2 sent").arg(result.chunks).arg(result.chunksSent);
-            m_cli.console.out(QStringLiteral("put %1 -> %2: %3, %4%5, hash ok")
-                                  .arg(item.local, m_endpoint.describe(item.remote), Progress::bytes(result.bytes), how,
-                                      rate(result.bytes, result.ms)));
-        } catch (const Failure& failure) {
-            if (failure.exit == Exit::Interrupted)
-                throw;
-            failed(&outcome, item, failure);
-        }
-    }
-    progress.finish();
-    return finish(outcome);
+            return Step { result.json(),
+                QStringLiteral("put %1 -> %2: %3, %4%5, hash ok")
+                    .arg(item.local, m_endpoint.describe(item.remote), Progress::bytes(result.bytes), how,
+                        rate(result.bytes, result.ms)) };
+        });
 }
 
 void Transfers::planRemote(const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
@@ -129,52 +105,65 @@ int Transfers::get(const QStringList& remotes, const QString& local)
     Outcome outcome;
     for (const QString& remote : remotes) {
         const QString path = RemotePath::normalise(remote);
-        try {
+        attempt(outcome, Item { local, path, false, 0, {} }, [&] {
             const RemoteEntry entry = m_endpoint.entry(path);
             // A root has no name of its own but may have one to show (a link's folder).
             const QString name = entry.name.isEmpty() ? RemotePath::name(path) : entry.name;
             planRemote(path, entry, intoFolder ? QDir(local).filePath(name) : local, &items);
-        } catch (const Failure& failure) {
-            if (failure.exit == Exit::Interrupted)
-                throw;
-            ++outcome.files;
-            failed(&outcome, Item { local, path, false, 0, {} }, failure);
-        }
+        });
     }
+    return run(items, outcome,
+        [](const Item& item) {
+            if (!QDir().mkpath(item.local))
+                throw Failure { Exit::Local, QStringLiteral("cannot create the folder %1").arg(item.local) };
+        },
+        [this](Progress& progress, const Item& item) {
+            const Downloader::Result result = Downloader(m_endpoint, progress).get(item.remote, item.entry, item.local);
+            const QString resumed = result.resumedFrom > 0
+                ? QStringLiteral(", resumed after %1").arg(Progress::bytes(result.resumedFrom))
+                : QString();
+            return Step { result.json(),
+                QStringLiteral("got %1 -> %2: %3%4%5, hash ok")
+                    .arg(m_endpoint.describe(item.remote), item.local, Progress::bytes(result.bytes),
+                        rate(result.bytes - result.resumedFrom, result.ms), resumed) };
+        });
+}
+
+int Transfers::run(const QList<Item>& items, Outcome& outcome, const std::function<void(const Item&)>& folder,
+    const std::function<Step(Progress&, const Item&)>& file)
+{
     qint64 total = 0;
     int files = 0;
-    for (const Item& item : qAsConst(items)) {
+    for (const Item& item : items) {
         total += item.bytes;
         files += item.folder ? 0 : 1;
     }
     Progress progress(m_cli.console, total, files);
-    Downloader downloader(m_endpoint, progress);
-    for (const Item& item : qAsConst(items)) {
-        try {
-            if (item.folder) {
-                if (!QDir().mkpath(item.local))
-                    throw Failure { Exit::Local, QStringLiteral("cannot create the folder %1").arg(item.local) };
-                continue;
-            }
-            ++outcome.files;
-            const Downloader::Result result = downloader.get(item.remote, item.entry, item.local);
-            outcome.results.append(result.json());
-            if (m_cli.console.json)
-                continue;
-            const QString resumed = result.resumedFrom > 0
-                ? QStringLiteral(", resumed after %1").arg(Progress::bytes(result.resumedFrom))
-                : QString();
-            m_cli.console.out(QStringLiteral("got %1 -> %2: %3%4%5, hash ok")
-                                  .arg(m_endpoint.describe(item.remote), item.local, Progress::bytes(result.bytes),
-                                      rate(result.bytes - result.resumedFrom, result.ms), resumed));
-        } catch (const Failure& failure) {
-            if (failure.exit == Exit::Interrupted)
-                throw;
-            failed(&outcome, item, failure);
+    for (const Item& item : items) {
+        if (item.folder) {
+            attempt(outcome, item, [&] { folder(item); });
+            continue;
         }
+        attempt(outcome, item, [&] {
+            const Step step = file(progress, item);
+            outcome.results.append(step.result);
+            if (!m_cli.console.json)
+                m_cli.console.out(step.line);
+        });
     }
     progress.finish();
     return finish(outcome);
+}
+
+void Transfers::attempt(Outcome& outcome, const Item& item, const std::function<void()>& step)
+{
+    try {
+        step();
+    } catch (const Failure& failure) {
+        if (failure.exit == Exit::Interrupted)
+            throw;
+        failed(&outcome, item, failure);
+    }
 }
 
 void Transfers::failed(Outcome* outcome, const Item& item, const Failure& failure)
@@ -195,5 +184,5 @@ int Transfers::finish(const Outcome& outcome)
     for (const QString& failure : outcome.failures)
         m_cli.console.error(failure);
     // One file that failed keeps its own status; some of several is a partial failure.
-    return int(outcome.failures.size() == 1 && outcome.files <= 1 ? outcome.firstExit : Exit::Partial);
+    return int(outcome.results.size() == 1 ? outcome.firstExit : Exit::Partial);
 }

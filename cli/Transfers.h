@@ -9,6 +9,9 @@
 #include <QJsonArray>
 #include <QStringList>
 
+#include <functional>
+
+class Progress;
 class Cli;
 
 class Transfers
@@ -34,14 +37,25 @@ private:
     };
     struct Outcome
     {
-        QJsonArray results;
+        QJsonArray results; // one per file or source, whether it arrived or failed
         QStringList failures;
         Exit firstExit = Exit::Ok;
-        int files = 0; // files tried, and sources that failed before a transfer
+    };
+
+    // What a file's transfer gives: its result for --json, its line otherwise.
+    struct Step
+    {
+        QJsonObject result;
+        QString line;
     };
 
     void planLocal(const QString& local, const QString& remote, QList<Item>* items, Outcome* outcome);
     void planRemote(const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items);
+    // Folders through `folder`, files through `file`, one after another with one progress.
+    int run(const QList<Item>& items, Outcome& outcome, const std::function<void(const Item&)>& folder,
+        const std::function<Step(Progress&, const Item&)>& file);
+    // Runs `step`; a failure (but an interrupt) is named in the outcome and the run goes on.
+    void attempt(Outcome& outcome, const Item& item, const std::function<void()>& step);
     void failed(Outcome* outcome, const Item& item, const Failure& failure);
     int finish(const Outcome& outcome);
 

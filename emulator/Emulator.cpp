@@ -6,6 +6,7 @@
 #include <QDirIterator>
 #include <QElapsedTimer>
 #include <QJsonDocument>
+#include <QRegularExpression>
 #include <QSaveFile>
 #include <QSet>
 #include <QThread>
@@ -13,6 +14,8 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+
+#include <limits>
 
 namespace {
 
@@ -285,7 +288,20 @@ bool Emulator::start(QTextStream& out, QString* error)
     m_server->set_keep_alive_timeout(2);
     m_server->set_read_timeout(60);
     m_server->set_write_timeout(60);
-    m_server->set_payload_max_length(size_t(o.maxBody));
+    // Streamed uploads have no size limit of their own: bodies read whole are bounded in
+    // dispatch(), and the verbs that have no content reader here may not bring one.
+    m_server->set_payload_max_length(std::numeric_limits<size_t>::max());
+    m_server->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+        if (request.method == "POST" || request.method == "PUT")
+            return httplib::Server::HandlerResponse::Unhandled;
+        const bool chunked = request.get_header_value("Transfer-Encoding") == "chunked";
+        if (!chunked && QByteArray::fromStdString(request.get_header_value("Content-Length")).toLongLong() <= 0)
+            return httplib::Server::HandlerResponse::Unhandled;
+        HttpCall(request, response, QByteArray()).error(413, QStringLiteral("space limit"), QStringLiteral("a body on %1 is refused")
+            .arg(QString::fromStdString(request.method)));
+        log(request, response.status, 0, qint64(response.body.size()), 0, QString());
+        return httplib::Server::HandlerResponse::Handled;
+    });
     const auto plain = [this](const httplib::Request& request, httplib::Response& response) {
         dispatch(request, response, nullptr);
     };
@@ -394,6 +410,9 @@ void Emulator::dispatch(const httplib::Request& request, httplib::Response& resp
     bool tooLarge = false;
     const bool streams = route && route->stream;
     if (reader && !(served && streams && !(fault && (fault->kind == FaultRule::Status || fault->kind == FaultRule::RetryAfter)))) {
+        // One allocation for an announced body: appending piece by piece would grow it many times.
+        const qint64 announced = QByteArray::fromStdString(request.get_header_value("Content-Length")).toLongLong();
+        body.reserve(int(qBound<qint64>(0, announced, m_context.options.maxBody)));
         (*reader)([&](const char* data, size_t length) {
             bytesIn += qint64(length);
             if (body.size() + qint64(length) > m_context.options.maxBody) {
@@ -443,8 +462,13 @@ void Emulator::dispatch(const httplib::Request& request, httplib::Response& resp
 
 void Emulator::log(const httplib::Request& request, int status, qint64 in, qint64 out, qint64 ms, const QString& fault)
 {
+    // Credentials that ride in a query (a session, a link's password or token) stay out of the log.
+    static const QRegularExpression secrets(
+        QStringLiteral("([?&](?:X-NIMBRA-SESS-ID|X-NIMBRA-TFA-ID|password|token|S)=)[^&]*"));
+    QString target = QString::fromStdString(request.target);
+    target.replace(secrets, QStringLiteral("\\1***"));
     QJsonObject line { { "id", ++m_requests }, { "method", QString::fromStdString(request.method) },
-        { "target", QString::fromStdString(request.target) }, { "status", status }, { "in", in }, { "out", out },
+        { "target", target }, { "status", status }, { "in", in }, { "out", out },
         { "ms", ms } };
     if (!fault.isEmpty())
         line.insert("fault", fault);

@@ -14,8 +14,18 @@ HttpCall::HttpCall(const httplib::Request& request, httplib::Response& response,
     m_path = QUrl::fromPercentEncoding(question < 0 ? target : target.left(question));
     if (question >= 0)
         m_query = parseItems(target.mid(question + 1));
-    if (QByteArray::fromStdString(request.get_header_value("Content-Type")).startsWith("application/x-www-form-urlencoded"))
-        m_form = parseItems(m_body);
+}
+
+// Parsed on first use: a chunk upload's body also comes as a form, and it is megabytes
+// that no route reads as one.
+const Items& HttpCall::formItems() const
+{
+    if (!m_form) {
+        const bool isForm = QByteArray::fromStdString(m_request.get_header_value("Content-Type"))
+                                .startsWith("application/x-www-form-urlencoded");
+        m_form = isForm ? parseItems(m_body) : Items();
+    }
+    return *m_form;
 }
 
 QString HttpCall::method() const
@@ -58,12 +68,12 @@ QString HttpCall::query(const QString& key) const
 
 QString HttpCall::form(const QString& key) const
 {
-    return itemValue(m_form, key);
+    return itemValue(formItems(), key);
 }
 
 QString HttpCall::value(const QString& key) const
 {
-    for (const auto& item : m_form) {
+    for (const auto& item : formItems()) {
         if (item.first == key)
             return item.second;
     }
@@ -72,7 +82,7 @@ QString HttpCall::value(const QString& key) const
 
 bool HttpCall::has(const QString& key) const
 {
-    for (const Items* items : { &m_form, &m_query }) {
+    for (const Items* items : { &formItems(), &m_query }) {
         for (const auto& item : *items) {
             if (item.first == key)
                 return true;
@@ -84,7 +94,7 @@ bool HttpCall::has(const QString& key) const
 QStringList HttpCall::values(const QString& key) const
 {
     QStringList result;
-    for (const Items* items : { &m_form, &m_query }) {
+    for (const Items* items : { &formItems(), &m_query }) {
         for (const auto& item : *items) {
             if (item.first == key)
                 result << item.second;

@@ -11,6 +11,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 namespace httplib {
 struct Request;
 struct Response;
@@ -59,10 +61,12 @@ public:
     static QString itemValue(const Items& items, const QString& key);
 
 private:
+    const Items& formItems() const;
+
     const httplib::Request& m_request;
     httplib::Response& m_response;
     QByteArray m_body;
     QString m_path;
     Items m_query;
-    Items m_form;
+    mutable std::optional<Items> m_form;
 };

@@ -8,6 +8,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <csignal>
+#include <malloc.h>
 #include <thread>
 
 namespace {
@@ -22,6 +23,9 @@ int usage(QTextStream& err, const QString& message)
 
 int main(int argc, char** argv)
 {
+    // The server's pool has many threads, and glibc gives each its own arena by default,
+    // which keeps what a thread once held (a chunk, a listing): a few arenas serve them all.
+    ::mallopt(M_ARENA_MAX, 2);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("nbemu"));
     QCoreApplication::setApplicationVersion(QStringLiteral("1.0"));

@@ -6,9 +6,12 @@
 #include "InactivityInterval.h"
 #include "TestData.h"
 #include "TestMain.h"
+#include "Wait.h"
 
 #include <QDirIterator>
 #include <QFileInfo>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
@@ -335,11 +338,12 @@ private slots:
         QCOMPARE(errorCode(sync([&](auto d) { return ServerApi::RegionGet(std::move(d)); })), 20007);
     }
 
+    // Above the limit of a body read whole: a whole-file upload streams, whatever its size.
     void sixtyFourMebibytesWholeAndChunkedAndStoredOnce()
     {
         EmuProcess emu;
         startHost(emu, 1);
-        const QByteArray content = randomBytes(64 << 20, 2);
+        const QByteArray content = randomBytes((64 << 20) + 4097, 2);
         const QString local = writeFile(m_dir.filePath("big.bin"), content);
         NBServerApiUploadFileModel whole = at<NBServerApiUploadFileModel>("/big-whole.bin");
         whole.serverUrl = emu.url();
@@ -357,7 +361,26 @@ private slots:
             CHECK_OK(sync([&](auto d) { return ServerApi::DownloadFile(down, std::move(d)); }, 120000));
             QVERIFY(readFile(down.localPath) == content);
         }
-        QCOMPARE(storedChunks(emu), 16);
+        QCOMPARE(storedChunks(emu), 17);
+    }
+
+    void requestLogHidesCredentialsAndGetBringsNoBody()
+    {
+        EmuProcess emu;
+        startHost(emu, 1);
+        sync([&](auto d) {
+            return ServerApi::GET(emu.url("/v2/delivery/metadata/C1/a?token=t0ken&password=pa55&S=vc&x=1"), std::move(d));
+        });
+        const QString target = emu.requests().last().value("target").toString();
+        QCOMPARE(target, QString("/v2/delivery/metadata/C1/a?token=***&password=***&S=***&x=1"));
+
+        QNetworkAccessManager manager;
+        QNetworkRequest request(QUrl(emu.url("/v2/account/info")));
+        request.setHeader(QNetworkRequest::ContentTypeHeader, "text/plain");
+        std::unique_ptr<QNetworkReply> reply(manager.sendCustomRequest(request, "GET", QByteArray(1000, 'x')));
+        QVERIFY(waitUntil([&] { return reply->isFinished(); }, 10000));
+        QCOMPARE(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 413);
+        QCOMPARE(emu.requests().last().value("status").toInt(), 413);
     }
 
     void rangesAsTheServerHonoursThem_data()

@@ -1,5 +1,7 @@
 #include "CNBLoggerWrapper.h"
 
+#include "NBLogRedactor.h"
+
 #include <QDir>
 #include <QFileInfo>
 #include <QStandardPaths>
@@ -64,7 +66,7 @@ QString CNBLoggerWrapper::formatMessage(
         .arg(fileName, 0, QLatin1Char(' '))
         .arg(function, 0, QLatin1Char(' '))
         .arg(line, 0, 10, QLatin1Char(' '))
-        .arg(message, 0, QLatin1Char(' '));
+        .arg(NBLogRedactor::apply(message), 0, QLatin1Char(' '));
 }
 
 void CNBLoggerWrapper::information(

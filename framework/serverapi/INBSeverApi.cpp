@@ -4,10 +4,12 @@
 #include "CNBLoggerWrapper.h"
 #include "INBSeverApiForward.h"
 #include "NBHttpClientManager.h"
+#include "NBLogRedactor.h"
 #include "NBPriServerApi.h"
 #include "NBPriSixServerApi.h"
 #include "NBPubServerApi.h"
 
+#include <QRegularExpression>
 #include <QtNBLogger.h>
 #include <cstring>
 #include <utility>
@@ -92,6 +94,7 @@ NBServerApi* ServerApi::serverApi()
 
 void ServerApi::setSessionID(const QString& session)
 {
+    NBLogRedactor::remember(NBLogRedactor::Session, session);
     forward(__FUNCTION__, &NBServerApi::setSessionID, session);
 }
 
@@ -148,6 +151,69 @@ QString ServerApi::priServerVerifyCode()
 void ServerApi::setLogLevel(bool debug)
 {
     QtNBLogger::setLevel(CNBLoggerWrapper::instTransfer().handle(), debug ? 16 : 2);
+}
+
+void ServerApi::setTlsVerifyPeer(bool verify)
+{
+    NBHttpClientManager::manager()->setTlsVerifyPeer(verify);
+}
+
+bool ServerApi::tlsVerifyPeer()
+{
+    return NBHttpClientManager::manager()->tlsVerifyPeer();
+}
+
+bool ServerApi::addTlsCaCertificates(const QString& pemFile)
+{
+    const QList<QSslCertificate> certificates = QSslCertificate::fromPath(pemFile, QSsl::Pem);
+    if (certificates.isEmpty()) {
+        NB_LOG_ERROR(QStringLiteral("TLS: %1 holds no PEM certificate").arg(pemFile));
+        return false;
+    }
+    addTlsCaCertificates(certificates);
+    return true;
+}
+
+void ServerApi::addTlsCaCertificates(const QList<QSslCertificate>& certificates)
+{
+    NBHttpClientManager::manager()->addTlsCaCertificates(certificates);
+}
+
+void ServerApi::clearTlsCaCertificates()
+{
+    NBHttpClientManager::manager()->clearTlsCaCertificates();
+}
+
+bool ServerApi::setTlsPinnedPublicKey(const QString& digest)
+{
+    QString text = digest.trimmed();
+    if (text.startsWith(QLatin1String("sha256//")))
+        text = text.mid(8);
+    QByteArray raw;
+    static const QRegularExpression hex(QStringLiteral("^[0-9A-Fa-f]{64}$"));
+    if (hex.match(text).hasMatch())
+        raw = QByteArray::fromHex(text.toLatin1());
+    else if (!text.isEmpty())
+        raw = QByteArray::fromBase64(text.toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
+    if (!text.isEmpty() && raw.size() != 32)
+        return false;
+    NBHttpClientManager::manager()->setTlsPinnedKey(raw);
+    return true;
+}
+
+QString ServerApi::tlsPinnedPublicKey()
+{
+    return QString::fromLatin1(NBHttpClientManager::manager()->tlsPinnedKey().toHex());
+}
+
+void ServerApi::setLogRedaction(bool redact)
+{
+    NBLogRedactor::setEnabled(redact);
+}
+
+bool ServerApi::logRedaction()
+{
+    return NBLogRedactor::enabled();
 }
 
 void ServerApi::proxy(bool autoDetect, int scheme, const char* host, int port, const char* user,

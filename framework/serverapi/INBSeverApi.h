@@ -15,7 +15,9 @@
 #include "NBServerApiModels.h"
 #include "ResponseData.h"
 
+#include <QList>
 #include <QMap>
+#include <QSslCertificate>
 #include <QString>
 
 class NBServerApi;
@@ -68,6 +70,31 @@ public:
     static QString proxyUser();
     static QString proxyPassword();
     static bool proxySwitch();
+
+    // TLS, like the proxy, outlives init and uninit. By default server certificates are not
+    // verified. With verification on, a certificate must chain to the system's CAs or to
+    // one added here and name the host; otherwise the request completes with the
+    // transport's SSL error (6) and the log names Qt's reason. A pinned key (the SHA-256
+    // of the server certificate's public key, SubjectPublicKeyInfo in DER: 64 hex digits,
+    // or base64 with or without "sha256//") is checked on every connection, verified or
+    // not: a server with another key fails with error 6, and one with this key is trusted
+    // even when its chain is unknown (a private CA).
+    static void setTlsVerifyPeer(bool verify);
+    static bool tlsVerifyPeer();
+    // Adds the PEM certificates of a file; false, and nothing added, when it holds none.
+    static bool addTlsCaCertificates(const QString& pemFile);
+    static void addTlsCaCertificates(const QList<QSslCertificate>& certificates);
+    static void clearTlsCaCertificates();
+    // false, and the pin unchanged, when the digest is not one; an empty text clears it.
+    static bool setTlsPinnedPublicKey(const QString& digest);
+    static QString tlsPinnedPublicKey(); // hex, empty when none
+
+    // Off by default: the trace writes every parameter and header as it goes out. On:
+    // passwords, one-time passwords, verification codes, tokens, "S", the session and
+    // two-factor cookies, "Authorization" and the proxy password are written as "***(N)"
+    // in every line of the library's log.
+    static void setLogRedaction(bool redact);
+    static bool logRedaction();
 
     // Completes an address typed without a scheme ("host:port" or "/host") with the one of
     // "http://" and "https://" that answers a plain GET with 200: FillUrlProtocol probes

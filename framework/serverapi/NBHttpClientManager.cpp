@@ -2,8 +2,11 @@
 
 #include "CNBLoggerWrapper.h"
 #include "NBHttpClient.h"
+#include "NBLogRedactor.h"
 
+#include <QCryptographicHash>
 #include <QNetworkAccessManager>
+#include <QSslKey>
 #include <QTime>
 #include <cstdlib>
 
@@ -15,10 +18,7 @@ NBHttpClientManager* NBHttpClientManager::manager()
 
 NBHttpClientManager::NBHttpClientManager()
     : m_networkMgr(new QNetworkAccessManager)
-    , m_sslConfig(QSslConfiguration::defaultConfiguration())
 {
-    // No server certificate is verified by any request.
-    m_sslConfig.setPeerVerifyMode(QSslSocket::VerifyNone);
     NB_LOG_FATAL(QStringLiteral("设置QNetworkAccessManager"));
 }
 
@@ -75,7 +75,27 @@ void NBHttpClientManager::cancelHttpClient(long long id)
 
 QSslConfiguration NBHttpClientManager::sslConfig() const
 {
-    return m_sslConfig;
+    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+    QMutexLocker lock(&m_settingsMutex);
+    // Unless the host asks for verification, no server certificate is verified.
+    config.setPeerVerifyMode(m_tlsVerifyPeer ? QSslSocket::VerifyPeer : QSslSocket::VerifyNone);
+    if (m_tlsVerifyPeer && !m_tlsCaCertificates.isEmpty()) {
+        // Setting any CA list stops the on-demand loading of the system's: they are read once.
+        static const QList<QSslCertificate> system = QSslConfiguration::systemCaCertificates();
+        config.setCaCertificates(system + m_tlsCaCertificates);
+    }
+    return config;
+}
+
+void NBHttpClientManager::addTlsCaCertificates(const QList<QSslCertificate>& certificates)
+{
+    QMutexLocker lock(&m_settingsMutex);
+    m_tlsCaCertificates += certificates;
+}
+
+QByteArray NBHttpClientManager::publicKeyDigest(const QSslCertificate& certificate)
+{
+    return QCryptographicHash::hash(certificate.publicKey().toDer(), QCryptographicHash::Sha256);
 }
 
 void NBHttpClientManager::proxy(bool autoDetect, int scheme, const QString& host, unsigned short port,
@@ -89,4 +109,17 @@ void NBHttpClientManager::proxy(bool autoDetect, int scheme, const QString& host
     m_proxyUser = user;
     m_proxyPassword = password;
     m_proxyIsOpen = open;
+    NBLogRedactor::remember(NBLogRedactor::ProxyPassword, password);
+}
+
+void NBHttpClientManager::setProxyPassword(const QString& password)
+{
+    write(m_proxyPassword, password);
+    NBLogRedactor::remember(NBLogRedactor::ProxyPassword, password);
+}
+
+void NBHttpClientManager::setVerifyCode(const QString& code)
+{
+    write(m_verifyCode, code);
+    NBLogRedactor::remember(NBLogRedactor::VerifyCode, code);
 }

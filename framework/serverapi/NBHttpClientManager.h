@@ -2,8 +2,10 @@
 // that operations return, and the network settings every request reads.
 #pragma once
 
+#include <QList>
 #include <QMap>
 #include <QMutex>
+#include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QString>
 
@@ -26,7 +28,20 @@ public:
     // with network error 5. The handle stays registered. Call it on the request's thread.
     void cancelHttpClient(long long id);
 
+    // The TLS configuration of every request, from the settings below.
     QSslConfiguration sslConfig() const;
+    // TLS settings, outside any endpoint like the proxy's. Off by default: peers are not
+    // verified. On: the system's CAs and the added ones. A pinned key is the SHA-256 of a
+    // server certificate's public key (SubjectPublicKeyInfo, DER), checked on every
+    // connection; empty when none.
+    void setTlsVerifyPeer(bool verify) { write(m_tlsVerifyPeer, verify); }
+    bool tlsVerifyPeer() const { return read(m_tlsVerifyPeer); }
+    void addTlsCaCertificates(const QList<QSslCertificate>& certificates);
+    void clearTlsCaCertificates() { write(m_tlsCaCertificates, {}); }
+    QList<QSslCertificate> tlsCaCertificates() const { return read(m_tlsCaCertificates); }
+    void setTlsPinnedKey(const QByteArray& digest) { write(m_tlsPinnedKey, digest); }
+    QByteArray tlsPinnedKey() const { return read(m_tlsPinnedKey); }
+    static QByteArray publicKeyDigest(const QSslCertificate& certificate);
     QNetworkAccessManager* networkMgr() const { return m_networkMgr; }
 
     void proxy(bool autoDetect, int scheme, const QString& host, unsigned short port, const QString& user,
@@ -35,7 +50,7 @@ public:
     void setProxyHostname(const QString& host) { write(m_proxyHostname, host); }
     void setProxyPort(unsigned short port) { write(m_proxyPort, port); }
     void setProxyUser(const QString& user) { write(m_proxyUser, user); }
-    void setProxyPassword(const QString& password) { write(m_proxyPassword, password); }
+    void setProxyPassword(const QString& password);
     void setProxyAutoDetect(bool autoDetect) { write(m_proxyAutoDetect, autoDetect); }
     void proxySwitch(bool open) { write(m_proxyIsOpen, open); }
     int proxyScheme() const { return read(m_proxyScheme); }
@@ -48,7 +63,7 @@ public:
 
     // The private-server verification code that rides as cookie "S": a copy of the
     // facade's, which keeps it equal to its endpoint's (empty without an endpoint).
-    void setVerifyCode(const QString& code) { write(m_verifyCode, code); }
+    void setVerifyCode(const QString& code);
     QString verifyCode() const { return read(m_verifyCode); }
 
 private:
@@ -68,9 +83,8 @@ private:
     Q_DISABLE_COPY(NBHttpClientManager)
 
     QNetworkAccessManager* m_networkMgr;
-    QSslConfiguration m_sslConfig;
 
-    // Proxy settings and the verification code, under their own lock.
+    // Proxy and TLS settings and the verification code, under their own lock.
     mutable QMutex m_settingsMutex;
     int m_proxyScheme = 3;
     QString m_proxyHostname;
@@ -80,6 +94,9 @@ private:
     bool m_proxyAutoDetect = true;
     bool m_proxyIsOpen = false;
     QString m_verifyCode;
+    bool m_tlsVerifyPeer = false;
+    QList<QSslCertificate> m_tlsCaCertificates;
+    QByteArray m_tlsPinnedKey;
 
     QMutex m_mutex;
     QMap<long long, NBHttpClient*> m_clients;

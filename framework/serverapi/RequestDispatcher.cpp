@@ -422,6 +422,10 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
         keepReceived(piece);
         dataCallback(piece);
     });
+    // Certificate errors come only when peers are verified; the handshake's end always.
+    connect(reply, &QNetworkReply::sslErrors, this,
+        [this, reply](const QList<QSslError>& errors) { checkTls(reply, errors); });
+    connect(reply, &QNetworkReply::encrypted, this, [this, reply] { checkTls(reply, {}); });
     connect(reply, &QNetworkReply::errorOccurred, this, [reply](QNetworkReply::NetworkError code) {
         NB_LOG_FATAL(
             QStringLiteral("QNetworkReply错误码: %1 原因:%2").arg(int(code)).arg(reply->errorString()));
@@ -465,12 +469,44 @@ bool RequestDispatcher::bodyCutShort(QNetworkReply* reply) const
 
 int RequestDispatcher::replyError(QNetworkReply* reply) const
 {
+    if (m_pinMismatch)
+        return int(QNetworkReply::SslHandshakeFailedError);
     return bodyCutShort(reply) ? int(QNetworkReply::RemoteHostClosedError) : int(reply->error());
 }
 
 QString RequestDispatcher::replyErrorText(QNetworkReply* reply) const
 {
+    if (m_pinMismatch)
+        return QStringLiteral("SSL handshake failed: the server's public key is not the pinned one");
     return bodyCutShort(reply) ? QStringLiteral("Connection closed") : reply->errorString();
+}
+
+// With a pinned key, the server's key decides: the pin trusts a server whose chain is
+// unknown (a private CA), and refuses any other, verified or not. Without one, the
+// errors stand (the handshake fails with them) and are named in the log.
+void RequestDispatcher::checkTls(QNetworkReply* reply, const QList<QSslError>& errors)
+{
+    const QByteArray pinned = NBHttpClientManager::manager()->tlsPinnedKey();
+    if (pinned.isEmpty()) {
+        QStringList reasons;
+        for (const QSslError& error : errors)
+            reasons << error.errorString();
+        if (!reasons.isEmpty())
+            NB_LOG_ERROR(QStringLiteral("TLS 校验失败: %1, url: %2").arg(reasons.join(QStringLiteral("; ")), m_sentUrl));
+        return;
+    }
+    const QByteArray key = NBHttpClientManager::publicKeyDigest(reply->sslConfiguration().peerCertificate());
+    if (key == pinned) {
+        if (!errors.isEmpty())
+            reply->ignoreSslErrors();
+        return;
+    }
+    if (m_pinMismatch)
+        return;
+    m_pinMismatch = true;
+    NB_LOG_ERROR(QStringLiteral("TLS 校验失败: the server's public key (sha256 %1) is not the pinned one, url: %2")
+                     .arg(QString::fromLatin1(key.toHex()), m_sentUrl));
+    reply->abort();
 }
 
 void RequestDispatcher::handleTimeout(

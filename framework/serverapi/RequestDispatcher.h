@@ -11,6 +11,7 @@
 #include <QObject>
 #include <QPair>
 #include <QPointer>
+#include <QSslError>
 #include <QUrlQuery>
 
 class QFile;
@@ -118,6 +119,7 @@ private:
     int replyError(QNetworkReply* reply) const;
     QString replyErrorText(QNetworkReply* reply) const;
     bool bodyCutShort(QNetworkReply* reply) const;
+    void checkTls(QNetworkReply* reply, const QList<QSslError>& errors);
     QString readReply(QNetworkReply* reply, const char* codecName);
     static ResponseData respData(const QString& body, const QHash<QByteArray, QByteArray>& headers,
         const QString& errorText, int status, int errorCode);
@@ -135,6 +137,8 @@ private:
     QNetworkAccessManager* m_manager;
     QPointer<QNetworkReply> m_reply;
     qint64 m_bodyBytesReceived = 0;
+    // The server's public key was not the pinned one: the request was aborted.
+    bool m_pinMismatch = false;
     // Feeds the completion record's body, which is read only up to its first zero byte.
     QByteArray m_received;
     bool m_receivedComplete = false;

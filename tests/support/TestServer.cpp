@@ -78,7 +78,7 @@ struct TestCertificate
         QProcess openssl;
         openssl.start(QStringLiteral("openssl"),
             { "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", keyPath, "-out", certPath, "-days",
-                "2", "-subj", "/CN=127.0.0.1" });
+                "2", "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1" });
         if (!openssl.waitForFinished(60000) || openssl.exitCode() != 0)
             qFatal("openssl could not make the test certificate: %s",
                 openssl.readAllStandardError().constData());
@@ -93,6 +93,11 @@ struct TestCertificate
 };
 
 } // namespace
+
+QSslCertificate TestServer::tlsCertificate()
+{
+    return TestCertificate::get().certificate;
+}
 
 QByteArray RecordedRequest::header(const QByteArray& name) const
 {

@@ -6,6 +6,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QMutex>
+#include <QSslCertificate>
 #include <QObject>
 #include <QPair>
 #include <QString>
@@ -92,6 +93,9 @@ public:
     QString scheme() const { return m_options.tls ? QStringLiteral("https") : QStringLiteral("http"); }
     // The address of a path on this server, e.g. url("/a?b=1").
     QString url(const QString& pathAndQuery = QStringLiteral("/")) const;
+
+    // The self-signed certificate of the TLS mode (for 127.0.0.1), made once per process.
+    static QSslCertificate tlsCertificate();
 
     void setHandler(Handler handler);
     QList<RecordedRequest> requests() const;

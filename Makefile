@@ -46,7 +46,7 @@ bench:
 # The libFuzzer targets (clang, ASan, UBSan), each run FUZZ_SECONDS on its seed corpus.
 fuzz:
 	@tools/install-deps.sh --fuzz
-	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=Debug -DNB_BUILD_TESTS=OFF -DNB_BUILD_EMULATOR=OFF -DNB_BUILD_FUZZ=ON
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=Debug -DNB_BUILD_TESTS=OFF -DNB_BUILD_EMULATOR=OFF -DNB_BUILD_CLI=OFF -DNB_BUILD_FUZZ=ON
 	cmake --build $(FUZZ_DIR) -j$(JOBS) --target fuzz_parser fuzz_address
 	fuzz/run.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
 

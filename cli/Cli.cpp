@@ -21,6 +21,8 @@ QList<QCommandLineOption> Cli::globalOptions()
         { { "q", "quiet" }, "No progress and no notes; errors only." },
         { { "v", "verbose" }, "Say each retry, and let the library log in detail." },
         { "retries", "Retry a failed request up to N times (default 5).", "N", "5" },
+        { "cacert", "Trust the CA certificates of FILE (PEM) besides the system's.", "FILE" },
+        { "insecure", "Do not verify the server's TLS certificate." },
     };
 }
 
@@ -32,6 +34,14 @@ void Cli::configure(const QCommandLineParser& parser)
     remote.setVerbose(console.verbose);
     remote.setRetries(parser.value("retries").toInt());
     space = parser.value("space");
+    m_insecure = parser.isSet("insecure");
+    m_caFile = parser.value("cacert");
+    if (m_insecure && !m_caFile.isEmpty())
+        throw Failure { Exit::Usage, QStringLiteral("--cacert and --insecure exclude each other") };
+    // Verified unless asked not to; the library's own default is not to verify.
+    ServerApi::setTlsVerifyPeer(!m_insecure);
+    if (!m_caFile.isEmpty() && !ServerApi::addTlsCaCertificates(m_caFile))
+        throw Failure { Exit::Local, QStringLiteral("%1 holds no PEM certificate").arg(m_caFile) };
 
     QString error;
     settings = Config::load(&error);
@@ -78,6 +88,16 @@ void Cli::connect(bool signedIn)
         throw Failure { Exit::Refused, QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server) };
     settings.server = withScheme(settings.server);
     ServerApi::setLogLevel(console.verbose);
+    ServerApi::setLogRedaction(true);
+    if (settings.server.startsWith(QLatin1String("https:"), Qt::CaseInsensitive)) {
+        if (m_insecure) {
+            console.note(QStringLiteral("TLS: the server's certificate is not verified (--insecure)"));
+        } else if (!m_caFile.isEmpty()) {
+            console.note(QStringLiteral("TLS: verifying the server against the system's CAs and %1").arg(m_caFile));
+        } else {
+            console.note(QStringLiteral("TLS: verifying the server against the system's CAs"));
+        }
+    }
     ServerApi::init(ServerApi::NBServerApiType(settings.type));
     ServerApi::setBaseUrlString(settings.server);
     ServerApi::setSessionID(settings.session);

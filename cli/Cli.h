@@ -34,6 +34,10 @@ public:
     DriveEndpoint drive() { return DriveEndpoint(remote, settings.server, space); }
     // The server address with a scheme: a bare host is completed by probing https, then http.
     static QString withScheme(const QString& address);
+
+private:
+    bool m_insecure = false;
+    QString m_caFile;
 };
 
 // One verb of nbcli: its help and its options, and what it runs. `run` returns the exit

@@ -219,6 +219,10 @@ Failure Remote::failureOf(const QString& what, const Reply& reply)
         return { Exit::Local, QStringLiteral("%1: %2").arg(what, data.errorString) };
     const QString tries = reply.attempts > 1 ? QStringLiteral(" after %1 attempts").arg(reply.attempts) : QString();
     if (data.statusCode == 0 || (data.statusCode < 300 && data.networkError != 0)) {
+        if (data.networkError == 6) // SslHandshakeFailedError
+            return { Exit::Network,
+                QStringLiteral("%1: the server's TLS certificate is not trusted (%2); give --cacert FILE with its CA, or --insecure")
+                    .arg(what, data.errorString) };
         if (data.errorString == QLatin1String("TimeOut") || data.networkError == 4)
             return { Exit::Network, QStringLiteral("%1: the server stopped answering (time-out%2); try again later").arg(what, tries) };
         return { Exit::Network,

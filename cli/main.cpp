@@ -31,7 +31,10 @@ int overview(Console& console, const QList<Command>& commands)
         text += QStringLiteral("  %1 %2\n").arg(names + (option.valueName().isEmpty() ? QString() : QLatin1Char(' ') + option.valueName()), -24)
                     .arg(option.description());
     }
-    text += QStringLiteral("\nThe session is kept in %1 (mode 0600).\n%2").arg(Config::file(), QLatin1String(ExitTable));
+    text += QStringLiteral("\nThe session is kept in %1 (mode 0600). Server certificates are verified (the system's CAs, "
+                           "and --cacert). The library's log (Transfer.log) is written with passwords, codes, tokens and "
+                           "sessions hidden; -v adds detail to it.\n%2")
+                .arg(Config::file(), QLatin1String(ExitTable));
     console.out(text);
     return 0;
 }

@@ -183,9 +183,10 @@ private slots:
         QVERIFY2(run.err.contains("invalid username or password"), qPrintable(run.err));
         QVERIFY(!run.err.contains("wrong"));
 
-        // The password from standard input; the scheme of a bare host found by probing.
+        // The password from standard input; the scheme of a bare host found by probing; the
+        // library's detailed trace on, so that it writes the sign-in's parameters.
         const QString bare = emu.url().mid(QStringLiteral("http://").size());
-        run = nbcli({ "login", "--server", bare, "--user", "alice", "--password-stdin" }, {}, "secret\n");
+        run = nbcli({ "login", "--verbose", "--server", bare, "--user", "alice", "--password-stdin" }, {}, "secret\n");
         CLI_OK(run);
         QCOMPARE(run.out.trimmed(), QStringLiteral("signed in to %1 as alice (public cloud)").arg(emu.url()));
 
@@ -213,10 +214,45 @@ private slots:
         QCOMPARE(run.exit, 2);
         QVERIFY(run.err.contains("run nbcli login"));
 
+        // The library's log holds neither the password nor the session.
+        QFile log(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + "/NimbraData/Log/Transfer.log");
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        const QByteArray logged = log.readAll();
+        QVERIFY(logged.contains("password=***(6)"));
+        QVERIFY(!logged.contains("secret"));
+        QVERIFY(!logged.contains(stored.value("session").toString().toLatin1()));
+
         CLI_OK(nbcli({ "logout" }));
         run = nbcli({ "whoami" });
         QCOMPARE(run.exit, 2);
         QCOMPARE(run.err.trimmed(), QStringLiteral("nbcli: not signed in to %1: run nbcli login").arg(emu.url()));
+    }
+
+    void tlsVerifiedUnlessAskedNotTo()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--tls-self-signed" });
+        const QString url = emu.url().replace("http://", "https://");
+        const QMap<QString, QString> password { { "NB_PASSWORD", "secret" } };
+        CliRun run = nbcli({ "login", "--server", url, "--user", "alice" }, password);
+        QCOMPARE(run.exit, 3);
+        QVERIFY2(run.err.startsWith("TLS: verifying the server against the system's CAs\n"), qPrintable(run.err));
+        QVERIFY(run.err.contains("the server's TLS certificate is not trusted"));
+        QVERIFY(run.err.contains("give --cacert FILE with its CA, or --insecure"));
+
+        // The certificate nbemu made at its first start, where it says it is.
+        const QString certificate = emu.dataDir() + "/tls/cert.pem";
+        QVERIFY(emu.output().contains("nbemu: certificate " + certificate));
+        run = nbcli({ "login", "--server", url, "--user", "alice", "--cacert", certificate }, password);
+        CLI_OK(run);
+        QVERIFY(run.err.contains("TLS: verifying the server against the system's CAs and " + certificate));
+        CLI_OK(nbcli({ "whoami", "--cacert", certificate }));
+        QCOMPARE(nbcli({ "whoami" }).exit, 3);
+        run = nbcli({ "whoami", "--insecure" });
+        CLI_OK(run);
+        QVERIFY(run.err.contains("TLS: the server's certificate is not verified (--insecure)"));
+        QCOMPARE(nbcli({ "whoami", "-q", "--insecure" }).err, QString());
+        QCOMPARE(nbcli({ "whoami", "--cacert", local("none.pem") }).exit, 4);
+        QCOMPARE(nbcli({ "whoami", "--cacert", certificate, "--insecure" }).exit, 1);
     }
 
     void expiredSessionSaysWhatToDo()

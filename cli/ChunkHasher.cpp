@@ -3,6 +3,8 @@
 #include <QFile>
 #include <QMetaObject>
 
+#include <chrono>
+
 #include <openssl/evp.h>
 
 namespace {
@@ -41,19 +43,29 @@ void ChunkHasher::run()
 {
     QFile file(m_path);
     const auto report = [this](auto function) { QMetaObject::invokeMethod(this, function, Qt::QueuedConnection); };
-    if (!file.open(QIODevice::ReadOnly)) {
+    // Unbuffered: a file that grows is read again where the last read found its end.
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         report([this, error = file.errorString()] { m_onEnd(error); });
         return;
     }
     QByteArray buffer(int(ChunkSize), Qt::Uninitialized);
     for (int index = 0; !m_stop; ++index) {
-        const qint64 offset = file.pos();
-        const qint64 length = file.read(buffer.data(), ChunkSize);
-        if (length < 0) {
-            report([this, error = file.errorString()] { m_onEnd(error); });
-            return;
+        const qint64 offset = qint64(index) * ChunkSize;
+        const qint64 wanted = m_growingTo < 0 ? ChunkSize : qMin(ChunkSize, m_growingTo - offset);
+        qint64 length = 0;
+        while (length < wanted && !m_stop) {
+            const qint64 got = file.read(buffer.data() + length, wanted - length);
+            if (got < 0) {
+                report([this, error = file.errorString()] { m_onEnd(error); });
+                return;
+            }
+            length += got;
+            if (got == 0 && m_growingTo < 0)
+                break;
+            if (got == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        if (length == 0) // an empty file has no chunk
+        if (length == 0 || m_stop) // an empty file has no chunk
             break;
         const Chunk chunk { index, offset, length, QString::fromLatin1(sha256(buffer.constData(), size_t(length)).toHex()) };
         report([this, chunk] { m_onChunk(chunk); });

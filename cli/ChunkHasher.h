@@ -1,7 +1,8 @@
 // The drive's stored form of a file: SHA-256 over 4 MiB chunks (the last one shorter),
 // each as lower-case hex, and the file's hash as SHA-256 over the raw chunk digests in
-// order (an empty file has no chunk). A hasher reads the file on a worker thread and reports each chunk on the thread
-// that owns it, so that uploads of earlier chunks run while later ones are hashed.
+// order (an empty file has no chunk). A hasher reads the file on a worker thread and
+// reports each chunk on the thread that owns it, so that uploads of earlier chunks run
+// while later ones are hashed.
 #pragma once
 
 #include <QObject>
@@ -29,6 +30,9 @@ public:
     using End = std::function<void(const QString& error)>;
 
     ChunkHasher(const QString& path, ChunkDone onChunk, End onEnd, QObject* parent = nullptr);
+    // Hashes a file that is still being written until it holds `bytes`: a download is
+    // hashed while it arrives instead of read again at its end.
+    void follow(qint64 bytes) { m_growingTo = bytes; }
     // Stops the worker and waits for it; reports that have not run yet are dropped.
     ~ChunkHasher() override;
 
@@ -44,6 +48,7 @@ private:
     QString m_path;
     ChunkDone m_onChunk;
     End m_onEnd;
+    qint64 m_growingTo = -1;
     std::atomic<bool> m_stop { false };
     std::thread m_worker;
 };

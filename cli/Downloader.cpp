@@ -54,6 +54,15 @@ Downloader::Result Downloader::get(const QString& remotePath, const RemoteEntry&
         result.resumedFrom = 0;
     }
     m_progress.beginFile(QFileInfo(localPath).fileName(), entry.bytes);
+    // The part is hashed as it grows; what a failed range took back makes it read again.
+    QFile created(part);
+    if (!created.exists() && !created.open(QIODevice::WriteOnly))
+        throw Failure { Exit::Local, QStringLiteral("cannot write %1: %2").arg(part, created.errorString()) };
+    created.close();
+    Hashing hashing(m_endpoint.remote(), part);
+    hashing.hasher.follow(entry.bytes);
+    hashing.hasher.start();
+    m_rewound = false;
     if (result.resumedFrom == 0 && entry.bytes > 0)
         fetchWhole(remotePath, part);
     fetchRest(remotePath, part, entry.bytes);
@@ -65,7 +74,9 @@ Downloader::Result Downloader::get(const QString& remotePath, const RemoteEntry&
                 .arg(m_endpoint.describe(remotePath))
                 .arg(size)
                 .arg(entry.bytes) };
-    result.hash = hashOf(part);
+    result.hash = m_rewound ? hashOf(part) : hashing.result();
+    if (!entry.hash.isEmpty() && entry.hash != result.hash && !m_rewound)
+        result.hash = hashOf(part); // read whole once more before calling it damaged
     if (!entry.hash.isEmpty() && entry.hash != result.hash) {
         QFile::remove(part);
         throw Failure { Exit::Network,
@@ -128,9 +139,11 @@ void Downloader::fetchRest(const QString& remotePath, const QString& part, qint6
                     m_progress.setDone(file.size());
                 },
                 {});
-            return request([&file, begin, done](const ResponseData& data) {
-                if (data.statusCode != 206)
+            return request([this, &file, begin, done](const ResponseData& data) {
+                if (data.statusCode != 206 && file.size() > begin) {
                     file.resize(begin);
+                    m_rewound = true;
+                }
                 done(data);
             });
         };
@@ -145,21 +158,30 @@ void Downloader::fetchRest(const QString& remotePath, const QString& part, qint6
     }
 }
 
-QString Downloader::hashOf(const QString& path)
+Downloader::Hashing::Hashing(Remote& remote, const QString& path)
+    : remote(remote)
+    , path(path)
+    , hasher(
+          path, [this](const ChunkHasher::Chunk& chunk) { hashes << chunk.hash; },
+          [this](const QString& problem) {
+              error = problem;
+              finished = true;
+              this->remote.wake();
+          })
 {
-    QStringList hashes;
-    bool finished = false;
-    QString error;
-    ChunkHasher hasher(
-        path, [&](const ChunkHasher::Chunk& chunk) { hashes << chunk.hash; },
-        [&](const QString& problem) {
-            error = problem;
-            finished = true;
-            m_endpoint.remote().wake();
-        });
-    hasher.start();
-    m_endpoint.remote().waitFor([&] { return finished; });
+}
+
+QString Downloader::Hashing::result()
+{
+    remote.waitFor([this] { return finished; });
     if (!error.isEmpty())
         throw Failure { Exit::Local, QStringLiteral("cannot read %1: %2").arg(path, error) };
     return ChunkHasher::fileHash(hashes);
+}
+
+QString Downloader::hashOf(const QString& path)
+{
+    Hashing hashing(m_endpoint.remote(), path);
+    hashing.hasher.start();
+    return hashing.result();
 }

@@ -4,6 +4,7 @@
 // partial file. A part left by an interrupted run is continued with range requests.
 #pragma once
 
+#include "ChunkHasher.h"
 #include "TransferEndpoint.h"
 
 #include <QJsonObject>
@@ -36,6 +37,21 @@ private:
     void fetchRest(const QString& remotePath, const QString& part, qint64 total);
     QString hashOf(const QString& path);
 
+    // A file's hash computed on a worker, waited for on the remote's loop.
+    struct Hashing
+    {
+        Hashing(Remote& remote, const QString& path);
+        QString result();
+
+        Remote& remote;
+        QString path;
+        QStringList hashes;
+        QString error;
+        bool finished = false;
+        ChunkHasher hasher;
+    };
+
     TransferEndpoint& m_endpoint;
     Progress& m_progress;
+    bool m_rewound = false; // a range attempt took back what it had written
 };

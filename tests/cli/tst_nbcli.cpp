@@ -559,6 +559,25 @@ private slots:
         QVERIFY(!QFileInfo::exists(part));
     }
 
+    // Error bodies of failed range requests are written and taken back: the file hashed
+    // while it arrived is read again, and the result is whole.
+    void failedRangesAreTakenBack()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--fault-seed", "3" });
+        QVERIFY(signIn(emu));
+        const QByteArray content = randomBytes(24 << 20, 37);
+        writeFile(local("taken-back.bin"), content);
+        CLI_OK(nbcli({ "put", local("taken-back.bin"), "/taken-back.bin" }));
+        emu.control("POST", "/__emu/faults", { { "rule", "^/v2/files/databox/taken-back.bin:reset=5000000" } });
+        emu.control("POST", "/__emu/faults", { { "rule", "^/v2/dl_router/:status=503@0.5" } });
+        const CliRun run = nbcli({ "get", "--json", "/taken-back.bin", local("taken-back-out.bin") });
+        CLI_OK(run);
+        QVERIFY(countTargets(emu, "GET", "/v2/dl_router/", 503) > 0);
+        QVERIFY(readFile(local("taken-back-out.bin")) == content);
+        QCOMPARE(json(run.out).toArray().at(0).toObject().value("hash").toString(),
+            json(nbcli({ "stat", "--json", "/taken-back.bin" }).out).toObject().value("hash").toString());
+    }
+
     void ctrlCCancelsAndLeavesNothingHalfDone()
     {
         EmuProcess emu({ "--user", "alice:secret", "--fault", "^/v2/chunked_upload:latency=400" });

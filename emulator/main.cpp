@@ -25,7 +25,10 @@ int main(int argc, char** argv)
 {
     // The server's pool has many threads, and glibc gives each its own arena by default,
     // which keeps what a thread once held (a chunk, a listing): a few arenas serve them all.
+    // Bodies of a chunk's size are mapped and unmapped whole; left to itself, glibc raises
+    // that threshold after the first one and keeps every later one in an arena.
     ::mallopt(M_ARENA_MAX, 2);
+    ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("nbemu"));
     QCoreApplication::setApplicationVersion(QStringLiteral("1.0"));

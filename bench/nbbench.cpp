@@ -16,13 +16,20 @@
 //   nbbench facade-upload SERVER PATH          UploadFile of PATH to "/upload"
 //   nbbench chunked SERVER PATH INFLIGHT       ChunkedUpload of PATH in 4 MiB chunks, INFLIGHT
 //                                              requests at a time, each chunk read from the
-//                                              file when its request starts
+//                                              file when its request starts (sent without a
+//                                              hash: the transfer is measured, not hashing)
+//   nbbench listings SERVER COUNT              COUNT sequential MetaData listings of "/many"
+//   nbbench concurrent SERVER CLIENTS COUNT    COUNT listings of "/many", CLIENTS in flight
+// With NB_BENCH_USER and NB_BENCH_PASSWORD set, the facade cases sign in first (nbemu).
 #include "BenchCommon.h"
 #include "INBSeverApi.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
 
+#include <QEventLoop>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QFileInfo>
 #include <functional>
 
@@ -212,7 +219,6 @@ int chunked(const QString& server, const QString& path, int inFlight)
         NBServerApiChunkedUploadModel model;
         model.serverUrl = server;
         model.uploadId = QStringLiteral("bench");
-        model.hash = QString::number(started);
         file.seek(started * chunkSize);
         model.data = file.read(chunkSize);
         ++started;
@@ -233,6 +239,59 @@ int chunked(const QString& server, const QString& path, int inFlight)
     return measurement.report(sent);
 }
 
+// COUNT listings of "/many", `inFlight` at a time.
+int listings(const QString& server, int count, int inFlight)
+{
+    ServerApi::setBaseUrlString(server);
+    NBServerApiMetaEntryModel folder;
+    folder.path = QStringLiteral("/many");
+    folder.pathType = NBPathType::Ent;
+    folder.list = true;
+    int started = 0;
+    int finished = 0;
+    Measurement measurement;
+    std::function<void()> startNext = [&] {
+        ++started;
+        ServerApi::MetaData(folder, [&](const ResponseData& response) {
+            QString error = problem(response);
+            if (error.isEmpty() && !response.body.contains(QLatin1String("\"total\":1000")))
+                error = QStringLiteral("a listing without its 1000 entries");
+            if (!error.isEmpty())
+                return measurement.stop(error);
+            if (++finished == count)
+                measurement.stop(QString());
+            else if (started < count)
+                QMetaObject::invokeMethod(qApp, startNext, Qt::QueuedConnection);
+        });
+    };
+    for (int i = 0; i < inFlight && started < count; ++i)
+        startNext();
+    measurement.wait();
+    return measurement.report(finished);
+}
+
+// Signs in when the environment names a user, and keeps the session.
+bool signIn(const QString& server)
+{
+    const QString user = qEnvironmentVariable("NB_BENCH_USER");
+    if (user.isEmpty())
+        return true;
+    ServerApi::setBaseUrlString(server);
+    NBServerApiLoginModel login;
+    login.kind = 2;
+    login.userName = user;
+    login.password = qEnvironmentVariable("NB_BENCH_PASSWORD");
+    QEventLoop loop;
+    QString session;
+    ServerApi::Login(login, [&](const ResponseData& response) {
+        session = QJsonDocument::fromJson(response.body.toUtf8()).object().value("X-NIMBRA-SESS-ID").toString();
+        loop.quit();
+    });
+    loop.exec();
+    ServerApi::setSessionID(session);
+    return !session.isEmpty();
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -251,6 +310,12 @@ int main(int argc, char** argv)
     if (name == QLatin1String("gets") && args.size() == 3 && args[2].toInt() > 0)
         return smallGets(args[1], args[2].toInt());
     ServerApi::init(ServerApi::PublicCloud);
+    if (args.size() > 1 && !signIn(args[1]))
+        return fail(QStringLiteral("cannot sign in as %1").arg(qEnvironmentVariable("NB_BENCH_USER")));
+    if (name == QLatin1String("listings") && args.size() == 3 && args[2].toInt() > 0)
+        return listings(args[1], args[2].toInt(), 1);
+    if (name == QLatin1String("concurrent") && args.size() == 4 && args[2].toInt() > 0 && args[3].toInt() > 0)
+        return listings(args[1], args[3].toInt(), args[2].toInt());
     if (name == QLatin1String("facade-download-file") && args.size() == 3)
         return facadeDownloadFile(args[1], args[2]);
     if (name == QLatin1String("facade-router") && args.size() == 2)
@@ -262,5 +327,6 @@ int main(int argc, char** argv)
     return fail(
         QStringLiteral("usage: nbbench download-file URL PATH | download-data URL | upload URL PATH"
                        " | multipart URL PATH | gets URL COUNT | facade-download-file SERVER PATH"
-                       " | facade-router SERVER | facade-upload SERVER PATH | chunked SERVER PATH INFLIGHT"));
+                       " | facade-router SERVER | facade-upload SERVER PATH | chunked SERVER PATH INFLIGHT"
+                               " | listings SERVER COUNT | concurrent SERVER CLIENTS COUNT"));
 }

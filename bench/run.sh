@@ -29,6 +29,10 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/nbbench.XXXXXX")
 www=$work/www
 nginx_pid=
 cleanup() {
+    if [ -n "${emu_pid:-}" ]; then
+        kill "$emu_pid" 2>/dev/null || true
+        wait "$emu_pid" 2>/dev/null || true
+    fi
     if [ -n "$nginx_pid" ]; then
         kill "$nginx_pid" 2>/dev/null || true
         wait "$nginx_pid" 2>/dev/null || true
@@ -71,6 +75,8 @@ echo "bench: creating test files in $work" >&2
 head -c $big /dev/urandom >"$www/big.bin"
 head -c $part "$www/big.bin" >"$www/part.bin"
 small_json >"$www/small.json"
+mkdir -p "$www/many"
+for i in $(seq -w 1 1000); do printf 'entry %s\n' "$i" >"$www/many/f$i.txt"; done
 printf '{"code":0}\n' >"$www/done.json"
 : >"$www/upload" # POST on this static file gives 405, which the sink turns into 200
 sync             # no write-back of the test files while measuring
@@ -154,6 +160,39 @@ start_nginx() {
 start_nginx
 url=http://127.0.0.1:$port
 
+# nbemu, seeded with the same files (the 1 GiB one among them), for the emulator's cases.
+emu_pid=
+emu_data=$work/emu
+start_emu() {
+    "$build/emulator/nbemu" --data "$emu_data" --seed "$www" --user bench:bench --port-file "$work/emu.port" \
+        --log /dev/null >"$work/emu.out" 2>&1 &
+    emu_pid=$!
+    for _ in $(seq 600); do
+        [ -s "$work/emu.port" ] && return 0
+        kill -0 $emu_pid 2>/dev/null || break
+        sleep 0.1
+    done
+    cat "$work/emu.out" >&2
+    die "nbemu did not start"
+}
+start_emu
+emu_url=http://127.0.0.1:$(cat "$work/emu.port")
+emu_env=(env NB_BENCH_USER=bench NB_BENCH_PASSWORD=bench)
+
+# nbcli signed in to nbemu with a config folder of its own, and the session for curl.
+cli_env=(env XDG_CONFIG_HOME="$work/cli")
+"${cli_env[@]}" NB_PASSWORD=bench "$build/cli/nbcli" login -q --server "$emu_url" --user bench >/dev/null ||
+    die "nbcli could not sign in to nbemu"
+emu_session=$(sed -n 's/.*"session": *"\([^"]*\)".*/\1/p' "$work/cli/nbcli/session.json")
+[ -n "$emu_session" ] || die "no nbcli session"
+emu_cookie=(-H "Cookie: X-NIMBRA-SESS-ID=$emu_session")
+# `nbcli put|get --json` reports bytes and milliseconds of the transfer itself (as curl's
+# time_total is), printed here as "<bytes> <seconds>".
+cli_rate='"$@" | sed -n "s/.*\"bytes\":\([0-9]*\).*\"ms\":\([0-9]*\).*/\1 \2/p" | awk "{ print \$1, \$2 / 1000 }"'
+# Each upload round stores new content: a fresh random file, and the store's earlier
+# chunk files removed (the chunk table still names them, but no new hash collides).
+fresh_file='rm -rf "$1"/chunks/*; head -c "$2" /dev/urandom >"$3"; shift 3'
+
 curl_opts=(-sS --noproxy '*' -H 'Expect:')
 down_format='%{size_download} %{time_total}\n'
 up_format='%{size_upload} %{time_total}\n'
@@ -218,6 +257,49 @@ side_command() {
         label="ChunkedUpload x${1#chunked-}"
         cmd=("$bin/nbbench" chunked "$url" "$www/big.bin" "${1#chunked-}")
         ;;
+    emu-file)
+        label="DownloadFile, nbemu"
+        cmd=("${emu_env[@]}" "$bin/nbbench" facade-download-file "$emu_url" "$work/out.bin")
+        ;;
+    emu-chunked)
+        # Every round stores its chunks anew: the store's files go first.
+        label="ChunkedUpload x8, nbemu"
+        cmd=(bash -c 'rm -rf "$1"/chunks/*; shift; exec "$@"' - "$emu_data" "${emu_env[@]}" "$bin/nbbench" chunked
+            "$emu_url" "$www/big.bin" 8)
+        ;;
+    emu-listings)
+        label="listings, nbemu"
+        cmd=("${emu_env[@]}" "$bin/nbbench" listings "$emu_url" "$gets")
+        ;;
+    cli-get)
+        label="nbcli get"
+        cmd=("${cli_env[@]}" bash -c "$cli_rate" - "$build/cli/nbcli" get -q --json /big.bin "$work/out.bin")
+        ;;
+    emu-curl-file)
+        label="curl -o FILE, nbemu"
+        cmd=(curl "${curl_opts[@]}" "${emu_cookie[@]}" -o "$work/out.bin" -w "$down_format"
+            "$emu_url/v2/files/databox/big.bin?path_type=ent")
+        ;;
+    cli-put)
+        label="nbcli put"
+        cmd=("${cli_env[@]}" bash -c "$fresh_file; $cli_rate" - "$emu_data" $big "$work/up.bin"
+            "$build/cli/nbcli" put -q --json "$work/up.bin" /cli/up.bin)
+        ;;
+    cli-reput)
+        label="nbcli put, unchanged"
+        cmd=("${cli_env[@]}" bash -c "$fresh_file; \"\$@\" >/dev/null; $cli_rate" - "$emu_data" $big "$work/up.bin"
+            "$build/cli/nbcli" put -q --json "$work/up.bin" /cli/up.bin)
+        ;;
+    emu-curl-upload)
+        label="curl -T FILE, nbemu"
+        cmd=(bash -c "$fresh_file; \"\$@\"" - "$emu_data" $big "$work/up.bin" curl "${curl_opts[@]}" "${emu_cookie[@]}"
+            -T "$work/up.bin" -X POST -o /dev/null -w "$up_format"
+            "$emu_url/v2/files/databox/cli/curl.bin?path_type=ent&overwrite=true")
+        ;;
+    emu-concurrent)
+        label="100 in flight, nbemu"
+        cmd=("${emu_env[@]}" "$bin/nbbench" concurrent "$emu_url" 100 "$gets")
+        ;;
     lib-gets)
         label="library"
         cmd=("$bin/nbbench" gets "$url/small.json" "$gets")
@@ -281,7 +363,8 @@ measure() {
     rss=$(sed -n 2p <<<"$output")
     [ "${amount:-0}" -ge "$expected" ] || die "${cmd[*]} moved ${amount:-0} of $expected"
     case $side in
-    *-file | *-write) rm -f "$work/out.bin" ;;
+    emu-curl-upload) ;;
+    *-file | *-write | cli-get) rm -f "$work/out.bin" ;;
     *upload | *multipart | chunked-*) check_sink "$expected" ;;
     esac
     echo "$side round=$round amount=$amount seconds=$seconds peak_rss_kib=$rss" >>"$raw"
@@ -368,6 +451,18 @@ run_case "facade download" $big facade-file lib-file curl-file
 run_case "facade router" $big facade-router curl-null
 run_case "facade upload" $big facade-upload lib-upload curl-upload
 run_case "chunked upload" $big chunked-1 chunked-4 chunked-8 facade-upload curl-upload
+# nbemu's peak memory while 1 GiB goes each way: the seeding's is forgotten first.
+emu_peak() { awk '/VmHWM/ { printf "%.1f", $2 / 1024 }' "/proc/$emu_pid/status" 2>/dev/null; }
+echo 5 >"/proc/$emu_pid/clear_refs" 2>/dev/null || true
+run_case "nbemu download" $big emu-file curl-file
+run_case "nbemu chunked upload" $big emu-chunked curl-upload
+run_case "nbcli get" $big cli-get emu-curl-file
+# The upload cases after the downloads: they remove the store's chunk files, the seeded ones included.
+run_case "nbcli put" $big cli-put cli-reput emu-curl-upload
+emu_transfer_rss=$(emu_peak)
+echo 5 >"/proc/$emu_pid/clear_refs" 2>/dev/null || true
+run_case "nbemu listings" "$gets" emu-listings emu-concurrent
+emu_listing_rss=$(emu_peak)
 
 echo
 echo "Medians of $rounds round(s) after a warm-up, sides alternating; $(nproc) CPUs; nginx" \
@@ -394,6 +489,20 @@ report "1 GiB chunked, 1" $big $mib MiB/s chunked-1 facade-upload - 64
 report "1 GiB chunked, 4" $big $mib MiB/s chunked-4 facade-upload - 64
 report "1 GiB chunked, 8" $big $mib MiB/s chunked-8 facade-upload 3 64
 report "1 GiB chunked, 8" $big $mib MiB/s chunked-8 curl-upload 0.9 -
+echo "nbemu (the emulator) against nginx, and alone:"
+report "1 GiB DownloadFile" $big $mib MiB/s emu-file curl-file 0.8 -
+report "1 GiB chunked, 8" $big $mib MiB/s emu-chunked curl-upload 0.5 -
+report "$gets listings of 1000" "$gets" 1 req/s emu-listings emu-listings - -
+report "$gets listings, 100 fl." "$gets" 1 req/s emu-concurrent emu-listings - -
+echo "nbcli against nbemu, next to curl against the same nbemu:"
+report "1 GiB get" $big $mib MiB/s cli-get emu-curl-file 0.9 100
+report "1 GiB put" $big $mib MiB/s cli-put emu-curl-upload 0.8 100
+report "1 GiB put, unchanged" $big $mib MiB/s cli-reput cli-put 5 100
+if [ -n "$emu_transfer_rss" ]; then
+    verdict "$emu_transfer_rss" '<' 64
+    echo "nbemu peak RSS while 1 GiB went each way: $emu_transfer_rss MiB (target <64: $outcome);" \
+        "during the listings: $emu_listing_rss MiB"
+fi
 echo "targets: $passes PASS, $misses MISS; every run's figures: $raw"
 if [ $busy_rounds -gt 0 ]; then
     echo "note: $busy_rounds of $all_rounds rounds started while other processes kept the CPUs busy;" \

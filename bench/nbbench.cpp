@@ -216,6 +216,9 @@ int chunked(const QString& server, const QString& path, int inFlight)
     qint64 sent = 0;
     Measurement measurement;
     std::function<void()> startNext = [&] {
+        // Two completions may each queue a start for the last chunk: the second has none.
+        if (started >= chunks)
+            return;
         NBServerApiChunkedUploadModel model;
         model.serverUrl = server;
         model.uploadId = QStringLiteral("bench");

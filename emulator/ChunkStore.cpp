@@ -60,23 +60,66 @@ bool ChunkStore::put(const QByteArray& hash, const QByteArray& bytes, QString* e
         *error = QStringLiteral("not a chunk hash");
         return false;
     }
-    const QString path = pathOf(hash);
-    if (QFileInfo::exists(path))
+    if (has(hash))
         return true;
-    const QString dir = QFileInfo(path).absolutePath();
-    QDir().mkpath(dir);
-    const QString temporary = dir + QStringLiteral("/.tmp-") + QUuid::createUuid().toString(QUuid::Id128);
-    QFile file(temporary);
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size() || !file.flush()
-        || ::fsync(file.handle()) != 0) {
-        *error = QStringLiteral("cannot write a chunk: %1").arg(file.errorString());
-        file.remove();
+    Incoming chunk(*this);
+    if (!chunk.add(bytes.constData(), size_t(bytes.size()))) {
+        *error = QStringLiteral("cannot write a chunk: %1").arg(chunk.errorString());
         return false;
     }
-    file.close();
-    if (::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(path).constData()) != 0) {
+    return chunk.keep(hash, error);
+}
+
+ChunkStore::Incoming::Incoming(const ChunkStore& store)
+    : m_store(store)
+    , m_file(QStringLiteral("%1/.tmp-%2").arg(store.m_root, QUuid::createUuid().toString(QUuid::Id128)))
+{
+}
+
+ChunkStore::Incoming::~Incoming()
+{
+    if (m_file.isOpen() || m_file.exists())
+        m_file.remove();
+}
+
+bool ChunkStore::Incoming::add(const char* data, size_t size)
+{
+    if (!m_file.isOpen() && !m_file.open(QIODevice::WriteOnly))
+        return false;
+    if (m_file.write(data, qint64(size)) != qint64(size))
+        return false;
+    m_sha.add(data, size);
+    m_size += qint64(size);
+    return true;
+}
+
+QByteArray ChunkStore::Incoming::hash()
+{
+    if (m_hash.isEmpty())
+        m_hash = m_sha.result().toHex();
+    return m_hash;
+}
+
+bool ChunkStore::Incoming::keep(const QByteArray& hash, QString* error)
+{
+    if (!m_file.isOpen() && !m_file.open(QIODevice::WriteOnly)) { // an empty chunk
+        *error = QStringLiteral("cannot write a chunk: %1").arg(m_file.errorString());
+        return false;
+    }
+    if (!m_file.flush() || ::fsync(m_file.handle()) != 0) {
+        *error = QStringLiteral("cannot write a chunk: %1").arg(m_file.errorString());
+        return false;
+    }
+    m_file.close();
+    const QString path = m_store.pathOf(hash);
+    if (QFileInfo::exists(path)) {
+        m_file.remove();
+        return true;
+    }
+    const QString dir = QFileInfo(path).absolutePath();
+    QDir().mkpath(dir);
+    if (::rename(QFile::encodeName(m_file.fileName()).constData(), QFile::encodeName(path).constData()) != 0) {
         *error = QStringLiteral("cannot store a chunk");
-        QFile::remove(temporary);
         return false;
     }
     syncDirectory(dir);

@@ -3,7 +3,10 @@
 // written under a temporary name, flushed to disk and renamed: it is whole or absent.
 #pragma once
 
+#include "Sha256.h"
+
 #include <QByteArray>
+#include <QFile>
 #include <QList>
 #include <QString>
 
@@ -26,6 +29,33 @@ public:
     QList<QByteArray> chunksOnDisk();
 
     static bool isHash(const QByteArray& text);
+
+    // A chunk that arrives piece by piece: written to a temporary file and hashed on the
+    // way, so that no chunk is held in memory; kept under its hash once whole, and gone
+    // if it is not kept.
+    class Incoming
+    {
+    public:
+        explicit Incoming(const ChunkStore& store);
+        ~Incoming();
+        Incoming(const Incoming&) = delete;
+        Incoming& operator=(const Incoming&) = delete;
+
+        bool add(const char* data, size_t size);
+        qint64 size() const { return m_size; }
+        // The SHA-256 (hex) of what was added: call it once everything is.
+        QByteArray hash();
+        // Flushes it to disk and names it `hash`, unless the store has that chunk already.
+        bool keep(const QByteArray& hash, QString* error);
+        QString errorString() const { return m_file.errorString(); }
+
+    private:
+        const ChunkStore& m_store;
+        QFile m_file;
+        Sha256 m_sha;
+        qint64 m_size = 0;
+        QByteArray m_hash;
+    };
 
 private:
     QString m_root;

@@ -180,6 +180,6 @@ void DeliveryRoutes::install(Router& router)
         m_transfers.commit(call, found->space, path, call.values("hashes[]"), sizes.isEmpty() ? 0 : sizes.last().toLongLong(),
             call.value("overwrite") == QLatin1String("true"));
     });
-    router.add("POST", "/v2/delivery/chunked_upload/", EveryType, Access::Open,
-        [this](HttpCall& call) { m_transfers.storeChunk(call); });
+    router.addStream("POST", "/v2/delivery/chunked_upload/", EveryType, Access::Open,
+        [this](HttpCall& call, const httplib::ContentReader& reader) { m_transfers.storeChunk(call, reader); });
 }

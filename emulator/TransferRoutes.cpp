@@ -21,29 +21,35 @@ QJsonObject TransferRoutes::uploadAuthorisation(const QString& path) const
 
 bool TransferRoutes::receive(HttpCall& call, const httplib::ContentReader& reader, QList<ChunkRef>* chunks)
 {
-    QByteArray buffer;
-    buffer.reserve(int(ChunkStore::ChunkSize));
+    std::unique_ptr<ChunkStore::Incoming> chunk;
     QString error;
-    const auto flush = [&](qint64 size) {
-        const QByteArray chunk = buffer.left(int(size));
-        const QByteArray hash = Sha256::hex(chunk);
-        if (!m_context.store.put(hash, chunk, &error))
+    const auto keep = [&] {
+        const QByteArray hash = chunk->hash();
+        if (!chunk->keep(hash, &error))
             return false;
-        m_context.drive.registerChunk(hash, chunk.size());
-        chunks->append(ChunkRef { hash, chunk.size() });
-        buffer.remove(0, int(size));
+        m_context.drive.registerChunk(hash, chunk->size());
+        chunks->append(ChunkRef { hash, chunk->size() });
+        chunk.reset();
         return true;
     };
     const bool read = reader([&](const char* data, size_t length) {
-        buffer.append(data, int(length));
-        while (buffer.size() >= ChunkStore::ChunkSize) {
-            if (!flush(ChunkStore::ChunkSize))
+        while (length > 0) {
+            if (!chunk)
+                chunk = std::make_unique<ChunkStore::Incoming>(m_context.store);
+            const size_t part = size_t(qMin(qint64(length), ChunkStore::ChunkSize - chunk->size()));
+            if (!chunk->add(data, part)) {
+                error = QStringLiteral("cannot write a chunk: %1").arg(chunk->errorString());
+                return false;
+            }
+            data += part;
+            length -= part;
+            if (chunk->size() == ChunkStore::ChunkSize && !keep())
                 return false;
         }
         return true;
     });
-    if (read && !buffer.isEmpty())
-        flush(buffer.size());
+    if (read && chunk)
+        keep();
     if (!error.isEmpty()) {
         call.error(507, QStringLiteral("space limit"), error);
         return false;
@@ -116,19 +122,39 @@ void TransferRoutes::serve(HttpCall& call, const Entry& entry, qint64 rev)
         });
 }
 
-void TransferRoutes::storeChunk(HttpCall& call)
+void TransferRoutes::storeChunk(HttpCall& call, const httplib::ContentReader& reader)
 {
     // The body is the chunk, whatever its declared type: the parameters are in the query.
+    ChunkStore::Incoming chunk(m_context.store);
+    const qint64 limit = m_context.options.maxBody;
+    QString error;
+    bool tooLarge = false;
+    const bool read = reader([&](const char* data, size_t length) {
+        if (chunk.size() + qint64(length) > limit) {
+            tooLarge = true;
+            return false;
+        }
+        if (!chunk.add(data, length)) {
+            error = QStringLiteral("cannot write a chunk: %1").arg(chunk.errorString());
+            return false;
+        }
+        return true;
+    });
+    if (tooLarge)
+        return call.error(413, QStringLiteral("space limit"), QStringLiteral("a chunk is at most %1 bytes").arg(limit));
+    if (!error.isEmpty())
+        return call.error(507, QStringLiteral("space limit"), error);
+    if (!read)
+        return call.error(400, QStringLiteral("incomplete body"));
     const QByteArray hash = call.query("hash").toLatin1();
-    const QByteArray actual = Sha256::hex(call.body());
+    const QByteArray actual = chunk.hash();
     if (!hash.isEmpty() && hash != actual)
         return call.error(400, QStringLiteral("content_hash_error"),
             QStringLiteral("the chunk hashes to %1").arg(QString::fromLatin1(actual)));
-    QString error;
-    if (!m_context.store.put(actual, call.body(), &error))
+    if (!chunk.keep(actual, &error))
         return call.error(507, QStringLiteral("space limit"), error);
-    m_context.drive.registerChunk(actual, call.body().size());
-    call.json(QJsonObject { { "hash", QString::fromLatin1(actual) }, { "bytes", call.body().size() },
+    m_context.drive.registerChunk(actual, chunk.size());
+    call.json(QJsonObject { { "hash", QString::fromLatin1(actual) }, { "bytes", chunk.size() },
         { "upload_id", call.query("upload_id") } });
 }
 
@@ -215,7 +241,8 @@ void TransferRoutes::install(Router& router)
         [download](HttpCall& call) { download(call, call.value("target_path")); });
 
     // --- Chunks: the hash query, chunk uploads and the commit share one address. ----------------
-    router.add("POST", "/v2/chunked_upload", EveryType, Access::Session, [this](HttpCall& call) { storeChunk(call); });
+    router.addStream("POST", "/v2/chunked_upload", EveryType, Access::Session,
+        [this](HttpCall& call, const httplib::ContentReader& reader) { storeChunk(call, reader); });
     router.add("POST", "/v2/commit_chunked_upload/commit/databox(/.*)?", EveryType, Access::Session,
         [this, space](HttpCall& call) {
             if (!call.has("is_file_commit"))

@@ -23,7 +23,7 @@ public:
     // header names: 206 with "Content-Range", 416 for a range beyond the end.
     void serve(HttpCall& call, const Entry& entry, qint64 rev = 0);
     // The chunk of the request body, checked against the "hash" of the query.
-    void storeChunk(HttpCall& call);
+    void storeChunk(HttpCall& call, const httplib::ContentReader& reader);
     // {"needed": [...]}: the hashes the store lacks.
     void queryHashes(HttpCall& call);
     // A file of the listed chunks, which must all be known and add up to `bytes`.

@@ -91,12 +91,24 @@ private slots:
         QVERIFY(server.lastRequest().encrypted);
     }
 
+    void leadingSlashIsDropped_data()
+    {
+        QTest::addColumn<bool>("byStep");
+        QTest::addColumn<bool>("overTls");
+        QTest::newRow("parallel, plain") << false << false;
+        QTest::newRow("parallel, TLS") << false << true;
+        QTest::newRow("by step, plain") << true << false;
+        QTest::newRow("by step, TLS") << true << true;
+    }
+
     void leadingSlashIsDropped()
     {
-        TestServer server;
+        QFETCH(bool, byStep);
+        QFETCH(bool, overTls);
+        TestServer server({}, overTls ? tls() : TestServerOptions());
         QString out;
-        QVERIFY(ServerApi::FillUrlProtocol("/" + hostPart(server), out));
-        QCOMPARE(out, "http://" + hostPart(server));
+        QVERIFY((byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)("/" + hostPart(server), out));
+        QCOMPARE(out, (overTls ? "https://" : "http://") + hostPart(server));
         QCOMPARE(server.lastRequest().target, QByteArray("/"));
     }
 

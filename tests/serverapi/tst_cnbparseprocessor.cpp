@@ -225,6 +225,13 @@ private slots:
         // The error code follows the latest reply; the code text of the earlier stays.
         QCOMPARE(reading.errorCode(), 0);
         QCOMPARE(reading.errorMsg().code, QString("forbidden"));
+        // A body that is not JSON carries no message of its own: the parse error's text
+        // takes the place of the kept one.
+        reading.ParseResp(reply(502, "<html>bad gateway</html>"));
+        QJsonParseError expected;
+        QJsonDocument::fromJson("<html>bad gateway</html>", &expected);
+        QCOMPARE(reading.errorMsg().message, expected.errorString());
+        QCOMPARE(reading.errorMsg().code, QString("forbidden"));
     }
 
     void statusRuleIsOneUnsignedComparison_data()

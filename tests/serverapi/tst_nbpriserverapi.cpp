@@ -156,6 +156,11 @@ private slots:
                     "syncUid=1&syncCid=22&pullJid=333&deltaDataId=9000000000&assign_Jid=-5&path=%2Fvbox%201"
                     "&path_type=ent&from=f&prefix_neid=p")
                 .unserved(Pri | Pub, -1),
+            golden("getAssignSyncData, identifiers zero",
+                [](GoldenContext& c) { return ServerApi::GetAssignSyncData({}, c.calls.completion()); })
+                .sends(PriSix,
+                    "POST /v2/syncdata/assignVirtualBox\n{post}\n"
+                    "syncUid=0&syncCid=0&pullJid=0&deltaDataId=0&assign_Jid=0&path="),
             golden("getAssingJid, a GET",
                 [](GoldenContext& c) {
                     NBServerApiEntryModel m;
@@ -175,6 +180,11 @@ private slots:
                 .verifyCode("vc")
                 .sends(PriSix,
                     "POST /v2/commit_chunked_upload/commit/databox?S=vc\n{post}\nhashes[]=h1&%26=x%20y"),
+            golden("queryHashSix, hashes in order, then the \"&\" item",
+                [](GoldenContext& c) {
+                    return six()->queryHashSix(c.url(), { "b", "a" }, "x=1&y", c.calls.completion());
+                })
+                .sends(PriSix, "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=b&hashes[]=a&%26=x%3D1%26y"),
             golden("queryHash, 6.0 model form, empty extra still sent",
                 [](GoldenContext& c) {
                     return six()->queryHash(
@@ -245,9 +255,13 @@ private slots:
         QTest::addColumn<int>("status");
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<bool>("refused");
-        QTest::newRow("success") << 200 << QByteArray("{\"entries\":[]}") << false;
-        QTest::newRow("server error") << 500 << QByteArray("{\"code\":\"boom\"}") << false;
-        QTest::newRow("refused connection") << 0 << QByteArray() << true;
+        QTest::addColumn<bool>("assign");
+        for (bool assign : { true, false }) {
+            const char* name = assign ? "assigned" : "virtual box";
+            QTest::addRow("%s, success", name) << 200 << QByteArray("{\"entries\":[]}") << false << assign;
+            QTest::addRow("%s, server error", name) << 500 << QByteArray("{\"code\":\"boom\"}") << false << assign;
+            QTest::addRow("%s, refused connection", name) << 0 << QByteArray() << true << assign;
+        }
     }
 
     void syncDataRepliesAreLogged()
@@ -255,6 +269,7 @@ private slots:
         QFETCH(int, status);
         QFETCH(QByteArray, body);
         QFETCH(bool, refused);
+        QFETCH(bool, assign);
         TestServer server(
             [status, body](const RecordedRequest&) { return ServerReply::withStatus(status, body); });
         QString base = server.url(QString());
@@ -267,12 +282,16 @@ private slots:
         ServerApi::setBaseUrlString(base);
         TestLog log;
         Calls calls;
-        ServerApi::GetAssignSyncData({}, calls.completion());
+        if (assign)
+            ServerApi::GetAssignSyncData({}, calls.completion());
+        else
+            ServerApi::GetSyncDataForDisk({}, calls.completion());
         QVERIFY(calls.waitForCompletions(1));
         QCOMPARE(calls.last().statusCode, status);
         QCOMPARE(calls.last().networkError != 0, status != 200);
         const QString line = QStringLiteral("responsedata: ") + base
-            + QStringLiteral("/v2/syncdata/assignVirtualBox") + QString::fromUtf8(body);
+            + (assign ? QStringLiteral("/v2/syncdata/assignVirtualBox") : QStringLiteral("/v2/syncdata/virtualBox"))
+            + QString::fromUtf8(body);
         const LogEntry* entry = log.find(line);
         QVERIFY2(entry, qPrintable(log.dump()));
         QCOMPARE(entry->level, QString("ERROR"));

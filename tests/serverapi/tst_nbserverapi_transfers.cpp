@@ -3,6 +3,7 @@
 #include "ChunkServer.h"
 #include "Golden.h"
 #include "NBHttpClientManager.h"
+#include "NBServerApi.h"
 #include "TestData.h"
 #include "TestMain.h"
 
@@ -127,6 +128,16 @@ private slots:
                     "POST "
                     "/v2/fileops/auth_upload/"
                     "databox\n{post}\ntarget_path=%2Fa%20b.txt&path_type=ent&bytes=0"),
+            golden("authUpload, extra query without a verification code: one \"&\", no \"?\"",
+                [](GoldenContext& c) {
+                    NBServerApiEntryModel m;
+                    m.path = "/a";
+                    m.pathType = NBPathType::Ent;
+                    return ServerApi::AuthUpload(m, 7, c.calls.completion(), "a=1");
+                })
+                .sends(Pub,
+                    "GET /v2/fileops/auth_upload/databox/a&a=1?path=%2Fa&path_type=ent&full_path=%2Fa&bytes=7\n{get}\n")
+                .sends(Pri | PriSix, "POST /v2/fileops/auth_upload/databox&a=1\n{post}\ntarget_path=%2Fa&path_type=ent&bytes=7"),
             golden("authUpload, every field, a size past 2^31, verification code, extra query",
                 [](GoldenContext& c) {
                     NBServerApiEntryModel m;
@@ -263,6 +274,18 @@ private slots:
                     return ServerApi::QueryHash({ c.url(), "h1" }, c.calls.completion());
                 })
                 .sends(AllDeployments, "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=h1"),
+            golden("queryHash, list form: three hashes in the caller's order",
+                [](GoldenContext& c) {
+                    return ServerApi::serverApi()->queryHash(
+                        c.url(), { "h3", "h1", "h 2" }, c.calls.completion(), QString());
+                })
+                .sends(AllDeployments,
+                    "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=h3&hashes[]=h1&hashes[]=h%202"),
+            golden("queryHash, list form: no hash sends no hashes[]",
+                [](GoldenContext& c) {
+                    return ServerApi::serverApi()->queryHash(c.url(), {}, c.calls.completion(), QString());
+                })
+                .sends(AllDeployments, "POST /v2/commit_chunked_upload/commit/databox\n{post}\n"),
             golden("queryHash, verification code and extra query",
                 [](GoldenContext& c) {
                     return ServerApi::QueryHash({ c.url(), "h 1" }, c.calls.completion(), "upload_id=u1");

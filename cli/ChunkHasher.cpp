@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QMetaObject>
+#include <QThread>
 
 #include <chrono>
 
@@ -30,33 +31,41 @@ ChunkHasher::ChunkHasher(const QString& path, ChunkDone onChunk, End onEnd, QObj
 ChunkHasher::~ChunkHasher()
 {
     m_stop = true;
-    if (m_worker.joinable())
-        m_worker.join();
+    for (std::thread& worker : m_workers)
+        worker.join();
 }
 
 void ChunkHasher::start()
 {
-    m_worker = std::thread([this] { run(); });
+    // A growing file is read in order, as it grows.
+    const int workers = m_growingTo >= 0 ? 1 : qBound(1, QThread::idealThreadCount(), 4);
+    m_running = workers;
+    for (int first = 0; first < workers; ++first)
+        m_workers.emplace_back([this, first, workers] { run(first, workers); });
 }
 
-void ChunkHasher::run()
+void ChunkHasher::run(int first, int step)
 {
     QFile file(m_path);
     const auto report = [this](auto function) { QMetaObject::invokeMethod(this, function, Qt::QueuedConnection); };
     // Unbuffered: a file that grows is read again where the last read found its end.
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
-        report([this, error = file.errorString()] { m_onEnd(error); });
+        report([this, error = file.errorString()] { workerDone(error); });
         return;
     }
     QByteArray buffer(int(ChunkSize), Qt::Uninitialized);
-    for (int index = 0; !m_stop; ++index) {
+    for (int index = first; !m_stop; index += step) {
         const qint64 offset = qint64(index) * ChunkSize;
         const qint64 wanted = m_growingTo < 0 ? ChunkSize : qMin(ChunkSize, m_growingTo - offset);
         qint64 length = 0;
+        if (wanted > 0 && !file.seek(offset)) {
+            report([this, error = file.errorString()] { workerDone(error); });
+            return;
+        }
         while (length < wanted && !m_stop) {
             const qint64 got = file.read(buffer.data() + length, wanted - length);
             if (got < 0) {
-                report([this, error = file.errorString()] { m_onEnd(error); });
+                report([this, error = file.errorString()] { workerDone(error); });
                 return;
             }
             length += got;
@@ -65,15 +74,34 @@ void ChunkHasher::run()
             if (got == 0)
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        if (length == 0 || m_stop) // an empty file has no chunk
+        if (length == 0 || m_stop) // past the end; an empty file has no chunk
             break;
         const Chunk chunk { index, offset, length, QString::fromLatin1(sha256(buffer.constData(), size_t(length)).toHex()) };
-        report([this, chunk] { m_onChunk(chunk); });
+        report([this, chunk] { chunkDone(chunk); });
         if (length < ChunkSize)
             break;
     }
     if (!m_stop)
-        report([this] { m_onEnd(QString()); });
+        report([this] { workerDone(QString()); });
+}
+
+void ChunkHasher::chunkDone(const Chunk& chunk)
+{
+    m_waiting.insert(chunk.index, chunk);
+    while (!m_waiting.isEmpty() && m_waiting.firstKey() == m_next) {
+        m_onChunk(m_waiting.take(m_next));
+        ++m_next;
+    }
+}
+
+// A worker's chunks all arrive before its end: once every worker has ended, every chunk
+// has been reported, or one of them failed.
+void ChunkHasher::workerDone(const QString& error)
+{
+    if (m_error.isEmpty())
+        m_error = error;
+    if (--m_running == 0)
+        m_onEnd(m_error.isEmpty() && !m_waiting.isEmpty() ? QStringLiteral("a chunk was not read") : m_error);
 }
 
 QString ChunkHasher::chunkHash(const QByteArray& data)

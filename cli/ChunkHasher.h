@@ -1,17 +1,21 @@
 // The drive's stored form of a file: SHA-256 over 4 MiB chunks (the last one shorter),
 // each as lower-case hex, and the file's hash as SHA-256 over the raw chunk digests in
-// order (an empty file has no chunk). A hasher reads the file on a worker thread and
-// reports each chunk on the thread that owns it, so that uploads of earlier chunks run
-// while later ones are hashed.
+// order (an empty file has no chunk). A hasher reads the file on worker threads, one per
+// core (one for a file that is still growing), and reports each chunk in file order on
+// the thread that owns it, so that uploads of earlier chunks run while later ones are
+// hashed.
 #pragma once
 
 #include <QObject>
 #include <QString>
 #include <QStringList>
 
+#include <QMap>
+
 #include <atomic>
 #include <functional>
 #include <thread>
+#include <vector>
 
 class ChunkHasher : public QObject
 {
@@ -33,7 +37,7 @@ public:
     // Hashes a file that is still being written until it holds `bytes`: a download is
     // hashed while it arrives instead of read again at its end.
     void follow(qint64 bytes) { m_growingTo = bytes; }
-    // Stops the worker and waits for it; reports that have not run yet are dropped.
+    // Stops the workers and waits for them; reports that have not run yet are dropped.
     ~ChunkHasher() override;
 
     void start();
@@ -43,12 +47,20 @@ public:
     static int chunkCount(qint64 bytes) { return int((bytes + ChunkSize - 1) / ChunkSize); }
 
 private:
-    void run();
+    // Worker `first` of `step`: chunks first, first + step, ... until the end of the file.
+    void run(int first, int step);
+    // On the owner's thread: a chunk, or a worker's end (`error` empty when it read to the end).
+    void chunkDone(const Chunk& chunk);
+    void workerDone(const QString& error);
 
     QString m_path;
     ChunkDone m_onChunk;
     End m_onEnd;
     qint64 m_growingTo = -1;
     std::atomic<bool> m_stop { false };
-    std::thread m_worker;
+    std::vector<std::thread> m_workers;
+    QMap<int, Chunk> m_waiting; // done, but after one that is not
+    int m_next = 0;
+    int m_running = 0;
+    QString m_error;
 };

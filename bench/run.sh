@@ -373,12 +373,13 @@ measure() {
 
 # run_case NAME EXPECTED SIDE...: one warm-up round, then the measured rounds; the
 # order of the sides alternates from round to round.
+# chosen CASE: whether NB_BENCH_CASES leaves CASE in.
+chosen() { [ -z "${NB_BENCH_CASES:-}" ] || [[ ",$NB_BENCH_CASES," == *",$1,"* ]]; }
+
 run_case() {
     local name=$1 expected=$2 round side i
     shift 2
-    if [ -n "${NB_BENCH_CASES:-}" ] && [[ ",$NB_BENCH_CASES," != *",$name,"* ]]; then
-        return 0
-    fi
+    chosen "$name" || return 0
     local sides=("$@") reversed=()
     for ((i = ${#sides[@]} - 1; i >= 0; i--)); do reversed+=("${sides[i]}"); done
     printf 'bench: %-21s' "$name" >&2
@@ -462,7 +463,7 @@ run_case "nbcli put" $big cli-put cli-reput emu-curl-upload
 emu_transfer_rss=$(emu_peak)
 echo 5 >"/proc/$emu_pid/clear_refs" 2>/dev/null || true
 run_case "nbemu listings" "$gets" emu-listings emu-concurrent
-emu_listing_rss=$(emu_peak)
+emu_listing_rss=$(chosen "nbemu listings" && emu_peak || echo "-")
 
 echo
 echo "Medians of $rounds round(s) after a warm-up, sides alternating; $(nproc) CPUs; nginx" \

@@ -77,8 +77,14 @@ QString NBServerApi::combineReqUrl(const QString& base, const QString& version, 
         else
             url = QUrl(QStringLiteral("http://") + address, QUrl::TolerantMode);
     }
-    if (url.host().isEmpty()) {
-        url.setHost(url.path(QUrl::FullyDecoded));
+    const QString candidate = url.host().isEmpty() ? url.path(QUrl::FullyDecoded) : QString();
+    if (!candidate.isEmpty()) {
+        // "http:host": the host was read as the path. Qt 5 mishandles a host it refuses
+        // (it keeps freed text and writes "[vE." back), so only a whole, valid one is set.
+        const QUrl probe(QStringLiteral("http://") + candidate, QUrl::StrictMode);
+        if (!probe.isValid() || probe.host().compare(candidate, Qt::CaseInsensitive) != 0)
+            return QString();
+        url.setHost(probe.host());
         url.setPath(QString());
     }
 
@@ -92,7 +98,9 @@ QString NBServerApi::combineReqUrl(const QString& base, const QString& version, 
         fullPath += path;
     }
     url.setPath(fullPath, QUrl::DecodedMode);
-    return url.toString(QUrl::FullyEncoded);
+    // An address that does not read back as one is none.
+    const QString composed = url.toString(QUrl::FullyEncoded);
+    return QUrl(composed, QUrl::StrictMode).isValid() ? composed : QString();
 }
 
 QString NBServerApi::combinPath(const QString& a, const QString& b)

@@ -121,6 +121,18 @@ private slots:
                                                  << "//[bad:1]"
                                                  << "/a"
                                                  << "";
+        QTest::newRow("a host Qt cannot write back: empty") << "https:ve.example/&v2"
+                                                          << "/u"
+                                                          << ""
+                                                          << "";
+        QTest::newRow("a control character in a host typed without slashes: empty") << QString::fromUtf8("http:vE.\x13" "e")
+                                                                                  << "v2"
+                                                                                  << "/a"
+                                                                                  << "";
+        QTest::newRow("a host typed without slashes") << "http:host"
+                                                      << "v2"
+                                                      << "/a"
+                                                      << "http://host/v2/a";
         QTest::newRow("no scheme, address in the query") << "host:8080/r?u=http://x"
                                                          << "v2"
                                                          << "/a"

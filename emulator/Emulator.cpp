@@ -164,11 +164,11 @@ bool Emulator::importSeed(QString* error)
 
 bool Emulator::populate(bool withSeed, QString* error)
 {
-    for (const QString& spec : qAsConst(m_context.options.links)) {
-        const QStringList parts = spec.split(QLatin1Char(':'));
+    for (const QString& option : qAsConst(m_context.options.links)) {
+        const QStringList parts = option.split(QLatin1Char(':'));
         const std::optional<User> owner = m_context.accounts.userByName(parts.value(2));
         if (parts.size() != 4 || !owner) {
-            *error = QStringLiteral("--link takes CODE:PASSWORD:USER:FOLDER of a --user, not %1").arg(spec);
+            *error = QStringLiteral("--link takes CODE:PASSWORD:USER:FOLDER of a --user, not %1").arg(option);
             return false;
         }
         const QJsonArray existing = DeliveryRoutes::links(m_context);
@@ -240,10 +240,10 @@ bool Emulator::start(QTextStream& out, QString* error)
     EmuOptions& o = m_context.options;
     if (!openData(error))
         return false;
-    for (const QString& spec : qAsConst(o.users)) {
-        const QStringList parts = spec.split(QLatin1Char(':'));
+    for (const QString& option : qAsConst(o.users)) {
+        const QStringList parts = option.split(QLatin1Char(':'));
         if (parts.size() < 2 || parts[0].isEmpty()) {
-            *error = QStringLiteral("--user takes NAME:PASSWORD[:tfa], not %1").arg(spec);
+            *error = QStringLiteral("--user takes NAME:PASSWORD[:tfa], not %1").arg(option);
             return false;
         }
         if (!m_context.accounts.ensureUser(parts[0], parts[1], parts.value(2) == QLatin1String("tfa"), error))

@@ -4,29 +4,29 @@ std::optional<FaultRule> FaultRule::parse(const QString& text, QString* error)
 {
     FaultRule rule;
     rule.text = text;
-    QString spec = text;
-    const int at = spec.lastIndexOf(QLatin1Char('@'));
+    QString rest = text;
+    const int at = rest.lastIndexOf(QLatin1Char('@'));
     if (at > 0) {
         bool ok = false;
-        rule.probability = spec.mid(at + 1).toDouble(&ok);
+        rule.probability = rest.mid(at + 1).toDouble(&ok);
         if (!ok || rule.probability < 0 || rule.probability > 1) {
             *error = QStringLiteral("bad probability in %1").arg(text);
             return std::nullopt;
         }
-        spec = spec.left(at);
+        rest = rest.left(at);
     }
-    const int colon = spec.lastIndexOf(QLatin1Char(':'));
+    const int colon = rest.lastIndexOf(QLatin1Char(':'));
     if (colon <= 0) {
         *error = QStringLiteral("a fault reads PATTERN:KIND[=VALUE][@PROBABILITY], not %1").arg(text);
         return std::nullopt;
     }
-    rule.pattern = QRegularExpression(spec.left(colon));
+    rule.pattern = QRegularExpression(rest.left(colon));
     if (!rule.pattern.isValid()) {
         *error = QStringLiteral("bad pattern in %1: %2").arg(text, rule.pattern.errorString());
         return std::nullopt;
     }
-    const QString kind = spec.mid(colon + 1).section(QLatin1Char('='), 0, 0);
-    const QString value = spec.mid(colon + 1).section(QLatin1Char('='), 1);
+    const QString kind = rest.mid(colon + 1).section(QLatin1Char('='), 0, 0);
+    const QString value = rest.mid(colon + 1).section(QLatin1Char('='), 1);
     static const QList<QPair<QString, Kind>> kinds { { "latency", Latency }, { "status", Status },
         { "retry-after", RetryAfter }, { "reset", Reset }, { "truncate", Truncate }, { "stall", Stall } };
     bool known = false;

@@ -464,26 +464,22 @@ QList<ChunkRef> Drive::chunksOf(qint64 neid, qint64 rev)
 
 Outcome Drive::lock(const QString& space, const QString& path, qint64 userId, int seconds)
 {
-    Outcome outcome;
-    m_db.run(true, [&] {
-        const std::optional<Entry> entry = findLocked(space, path);
-        if (!entry) {
-            outcome = Outcome::failure(404, QStringLiteral("file/folder not found"));
-            return false;
-        }
-        if (lockedAgainst(entry->neid, userId)) {
-            outcome = Outcome::failure(423, QStringLiteral("file is locked"));
-            return false;
-        }
+    return changeLock(space, path, userId, [&](qint64 neid) {
         Database::Statement st(m_db, "INSERT OR REPLACE INTO locks(neid, user_id, expires) VALUES(?, ?, ?)");
-        st.bind(1, entry->neid).bind(2, userId).bind(3, now() + qMax(1, seconds)).exec();
-        outcome.entry = *entry;
-        return true;
+        st.bind(1, neid).bind(2, userId).bind(3, now() + qMax(1, seconds)).exec();
     });
-    return outcome;
 }
 
 Outcome Drive::unlock(const QString& space, const QString& path, qint64 userId)
+{
+    return changeLock(space, path, userId, [&](qint64 neid) {
+        Database::Statement st(m_db, "DELETE FROM locks WHERE neid = ?");
+        st.bind(1, neid).exec();
+    });
+}
+
+// Only the lock's holder, or anyone while no other session holds one, changes a lock.
+Outcome Drive::changeLock(const QString& space, const QString& path, qint64 userId, const std::function<void(qint64)>& change)
 {
     Outcome outcome;
     m_db.run(true, [&] {
@@ -496,8 +492,7 @@ Outcome Drive::unlock(const QString& space, const QString& path, qint64 userId)
             outcome = Outcome::failure(423, QStringLiteral("file is locked"));
             return false;
         }
-        Database::Statement st(m_db, "DELETE FROM locks WHERE neid = ?");
-        st.bind(1, entry->neid).exec();
+        change(entry->neid);
         outcome.entry = *entry;
         return true;
     });

@@ -11,6 +11,7 @@
 #include <QJsonObject>
 #include <QList>
 #include <QString>
+#include <functional>
 #include <optional>
 
 struct Entry
@@ -109,6 +110,7 @@ public:
 
 private:
     std::optional<Entry> findLocked(const QString& space, const QString& path);
+    Outcome changeLock(const QString& space, const QString& path, qint64 userId, const std::function<void(qint64)>& change);
     qint64 insert(const Entry& entry);
     void journal(const QString& op, const Entry& entry, const QString& fromPath = QString());
     bool ensureParents(const QString& space, const QString& path, qint64 userId, Outcome* failure);

@@ -3,25 +3,24 @@
 void Router::add(const QString& method, const QString& pattern, int types, Access access,
     std::function<void(HttpCall&)> handler)
 {
-    Route route;
-    route.method = method;
-    route.pattern = QRegularExpression(QLatin1Char('^') + pattern + QLatin1Char('$'));
-    route.types = types;
-    route.access = access;
-    route.handler = std::move(handler);
-    m_routes.append(route);
+    added(method, pattern, types, access).handler = std::move(handler);
 }
 
 void Router::addStream(const QString& method, const QString& pattern, int types, Access access,
     std::function<void(HttpCall&, const httplib::ContentReader&)> handler)
+{
+    added(method, pattern, types, access).stream = std::move(handler);
+}
+
+Route& Router::added(const QString& method, const QString& pattern, int types, Access access)
 {
     Route route;
     route.method = method;
     route.pattern = QRegularExpression(QLatin1Char('^') + pattern + QLatin1Char('$'));
     route.types = types;
     route.access = access;
-    route.stream = std::move(handler);
     m_routes.append(route);
+    return m_routes.last();
 }
 
 const Route* Router::match(const QString& method, const QString& path, QStringList* captures) const

@@ -42,5 +42,8 @@ public:
     const Route* match(const QString& method, const QString& path, QStringList* captures) const;
 
 private:
+    // A new route without its handler.
+    Route& added(const QString& method, const QString& pattern, int types, Access access);
+
     QList<Route> m_routes;
 };

@@ -15,7 +15,9 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <cerrno>
 #include <limits>
+#include <sys/socket.h>
 
 namespace {
 
@@ -316,10 +318,25 @@ bool Emulator::start(QTextStream& out, QString* error)
     m_server->Post(".*", withBody);
     m_server->Put(".*", withBody);
 
+    // The server library listens with a queue of 5 connections. A host that opens a few
+    // hundred requests at once (each request has a connection of its own) overflows it, and
+    // the kernel then drops handshakes that the client already counts as done: such a
+    // request waits for retransmissions, under load past the client's two-minute timeout.
+    // Note the listening socket as it is made and widen its queue once it listens.
+    int listening = -1;
+    m_server->set_socket_options([&listening](socket_t socket) {
+        httplib::default_socket_options(socket);
+        listening = socket;
+    });
     m_port = o.port == 0 ? m_server->bind_to_any_port(o.host.toStdString())
                          : (m_server->bind_to_port(o.host.toStdString(), o.port) ? o.port : -1);
+    m_server->set_socket_options(httplib::default_socket_options);
     if (m_port <= 0) {
         *error = QStringLiteral("cannot listen on %1:%2").arg(o.host).arg(o.port);
+        return false;
+    }
+    if (::listen(listening, SOMAXCONN) != 0) {
+        *error = QStringLiteral("cannot widen the connection queue on %1:%2: %3").arg(o.host).arg(m_port).arg(qt_error_string(errno));
         return false;
     }
     m_context.selfUrl = QStringLiteral("%1://%2:%3").arg(tls ? "https" : "http", o.host).arg(m_port);

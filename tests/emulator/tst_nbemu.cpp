@@ -16,6 +16,7 @@
 #include <QNetworkReply>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <memory>
 #include <vector>
@@ -761,6 +762,29 @@ private slots:
             }
         }
         QVERIFY2(failures.isEmpty(), qPrintable(failures.join('\n')));
+    }
+
+    // Hosts open a connection per request. While the server is busy (here: stopped), the
+    // kernel must keep every handshake for it: a dropped one waits for SYN retransmissions,
+    // seconds each, and under load a request met the client's two-minute timeout that way.
+    void connectionsWaitInTheQueueWhileTheServerIsBusy()
+    {
+        EmuProcess emu;
+        QVERIFY(emu.isRunning());
+        emu.pause(true);
+        std::vector<std::unique_ptr<QTcpSocket>> sockets;
+        int connected = 0;
+        for (int i = 0; i < 200; ++i) {
+            sockets.push_back(std::make_unique<QTcpSocket>());
+            connect(sockets.back().get(), &QTcpSocket::connected, [&connected] { ++connected; });
+            sockets.back()->connectToHost(QHostAddress::LocalHost, emu.port());
+        }
+        const bool all = waitUntil([&] { return connected == 200; }, 5000);
+        emu.pause(false);
+        QVERIFY2(all, qPrintable(QStringLiteral("%1 of 200 connected").arg(connected)));
+        sockets.clear();
+        const QJsonObject health = emu.control("GET", "/__emu/health");
+        QVERIFY2(!health.isEmpty(), "the server answers after the burst");
     }
 
     void eightHostsUploadingOneFileStoreItOnce()

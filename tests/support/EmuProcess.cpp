@@ -9,6 +9,7 @@
 #include <QNetworkReply>
 #include <QTimer>
 #include <QUrlQuery>
+#include <csignal>
 
 EmuProcess::EmuProcess(const QStringList& arguments, int type)
     : m_arguments(arguments)
@@ -109,6 +110,11 @@ void EmuProcess::kill()
     m_process.kill();
     m_process.waitForFinished(5000);
     m_port = 0;
+}
+
+void EmuProcess::pause(bool paused)
+{
+    ::kill(pid_t(m_process.processId()), paused ? SIGSTOP : SIGCONT);
 }
 
 bool EmuProcess::restart()

@@ -31,6 +31,8 @@ public:
     QString output() const { return m_output; }
 
     void kill();
+    // Stops the process where it is (SIGSTOP) or lets it go on (SIGCONT).
+    void pause(bool paused);
     bool restart();
     bool start();
 

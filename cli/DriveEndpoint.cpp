@@ -21,12 +21,8 @@ Remote::Start DriveEndpoint::stat(const QString& path)
 
 Remote::Start DriveEndpoint::listPage(const QString& folder, int offset, int limit)
 {
-    auto model = at<NBServerApiMetaEntryModel>(folder);
+    auto model = pageByName(at<NBServerApiMetaEntryModel>(folder), offset, limit);
     model.list = true;
-    model.orderby = QStringLiteral("name");
-    model.sort = QStringLiteral("asc");
-    model.offset = offset;
-    model.limit = limit;
     return [model](NBCompletionCallback done) { return ServerApi::MetaData(model, std::move(done)); };
 }
 

@@ -1,7 +1,5 @@
 #include "LinkEndpoint.h"
 
-#include "RemotePath.h"
-
 LinkEndpoint::LinkEndpoint(Remote& remote, const QString& server, const QString& code, const QString& password)
     : TransferEndpoint(remote)
     , m_server(server)
@@ -39,12 +37,8 @@ Remote::Start LinkEndpoint::stat(const QString& path)
 
 Remote::Start LinkEndpoint::listPage(const QString& folder, int offset, int limit)
 {
-    auto model = linked<NBServerApiDeliveryMetadataModel>(folder);
+    auto model = pageByName(linked<NBServerApiDeliveryMetadataModel>(folder), offset, limit);
     model.password = m_password;
-    model.orderby = QStringLiteral("name");
-    model.sort = QStringLiteral("asc");
-    model.offset = offset;
-    model.limit = limit;
     return [model](NBCompletionCallback done) { return ServerApi::DeliveryMetadata(model, std::move(done)); };
 }
 
@@ -75,14 +69,9 @@ Remote::Start LinkEndpoint::uploadWhole(
 
 Remote::Start LinkEndpoint::queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash)
 {
-    NBServerApiDeliveryQueryHashModel model;
-    model.serverUrl = upload.server;
+    auto model = chunked<NBServerApiDeliveryQueryHashModel>(upload, path);
     model.hash = hash;
-    model.relativePath = RemotePath::normalise(path);
-    model.code = m_code;
-    model.token = m_token;
     model.bytes = bytes;
-    model.session = m_session;
     return [model](NBCompletionCallback done) { return ServerApi::DeliveryQueryHash(model, std::move(done)); };
 }
 
@@ -95,12 +84,7 @@ Remote::Start LinkEndpoint::uploadChunk(
 
 Remote::Start LinkEndpoint::commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
 {
-    NBServerApiDeliveryCommitHashModel model;
-    model.serverUrl = upload.server;
-    model.code = m_code;
-    model.relativePath = RemotePath::normalise(path);
-    model.token = m_token;
-    model.session = m_session;
+    auto model = chunked<NBServerApiDeliveryCommitHashModel>(upload, path);
     model.hashes = hashes;
     model.totalBytes = model.bytes = bytes;
     model.isFileCommit = true;

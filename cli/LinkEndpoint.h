@@ -3,6 +3,7 @@
 // The link's requests name a path with the folder's own name in front.
 #pragma once
 
+#include "RemotePath.h"
 #include "TransferEndpoint.h"
 
 class LinkEndpoint : public TransferEndpoint
@@ -38,6 +39,18 @@ private:
         model.serverUrl = m_server;
         model.code = m_code;
         model.path = outside(path);
+        model.token = m_token;
+        model.session = m_session;
+        return model;
+    }
+
+    // The models of a chunked upload name the path inside the folder, on the upload's server.
+    template<typename Model> Model chunked(const Upload& upload, const QString& path) const
+    {
+        Model model;
+        model.serverUrl = upload.server;
+        model.code = m_code;
+        model.relativePath = RemotePath::normalise(path);
         model.token = m_token;
         model.session = m_session;
         return model;

@@ -68,5 +68,15 @@ public:
     Remote& remote() { return m_remote; }
 
 protected:
+    // A listing model asking for one page, entries by name.
+    template<typename Model> static Model pageByName(Model model, int offset, int limit)
+    {
+        model.orderby = QStringLiteral("name");
+        model.sort = QStringLiteral("asc");
+        model.offset = offset;
+        model.limit = limit;
+        return model;
+    }
+
     Remote& m_remote;
 };

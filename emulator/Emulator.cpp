@@ -336,7 +336,10 @@ bool Emulator::start(QTextStream& out, QString* error)
         return false;
     }
     if (::listen(listening, SOMAXCONN) != 0) {
-        *error = QStringLiteral("cannot widen the connection queue on %1:%2: %3").arg(o.host).arg(m_port).arg(qt_error_string(errno));
+        *error = QStringLiteral("cannot widen the connection queue on %1:%2: %3")
+                     .arg(o.host)
+                     .arg(m_port)
+                     .arg(qt_error_string(errno));
         return false;
     }
     m_context.selfUrl = QStringLiteral("%1://%2:%3").arg(tls ? "https" : "http", o.host).arg(m_port);

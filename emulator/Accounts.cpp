@@ -20,7 +20,8 @@ qint64 now()
 
 QByteArray digestOf(const QString& password, const QByteArray& salt)
 {
-    return QPasswordDigestor::deriveKeyPbkdf2(QCryptographicHash::Sha256, password.toUtf8(), salt, Pbkdf2Rounds, 32);
+    return QPasswordDigestor::deriveKeyPbkdf2(
+        QCryptographicHash::Sha256, password.toUtf8(), salt, Pbkdf2Rounds, 32);
 }
 
 QString toBase32(const QByteArray& bytes)
@@ -82,7 +83,8 @@ bool Accounts::ensureUser(const QString& name, const QString& password, bool tfa
     const bool ok = m_db.run(true, [&] {
         Database::Statement st(m_db,
             "INSERT INTO users(name, salt, digest, tfa, totp_secret) VALUES(?, ?, ?, ?, ?) "
-            "ON CONFLICT(name) DO UPDATE SET salt = excluded.salt, digest = excluded.digest, tfa = excluded.tfa");
+            "ON CONFLICT(name) DO UPDATE SET salt = excluded.salt, digest = excluded.digest, tfa = "
+            "excluded.tfa");
         return st.bind(1, name).bind(2, salt).bind(3, digest).bind(4, int(tfa)).bind(5, secret).exec();
     });
     if (!ok)
@@ -96,7 +98,8 @@ std::optional<User> Accounts::checkPassword(const QString& name, const QString& 
     QByteArray salt;
     QByteArray digest;
     m_db.run(false, [&] {
-        Database::Statement st(m_db, "SELECT id, name, tfa, totp_secret, salt, digest FROM users WHERE name = ?");
+        Database::Statement st(
+            m_db, "SELECT id, name, tfa, totp_secret, salt, digest FROM users WHERE name = ?");
         st.bind(1, name);
         if (st.next()) {
             found = userOf(st);
@@ -175,14 +178,21 @@ std::optional<Session> Accounts::session(const QString& id)
     return found;
 }
 
-QString Accounts::startFlow(
-    const QString& kind, qint64 userId, const QString& state, const QString& secret, int seconds, const QString& id)
+QString Accounts::startFlow(const QString& kind, qint64 userId, const QString& state, const QString& secret,
+    int seconds, const QString& id)
 {
     const QString flowId = id.isEmpty() ? randomHex(16) : id;
     m_db.run(true, [&] {
         Database::Statement st(m_db,
-            "INSERT OR REPLACE INTO flows(id, kind, user_id, state, secret, expires) VALUES(?, ?, ?, ?, ?, ?)");
-        return st.bind(1, flowId).bind(2, kind).bind(3, userId).bind(4, state).bind(5, secret).bind(6, now() + seconds).exec();
+            "INSERT OR REPLACE INTO flows(id, kind, user_id, state, secret, expires) VALUES(?, ?, ?, ?, ?, "
+            "?)");
+        return st.bind(1, flowId)
+            .bind(2, kind)
+            .bind(3, userId)
+            .bind(4, state)
+            .bind(5, secret)
+            .bind(6, now() + seconds)
+            .exec();
     });
     return flowId;
 }
@@ -191,8 +201,8 @@ std::optional<Flow> Accounts::flow(const QString& id, const QString& kind)
 {
     std::optional<Flow> found;
     m_db.run(false, [&] {
-        Database::Statement st(
-            m_db, "SELECT id, kind, user_id, state, secret FROM flows WHERE id = ? AND kind = ? AND expires > ?");
+        Database::Statement st(m_db,
+            "SELECT id, kind, user_id, state, secret FROM flows WHERE id = ? AND kind = ? AND expires > ?");
         if (st.bind(1, id).bind(2, kind).bind(3, now()).next())
             found = Flow { st.text(0), st.text(1), st.integer(2), st.text(3), st.text(4) };
         return true;
@@ -205,7 +215,8 @@ std::optional<Flow> Accounts::newestFlow(qint64 userId, const QString& kind)
     std::optional<Flow> found;
     m_db.run(false, [&] {
         Database::Statement st(m_db,
-            "SELECT id, kind, user_id, state, secret FROM flows WHERE user_id = ? AND kind = ? AND expires > ? "
+            "SELECT id, kind, user_id, state, secret FROM flows WHERE user_id = ? AND kind = ? AND expires > "
+            "? "
             "ORDER BY expires DESC, rowid DESC LIMIT 1");
         if (st.bind(1, userId).bind(2, kind).bind(3, now()).next())
             found = Flow { st.text(0), st.text(1), st.integer(2), st.text(3), st.text(4) };
@@ -244,11 +255,20 @@ QJsonArray Accounts::outbox()
     m_db.run(false, [&] {
         Database::Statement st(m_db, "SELECT id, kind, target, text, time FROM outbox ORDER BY id");
         while (st.next())
-            messages.append(QJsonObject { { "id", st.integer(0) }, { "kind", st.text(1) }, { "to", st.text(2) },
-                { "text", st.text(3) }, { "time", st.integer(4) } });
+            messages.append(QJsonObject { { "id", st.integer(0) }, { "kind", st.text(1) },
+                { "to", st.text(2) }, { "text", st.text(3) }, { "time", st.integer(4) } });
         return true;
     });
     return messages;
+}
+
+void Accounts::clearActivity()
+{
+    m_db.run(true, [&] {
+        for (const char* sql : { "DELETE FROM sessions", "DELETE FROM flows", "DELETE FROM outbox" })
+            m_db.exec(sql);
+        return true;
+    });
 }
 
 QString Accounts::totp(const QString& base32Secret, qint64 unixTime)

@@ -51,8 +51,8 @@ public:
     std::optional<Session> session(const QString& id);
 
     // A flow of `kind`, alive for `seconds`.
-    QString startFlow(const QString& kind, qint64 userId, const QString& state, const QString& secret, int seconds,
-        const QString& id = QString());
+    QString startFlow(const QString& kind, qint64 userId, const QString& state, const QString& secret,
+        int seconds, const QString& id = QString());
     std::optional<Flow> flow(const QString& id, const QString& kind);
     // The user's newest live flow of `kind`.
     std::optional<Flow> newestFlow(qint64 userId, const QString& kind);
@@ -61,6 +61,8 @@ public:
 
     void post(const QString& kind, const QString& target, const QString& text);
     QJsonArray outbox();
+    // Ends every session and sign-in flow and empties the outbox; the users stay.
+    void clearActivity();
 
     // RFC 6238: six digits of a 30-second step; `skew` steps either side are accepted.
     static QString totp(const QString& base32Secret, qint64 unixTime);

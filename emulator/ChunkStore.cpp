@@ -118,7 +118,8 @@ bool ChunkStore::Incoming::keep(const QByteArray& hash, QString* error)
     }
     const QString dir = QFileInfo(path).absolutePath();
     QDir().mkpath(dir);
-    if (::rename(QFile::encodeName(m_file.fileName()).constData(), QFile::encodeName(path).constData()) != 0) {
+    if (::rename(QFile::encodeName(m_file.fileName()).constData(), QFile::encodeName(path).constData())
+        != 0) {
         *error = QStringLiteral("cannot store a chunk");
         return false;
     }
@@ -139,17 +140,22 @@ bool ChunkStore::remove(const QByteArray& hash)
     return isHash(hash) && QFile::remove(pathOf(hash));
 }
 
-QList<QByteArray> ChunkStore::chunksOnDisk()
+QList<QByteArray> ChunkStore::chunksOnDisk() const
 {
     QList<QByteArray> hashes;
-    QDirIterator it(m_root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator it(m_root, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext()) {
-        const QString path = it.next();
-        const QString name = it.fileName();
-        if (name.startsWith(QLatin1String(".tmp-")))
-            QFile::remove(path);
-        else if (isHash(name.toLatin1()))
-            hashes.append(name.toLatin1());
+        it.next();
+        const QByteArray name = it.fileName().toLatin1();
+        if (isHash(name))
+            hashes.append(name);
     }
     return hashes;
+}
+
+void ChunkStore::removeTemporaries()
+{
+    QDirIterator it(m_root, { QStringLiteral(".tmp-*") }, QDir::Files | QDir::Hidden);
+    while (it.hasNext())
+        QFile::remove(it.next());
 }

@@ -25,8 +25,10 @@ public:
     // Up to `length` bytes of the chunk from `offset`; empty when it is missing.
     QByteArray read(const QByteArray& hash, qint64 offset, qint64 length) const;
     bool remove(const QByteArray& hash);
-    // Every chunk file on disk, by hash; temporaries left by a crash are removed first.
-    QList<QByteArray> chunksOnDisk();
+    // Every chunk file on disk, by hash.
+    QList<QByteArray> chunksOnDisk() const;
+    // Removes the temporaries of chunks being written: only while nothing writes any.
+    void removeTemporaries();
 
     static bool isHash(const QByteArray& text);
 

@@ -34,6 +34,10 @@ const char* const migrations[] = {
     CREATE TABLE oplog(id INTEGER PRIMARY KEY AUTOINCREMENT, user_id INTEGER, record TEXT NOT NULL,
         time INTEGER NOT NULL);
     )",
+    // The feeds give a changed file's content hash.
+    R"(
+    ALTER TABLE journal ADD COLUMN hash TEXT NOT NULL DEFAULT '';
+    )",
 };
 
 } // namespace
@@ -46,15 +50,16 @@ Database::~Database()
 
 bool Database::open(const QString& path, QString* error)
 {
-    if (sqlite3_open_v2(path.toUtf8().constData(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-            nullptr)
+    if (sqlite3_open_v2(path.toUtf8().constData(), &m_db,
+            SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr)
         != SQLITE_OK) {
         *error = QStringLiteral("cannot open the database %1: %2").arg(path, lastError());
         return false;
     }
     sqlite3_busy_timeout(m_db, 5000);
     // WAL with full syncs: a committed change survives a crash of the process or the machine.
-    if (!exec("PRAGMA journal_mode=WAL") || !exec("PRAGMA synchronous=FULL") || !exec("PRAGMA foreign_keys=ON")) {
+    if (!exec("PRAGMA journal_mode=WAL") || !exec("PRAGMA synchronous=FULL")
+        || !exec("PRAGMA foreign_keys=ON")) {
         *error = lastError();
         return false;
     }
@@ -79,10 +84,13 @@ bool Database::migrate(QString* error)
     for (int version = schemaVersion(); version < target; ++version) {
         const bool done = run(true, [&] {
             return exec(migrations[version])
-                && exec(QByteArray("PRAGMA user_version=").append(QByteArray::number(version + 1)).constData());
+                && exec(
+                    QByteArray("PRAGMA user_version=").append(QByteArray::number(version + 1)).constData());
         });
         if (!done) {
-            *error = QStringLiteral("cannot migrate the database to version %1: %2").arg(version + 1).arg(lastError());
+            *error = QStringLiteral("cannot migrate the database to version %1: %2")
+                         .arg(version + 1)
+                         .arg(lastError());
             return false;
         }
     }

@@ -1,5 +1,6 @@
 #include "Drive.h"
 
+#include "Accounts.h"
 #include "Sha256.h"
 
 #include <QDateTime>
@@ -12,7 +13,17 @@ qint64 now()
     return QDateTime::currentSecsSinceEpoch();
 }
 
-const char* const EntryColumns = "neid, space, path, is_dir, bytes, rev, modified, hash";
+// Entries with the holder and expiry of a live lock on each; queries add their WHERE.
+const char* const SelectEntries
+    = "SELECT e.neid, e.space, e.path, e.is_dir, e.bytes, e.rev, e.modified, e.hash, u.name, l.expires "
+      "FROM entries e LEFT JOIN locks l ON l.neid = e.neid AND l.expires > CAST(strftime('%s', 'now') AS "
+      "INTEGER) "
+      "LEFT JOIN users u ON u.id = l.user_id ";
+
+QByteArray selectEntries(const char* where)
+{
+    return QByteArray(SelectEntries).append(where);
+}
 
 Entry entryOf(const Database::Statement& st)
 {
@@ -25,7 +36,25 @@ Entry entryOf(const Database::Statement& st)
     e.rev = st.integer(5);
     e.modified = st.integer(6);
     e.hash = st.text(7);
+    if (!st.isNull(8)) {
+        e.lockOwner = st.text(8);
+        e.lockExpires = st.integer(9);
+    }
     return e;
+}
+
+// The paths of a subtree: the entry itself (?2) or below it (the prefix ?4 of length ?3).
+const char* const InSubtree = "e.space = ?1 AND (e.path = ?2 OR substr(e.path, 1, ?3) = ?4)";
+
+// A length as SQLite counts text: in characters, where QString counts UTF-16 units.
+int sqlLength(const QString& text)
+{
+    return int(text.toUcs4().size());
+}
+
+Database::Statement& bindSubtree(Database::Statement& st, const QString& space, const QString& path)
+{
+    return st.bind(1, space).bind(2, path).bind(3, sqlLength(path) + 1).bind(4, path + QLatin1Char('/'));
 }
 
 QString parentOf(const QString& path)
@@ -57,10 +86,27 @@ QString chunksJson(const QList<ChunkRef>& chunks)
 
 QJsonObject Entry::json() const
 {
-    return QJsonObject { { "neid", QString::number(neid) }, { "path", path },
+    QJsonObject object { { "neid", QString::number(neid) }, { "path", path },
         { "path_type", Drive::pathTypeOf(space) }, { "nsid", space }, { "is_dir", dir }, { "bytes", bytes },
         { "rev", QString::number(rev) }, { "modified", modified }, { "hash", hash },
-        { "name", path == QLatin1String("/") ? QString() : nameOf(path) } };
+        { "name", path == QLatin1String("/") ? QString() : nameOf(path) },
+        { "locked", !lockOwner.isEmpty() } };
+    if (!lockOwner.isEmpty()) {
+        object.insert("lock_owner", lockOwner);
+        object.insert("lock_expires", lockExpires);
+    }
+    return object;
+}
+
+Outcome Outcome::locked(const LockHolder& lock)
+{
+    Outcome outcome = failure(423, QStringLiteral("file is locked"),
+        QStringLiteral("%1 is locked by %2 until %3")
+            .arg(lock.path, lock.owner,
+                QDateTime::fromSecsSinceEpoch(lock.expires, Qt::UTC).toString(Qt::ISODate)));
+    outcome.extra = QJsonObject { { "locked_path", lock.path }, { "lock_owner", lock.owner },
+        { "lock_expires", lock.expires } };
+    return outcome;
 }
 
 Drive::Drive(Database& db, ChunkStore& store)
@@ -69,11 +115,32 @@ Drive::Drive(Database& db, ChunkStore& store)
 {
 }
 
-QString Drive::spaceOf(const QString& pathType, qint64 userId)
+std::optional<QString> Drive::spaceOf(const QString& pathType, qint64 userId)
 {
-    if (pathType == QLatin1String("self"))
+    static const QStringList shared { QStringLiteral("ent"), QStringLiteral("share_in"),
+        QStringLiteral("share_out"), QStringLiteral("book_mark"), QStringLiteral("trans"),
+        QStringLiteral("recycle") };
+    if (pathType.isEmpty())
+        return QStringLiteral("ent");
+    if (shared.contains(pathType))
+        return pathType;
+    if (pathType == QLatin1String("self") && userId > 0)
         return QStringLiteral("self:%1").arg(userId);
-    return pathType.isEmpty() ? QStringLiteral("ent") : pathType;
+    return std::nullopt;
+}
+
+std::optional<QString> Drive::spaceOfNsid(const QString& nsid, qint64 userId)
+{
+    if (nsid.startsWith(QLatin1String("self:")))
+        return userId > 0 && nsid == QStringLiteral("self:%1").arg(userId) ? std::optional<QString>(nsid)
+                                                                           : std::nullopt;
+    return spaceOf(nsid, userId);
+}
+
+bool Drive::visibleTo(const Entry& entry, qint64 userId)
+{
+    return !entry.space.startsWith(QLatin1String("self:"))
+        || (userId > 0 && entry.space == QStringLiteral("self:%1").arg(userId));
 }
 
 QString Drive::pathTypeOf(const QString& space)
@@ -115,7 +182,7 @@ std::optional<Entry> Drive::find(const QString& space, const QString& path)
 
 std::optional<Entry> Drive::findLocked(const QString& space, const QString& path)
 {
-    Database::Statement st(m_db, QByteArray("SELECT ").append(EntryColumns).append(" FROM entries WHERE space = ? AND path = ?"));
+    Database::Statement st(m_db, selectEntries("WHERE e.space = ? AND e.path = ?"));
     if (st.bind(1, space).bind(2, path).next())
         return entryOf(st);
     if (path == QLatin1String("/")) {
@@ -135,7 +202,7 @@ std::optional<Entry> Drive::findNeid(qint64 neid)
 {
     std::optional<Entry> found;
     m_db.run(false, [&] {
-        Database::Statement st(m_db, QByteArray("SELECT ").append(EntryColumns).append(" FROM entries WHERE neid = ?"));
+        Database::Statement st(m_db, selectEntries("WHERE e.neid = ?"));
         if (st.bind(1, neid).next())
             found = entryOf(st);
         return true;
@@ -147,21 +214,36 @@ qint64 Drive::insert(const Entry& e)
 {
     Database::Statement st(m_db,
         "INSERT INTO entries(space, path, is_dir, bytes, rev, modified, hash) VALUES(?, ?, ?, ?, ?, ?, ?)");
-    st.bind(1, e.space).bind(2, e.path).bind(3, int(e.dir)).bind(4, e.bytes).bind(5, e.rev).bind(6, e.modified).bind(7, e.hash);
+    st.bind(1, e.space)
+        .bind(2, e.path)
+        .bind(3, int(e.dir))
+        .bind(4, e.bytes)
+        .bind(5, e.rev)
+        .bind(6, e.modified)
+        .bind(7, e.hash);
     st.exec();
     return st.lastInsertId();
 }
 
+// A change as the feeds replay it: the entry as it is after the change (its modification
+// time included), as it was before a deletion.
 void Drive::journal(const QString& op, const Entry& e, const QString& fromPath)
 {
     Database::Statement st(m_db,
-        "INSERT INTO journal(space, path, op, neid, is_dir, bytes, rev, from_path, time) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    st.bind(1, e.space).bind(2, e.path).bind(3, op).bind(4, e.neid).bind(5, int(e.dir)).bind(6, e.bytes).bind(7, e.rev);
+        "INSERT INTO journal(space, path, op, neid, is_dir, bytes, rev, from_path, time, hash) "
+        "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    st.bind(1, e.space)
+        .bind(2, e.path)
+        .bind(3, op)
+        .bind(4, e.neid)
+        .bind(5, int(e.dir))
+        .bind(6, e.bytes)
+        .bind(7, e.rev);
     if (fromPath.isEmpty())
         st.bindNull(8);
     else
         st.bind(8, fromPath);
-    st.bind(9, now()).exec();
+    st.bind(9, op == QLatin1String("delete") || e.modified == 0 ? now() : e.modified).bind(10, e.hash).exec();
 }
 
 bool Drive::ensureParents(const QString& space, const QString& path, qint64 userId, Outcome* failure)
@@ -201,8 +283,9 @@ Outcome Drive::createFolder(const QString& space, const QString& path, qint64 us
                 outcome.entry = *existing;
                 return true;
             }
-            outcome = Outcome::failure(409, existing->dir ? QStringLiteral("folder_already_existed")
-                                                          : QStringLiteral("target name exists"));
+            outcome = Outcome::failure(409,
+                existing->dir ? QStringLiteral("folder_already_existed")
+                              : QStringLiteral("target name exists"));
             return false;
         }
         if (!ensureParents(space, path, userId, &outcome))
@@ -227,8 +310,8 @@ Outcome Drive::createFile(const QString& space, const QString& path, qint64 user
     return commit(space, path, {}, userId, false);
 }
 
-Outcome Drive::commit(const QString& space, const QString& path, const QList<ChunkRef>& chunks, qint64 userId,
-    bool overwrite)
+Outcome Drive::commit(
+    const QString& space, const QString& path, const QList<ChunkRef>& chunks, qint64 userId, bool overwrite)
 {
     Outcome outcome;
     qint64 bytes = 0;
@@ -241,8 +324,9 @@ Outcome Drive::commit(const QString& space, const QString& path, const QList<Chu
             outcome = Outcome::failure(409, QStringLiteral("conflict with folder"));
             return false;
         }
-        if (existing && lockedAgainst(existing->neid, userId)) {
-            outcome = Outcome::failure(423, QStringLiteral("file is locked"), QStringLiteral("%1 is locked").arg(path));
+        if (const std::optional<LockHolder> lock
+            = existing ? lockAgainst(space, path, userId) : std::nullopt) {
+            outcome = Outcome::locked(*lock);
             return false;
         }
         if (existing && !overwrite) {
@@ -260,14 +344,25 @@ Outcome Drive::commit(const QString& space, const QString& path, const QList<Chu
         file.modified = now();
         file.hash = hash;
         if (existing) {
-            Database::Statement st(m_db, "UPDATE entries SET bytes = ?, rev = ?, modified = ?, hash = ? WHERE neid = ?");
-            st.bind(1, file.bytes).bind(2, file.rev).bind(3, file.modified).bind(4, file.hash).bind(5, file.neid).exec();
+            Database::Statement st(
+                m_db, "UPDATE entries SET bytes = ?, rev = ?, modified = ?, hash = ? WHERE neid = ?");
+            st.bind(1, file.bytes)
+                .bind(2, file.rev)
+                .bind(3, file.modified)
+                .bind(4, file.hash)
+                .bind(5, file.neid)
+                .exec();
         } else {
             file.neid = insert(file);
         }
         Database::Statement revision(m_db,
-            "INSERT INTO revisions(neid, rev, bytes, chunks, hash, modified, user_id) VALUES(?, ?, ?, ?, ?, ?, ?)");
-        revision.bind(1, file.neid).bind(2, file.rev).bind(3, file.bytes).bind(4, chunksJson(chunks)).bind(5, hash);
+            "INSERT INTO revisions(neid, rev, bytes, chunks, hash, modified, user_id) VALUES(?, ?, ?, ?, ?, "
+            "?, ?)");
+        revision.bind(1, file.neid)
+            .bind(2, file.rev)
+            .bind(3, file.bytes)
+            .bind(4, chunksJson(chunks))
+            .bind(5, hash);
         revision.bind(6, file.modified).bind(7, userId).exec();
         journal(existing ? QStringLiteral("modify") : QStringLiteral("create"), file);
         outcome.entry = file;
@@ -276,17 +371,19 @@ Outcome Drive::commit(const QString& space, const QString& path, const QList<Chu
     return outcome;
 }
 
-Outcome Drive::move(const QString& space, const QString& from, const QString& toSpace, const QString& to, qint64 userId)
+Outcome Drive::move(
+    const QString& space, const QString& from, const QString& toSpace, const QString& to, qint64 userId)
 {
     Outcome outcome;
     m_db.run(true, [&] {
-        const std::optional<Entry> source = from == QLatin1String("/") ? std::nullopt : findLocked(space, from);
+        const std::optional<Entry> source
+            = from == QLatin1String("/") ? std::nullopt : findLocked(space, from);
         if (!source) {
             outcome = Outcome::failure(404, QStringLiteral("source not found"));
             return false;
         }
-        if (lockedAgainst(source->neid, userId)) {
-            outcome = Outcome::failure(423, QStringLiteral("file is locked"));
+        if (const std::optional<LockHolder> lock = lockAgainst(space, from, userId)) {
+            outcome = Outcome::locked(*lock);
             return false;
         }
         if (findLocked(toSpace, to)) {
@@ -301,9 +398,9 @@ Outcome Drive::move(const QString& space, const QString& from, const QString& to
         if (!ensureParents(toSpace, to, userId, &outcome))
             return false;
         Database::Statement st(m_db,
-            "UPDATE entries SET space = ?, path = ? || substr(path, ?) WHERE space = ? AND (path = ? OR substr(path, 1, ?) = ?)");
-        st.bind(1, toSpace).bind(2, to).bind(3, from.size() + 1).bind(4, space).bind(5, from);
-        st.bind(6, from.size() + 1).bind(7, from + QLatin1Char('/')).exec();
+            "UPDATE entries AS e SET space = ?5, path = ?6 || substr(path, ?3) WHERE "
+                + QByteArray(InSubtree));
+        bindSubtree(st, space, from).bind(5, toSpace).bind(6, to).exec();
         Entry moved = *source;
         moved.space = toSpace;
         moved.path = to;
@@ -319,7 +416,8 @@ Outcome Drive::move(const QString& space, const QString& from, const QString& to
     return outcome;
 }
 
-Outcome Drive::copy(const QString& space, const QString& from, const QString& toSpace, const QString& to, qint64 userId)
+Outcome Drive::copy(
+    const QString& space, const QString& from, const QString& toSpace, const QString& to, qint64 userId)
 {
     Outcome outcome;
     const std::optional<Entry> source = find(space, from);
@@ -341,11 +439,14 @@ Outcome Drive::copy(const QString& space, const QString& from, const QString& to
             e.path = to + e.path.mid(from.size());
             e.modified = now();
             e.rev = e.dir ? 0 : 1;
+            e.lockOwner.clear();
+            e.lockExpires = 0;
             e.neid = insert(e);
             if (!e.dir) {
                 Database::Statement rev(m_db,
                     "INSERT INTO revisions(neid, rev, bytes, chunks, hash, modified, user_id) "
-                    "SELECT ?, 1, bytes, chunks, hash, ?, ? FROM revisions WHERE neid = ? ORDER BY rev DESC LIMIT 1");
+                    "SELECT ?, 1, bytes, chunks, hash, ?, ? FROM revisions WHERE neid = ? ORDER BY rev DESC "
+                    "LIMIT 1");
                 rev.bind(1, e.neid).bind(2, e.modified).bind(3, userId).bind(4, original).exec();
             }
             journal(QStringLiteral("create"), e);
@@ -361,22 +462,22 @@ Outcome Drive::remove(const QString& space, const QString& path, qint64 userId)
 {
     Outcome outcome;
     m_db.run(true, [&] {
-        const std::optional<Entry> entry = path == QLatin1String("/") ? std::nullopt : findLocked(space, path);
+        const std::optional<Entry> entry
+            = path == QLatin1String("/") ? std::nullopt : findLocked(space, path);
         if (!entry) {
             outcome = Outcome::failure(404, QStringLiteral("file/folder not found"));
             return false;
         }
-        if (lockedAgainst(entry->neid, userId)) {
-            outcome = Outcome::failure(423, QStringLiteral("file is locked"));
+        if (const std::optional<LockHolder> lock = lockAgainst(space, path, userId)) {
+            outcome = Outcome::locked(*lock);
             return false;
         }
-        for (const char* sql : { "DELETE FROM revisions WHERE neid IN (SELECT neid FROM entries WHERE space = ?1 AND "
-                                 "(path = ?2 OR substr(path, 1, ?3) = ?4))",
-                 "DELETE FROM locks WHERE neid IN (SELECT neid FROM entries WHERE space = ?1 AND "
-                 "(path = ?2 OR substr(path, 1, ?3) = ?4))",
-                 "DELETE FROM entries WHERE space = ?1 AND (path = ?2 OR substr(path, 1, ?3) = ?4)" }) {
-            Database::Statement st(m_db, sql);
-            st.bind(1, space).bind(2, path).bind(3, path.size() + 1).bind(4, path + QLatin1Char('/')).exec();
+        for (const char* sql :
+            { "DELETE FROM revisions WHERE neid IN (SELECT e.neid FROM entries e WHERE %1)",
+                "DELETE FROM locks WHERE neid IN (SELECT e.neid FROM entries e WHERE %1)",
+                "DELETE FROM entries AS e WHERE %1" }) {
+            Database::Statement st(m_db, QString::fromLatin1(sql).arg(QLatin1String(InSubtree)).toLatin1());
+            bindSubtree(st, space, path).exec();
         }
         journal(QStringLiteral("delete"), *entry);
         outcome.entry = *entry;
@@ -385,23 +486,27 @@ Outcome Drive::remove(const QString& space, const QString& path, qint64 userId)
     return outcome;
 }
 
-QList<Entry> Drive::list(const QString& space, const QString& folder, const QString& orderby, const QString& sort,
-    int limit, int offset, int* total)
+QList<Entry> Drive::list(const QString& space, const QString& folder, const QString& orderby,
+    const QString& sort, int limit, int offset, int* total)
 {
     QList<Entry> entries;
-    const QString column = orderby == QLatin1String("mtime") ? QStringLiteral("modified")
-        : orderby == QLatin1String("size")                  ? QStringLiteral("bytes")
-                                                             : QStringLiteral("path");
-    const QString direction = sort.compare(QLatin1String("desc"), Qt::CaseInsensitive) == 0 ? QStringLiteral("DESC")
-                                                                                          : QStringLiteral("ASC");
+    const QString column = orderby == QLatin1String("mtime") ? QStringLiteral("e.modified")
+        : orderby == QLatin1String("size")                   ? QStringLiteral("e.bytes")
+                                                             : QStringLiteral("e.path");
+    const QString direction = sort.compare(QLatin1String("desc"), Qt::CaseInsensitive) == 0
+        ? QStringLiteral("DESC")
+        : QStringLiteral("ASC");
     const QString prefix = folder == QLatin1String("/") ? folder : folder + QLatin1Char('/');
-    const QByteArray sql = QStringLiteral("SELECT %1 FROM entries WHERE space = ? AND substr(path, 1, ?) = ? AND path <> ? "
-                                          "AND instr(substr(path, ?), '/') = 0 ORDER BY is_dir DESC, %2 %3, path ASC")
-                               .arg(QLatin1String(EntryColumns), column, direction)
-                               .toUtf8();
+    const QByteArray sql = selectEntries("WHERE e.space = ? AND substr(e.path, 1, ?) = ? AND e.path <> ? "
+                                         "AND instr(substr(e.path, ?), '/') = 0 ORDER BY e.is_dir DESC, ")
+                               .append(QStringLiteral("%1 %2, e.path ASC").arg(column, direction).toLatin1());
     m_db.run(false, [&] {
         Database::Statement st(m_db, sql.constData());
-        st.bind(1, space).bind(2, prefix.size()).bind(3, prefix).bind(4, folder).bind(5, prefix.size() + 1);
+        st.bind(1, space)
+            .bind(2, sqlLength(prefix))
+            .bind(3, prefix)
+            .bind(4, folder)
+            .bind(5, sqlLength(prefix) + 1);
         while (st.next())
             entries.append(entryOf(st));
         return true;
@@ -418,8 +523,8 @@ QList<Entry> Drive::below(const QString& space, const QString& folder)
     const QString prefix = folder == QLatin1String("/") ? folder : folder + QLatin1Char('/');
     m_db.run(false, [&] {
         Database::Statement st(m_db,
-            QByteArray("SELECT ").append(EntryColumns).append(" FROM entries WHERE space = ? AND substr(path, 1, ?) = ? AND path <> ? ORDER BY path"));
-        st.bind(1, space).bind(2, prefix.size()).bind(3, prefix).bind(4, folder);
+            selectEntries("WHERE e.space = ? AND substr(e.path, 1, ?) = ? AND e.path <> ? ORDER BY e.path"));
+        st.bind(1, space).bind(2, sqlLength(prefix)).bind(3, prefix).bind(4, folder);
         while (st.next())
             entries.append(entryOf(st));
         return true;
@@ -431,19 +536,20 @@ QJsonArray Drive::revisions(qint64 neid, int limit)
 {
     QJsonArray revisions;
     m_db.run(false, [&] {
-        Database::Statement st(m_db, "SELECT rev, bytes, hash, modified FROM revisions WHERE neid = ? ORDER BY rev DESC");
+        Database::Statement st(
+            m_db, "SELECT rev, bytes, hash, modified FROM revisions WHERE neid = ? ORDER BY rev DESC");
         st.bind(1, neid);
         while (st.next() && (limit <= 0 || revisions.size() < limit))
-            revisions.append(QJsonObject { { "rev", QString::number(st.integer(0)) }, { "bytes", st.integer(1) },
-                { "hash", st.text(2) }, { "modified", st.integer(3) } });
+            revisions.append(QJsonObject { { "rev", QString::number(st.integer(0)) },
+                { "bytes", st.integer(1) }, { "hash", st.text(2) }, { "modified", st.integer(3) } });
         return true;
     });
     return revisions;
 }
 
-QList<ChunkRef> Drive::chunksOf(qint64 neid, qint64 rev)
+std::optional<QList<ChunkRef>> Drive::chunksOf(qint64 neid, qint64 rev)
 {
-    QList<ChunkRef> chunks;
+    std::optional<QList<ChunkRef>> chunks;
     m_db.run(false, [&] {
         Database::Statement st(m_db,
             rev > 0 ? "SELECT chunks FROM revisions WHERE neid = ? AND rev = ?"
@@ -452,9 +558,10 @@ QList<ChunkRef> Drive::chunksOf(qint64 neid, qint64 rev)
         if (rev > 0)
             st.bind(2, rev);
         if (st.next()) {
+            chunks.emplace();
             for (const QJsonValue& value : QJsonDocument::fromJson(st.text(0).toUtf8()).array()) {
                 const QJsonArray pair = value.toArray();
-                chunks.append(ChunkRef { pair.at(0).toString().toLatin1(), qint64(pair.at(1).toDouble()) });
+                chunks->append(ChunkRef { pair.at(0).toString().toLatin1(), qint64(pair.at(1).toDouble()) });
             }
         }
         return true;
@@ -479,7 +586,8 @@ Outcome Drive::unlock(const QString& space, const QString& path, qint64 userId)
 }
 
 // Only the lock's holder, or anyone while no other session holds one, changes a lock.
-Outcome Drive::changeLock(const QString& space, const QString& path, qint64 userId, const std::function<void(qint64)>& change)
+Outcome Drive::changeLock(
+    const QString& space, const QString& path, qint64 userId, const std::function<void(qint64)>& change)
 {
     Outcome outcome;
     m_db.run(true, [&] {
@@ -488,8 +596,8 @@ Outcome Drive::changeLock(const QString& space, const QString& path, qint64 user
             outcome = Outcome::failure(404, QStringLiteral("file/folder not found"));
             return false;
         }
-        if (lockedAgainst(entry->neid, userId)) {
-            outcome = Outcome::failure(423, QStringLiteral("file is locked"));
+        if (const std::optional<LockHolder> lock = lockOn(entry->neid, userId)) {
+            outcome = Outcome::locked(*lock);
             return false;
         }
         change(entry->neid);
@@ -499,15 +607,33 @@ Outcome Drive::changeLock(const QString& space, const QString& path, qint64 user
     return outcome;
 }
 
-bool Drive::lockedAgainst(qint64 neid, qint64 userId)
+std::optional<LockHolder> Drive::lockAgainst(const QString& space, const QString& path, qint64 userId)
 {
-    bool locked = false;
+    std::optional<LockHolder> holder;
     m_db.run(false, [&] {
-        Database::Statement st(m_db, "SELECT 1 FROM locks WHERE neid = ? AND user_id <> ? AND expires > ?");
-        locked = st.bind(1, neid).bind(2, userId).bind(3, now()).next();
+        Database::Statement st(m_db,
+            "SELECT e.path, u.name, l.expires FROM locks l JOIN entries e ON e.neid = l.neid "
+            "LEFT JOIN users u ON u.id = l.user_id WHERE l.user_id <> ?5 AND l.expires > ?6 AND "
+                + QByteArray(InSubtree) + " ORDER BY e.path LIMIT 1");
+        if (bindSubtree(st, space, path).bind(5, userId).bind(6, now()).next())
+            holder = LockHolder { st.text(0), st.text(1), st.integer(2) };
         return true;
     });
-    return locked;
+    return holder;
+}
+
+std::optional<LockHolder> Drive::lockOn(qint64 neid, qint64 userId)
+{
+    std::optional<LockHolder> holder;
+    m_db.run(false, [&] {
+        Database::Statement st(m_db,
+            "SELECT e.path, u.name, l.expires FROM locks l JOIN entries e ON e.neid = l.neid "
+            "LEFT JOIN users u ON u.id = l.user_id WHERE l.neid = ? AND l.user_id <> ? AND l.expires > ?");
+        if (st.bind(1, neid).bind(2, userId).bind(3, now()).next())
+            holder = LockHolder { st.text(0), st.text(1), st.integer(2) };
+        return true;
+    });
+    return holder;
 }
 
 QList<Change> Drive::changes(const QString& space, const QString& folder, qint64 afterSeq, int limit)
@@ -515,7 +641,8 @@ QList<Change> Drive::changes(const QString& space, const QString& folder, qint64
     QList<Change> changes;
     m_db.run(false, [&] {
         Database::Statement st(m_db,
-            "SELECT seq, op, from_path, neid, path, is_dir, bytes, rev, time FROM journal WHERE space = ? AND seq > ? "
+            "SELECT seq, op, from_path, neid, path, is_dir, bytes, rev, time, hash FROM journal WHERE space "
+            "= ? AND seq > ? "
             "ORDER BY seq");
         st.bind(1, space).bind(2, afterSeq);
         while (st.next() && changes.size() < limit) {
@@ -530,7 +657,9 @@ QList<Change> Drive::changes(const QString& space, const QString& folder, qint64
             change.entry.bytes = st.integer(6);
             change.entry.rev = st.integer(7);
             change.entry.modified = st.integer(8);
-            if (within(change.entry.path, folder) || (!change.fromPath.isEmpty() && within(change.fromPath, folder)))
+            change.entry.hash = st.text(9);
+            if (within(change.entry.path, folder)
+                || (!change.fromPath.isEmpty() && within(change.fromPath, folder)))
                 changes.append(change);
         }
         return true;
@@ -580,13 +709,34 @@ QStringList Drive::missingChunks(const QStringList& hashes)
     return missing;
 }
 
+QString Drive::journalId()
+{
+    QString id;
+    m_db.run(true, [&] {
+        Database::Statement st(m_db, "SELECT value FROM meta WHERE key = 'journal_id'");
+        if (st.next()) {
+            id = st.text(0);
+            return true;
+        }
+        id = newJournalId();
+        return !id.isEmpty();
+    });
+    return id;
+}
+
+QString Drive::newJournalId()
+{
+    const QString id = Accounts::randomHex(8);
+    Database::Statement st(m_db, "INSERT OR REPLACE INTO meta(key, value) VALUES('journal_id', ?)");
+    return st.bind(1, id).exec() ? id : QString();
+}
+
 void Drive::clear()
 {
     m_db.run(true, [&] {
-        for (const char* sql : { "DELETE FROM entries", "DELETE FROM revisions", "DELETE FROM journal", "DELETE FROM locks",
-                 "DELETE FROM tasks", "DELETE FROM links", "DELETE FROM sessions", "DELETE FROM flows",
-                 "DELETE FROM outbox", "DELETE FROM oplog" })
+        for (const char* sql :
+            { "DELETE FROM entries", "DELETE FROM revisions", "DELETE FROM journal", "DELETE FROM locks" })
             m_db.exec(sql);
-        return true;
+        return !newJournalId().isEmpty();
     });
 }

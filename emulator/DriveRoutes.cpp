@@ -1,6 +1,8 @@
 #include "DriveRoutes.h"
 
-#include <QDateTime>
+#include "Routes.h"
+#include "Wire.h"
+
 #include <QJsonDocument>
 #include <QRegularExpression>
 
@@ -17,6 +19,11 @@ QJsonObject changeJson(const Change& change)
     return object;
 }
 
+QString nameOf(const QString& path)
+{
+    return path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
+}
+
 } // namespace
 
 DriveRoutes::DriveRoutes(EmuContext& context)
@@ -24,53 +31,38 @@ DriveRoutes::DriveRoutes(EmuContext& context)
 {
 }
 
-QString DriveRoutes::spaceOf(const HttpCall& call, const QString& pathType) const
+QString DriveRoutes::encodeCursor(const QString& journalId, qint64 seq)
 {
-    return Drive::spaceOf(pathType, call.userId);
+    return QString::fromLatin1(QStringLiteral("nbemu:%1:%2")
+                                   .arg(journalId)
+                                   .arg(seq)
+                                   .toLatin1()
+                                   .toBase64(QByteArray::Base64UrlEncoding));
 }
 
-bool DriveRoutes::normalised(HttpCall& call, const QString& text, QString* path)
+std::optional<qint64> DriveRoutes::decodeCursor(
+    const QString& cursor, const QString& journalId, qint64 lastSeq)
 {
-    if (Drive::normalise(text, path))
-        return true;
-    call.error(400, QStringLiteral("invalid path"), QStringLiteral("\"..\", \".\" and NUL are not allowed in paths"));
-    return false;
-}
-
-void DriveRoutes::reply(HttpCall& call, const Outcome& outcome)
-{
-    if (outcome.ok())
-        call.json(outcome.entry.json());
-    else
-        call.error(outcome.status, outcome.code, outcome.message);
-}
-
-QString DriveRoutes::encodeCursor(qint64 seq)
-{
-    return QString::fromLatin1(("nbemu:" + QByteArray::number(seq)).toBase64(QByteArray::Base64UrlEncoding));
-}
-
-std::optional<qint64> DriveRoutes::decodeCursor(const QString& cursor)
-{
-    const QByteArray text = QByteArray::fromBase64(cursor.toLatin1(), QByteArray::Base64UrlEncoding);
+    const QList<QByteArray> parts
+        = QByteArray::fromBase64(cursor.toLatin1(), QByteArray::Base64UrlEncoding).split(':');
     bool ok = false;
-    const qint64 seq = text.startsWith("nbemu:") ? text.mid(6).toLongLong(&ok) : 0;
-    if (!ok || seq < 0)
+    const qint64 seq = parts.size() == 3 && parts[0] == "nbemu" && parts[1] == journalId.toLatin1()
+        ? parts[2].toLongLong(&ok)
+        : -1;
+    if (!ok || seq < 0 || seq > lastSeq)
         return std::nullopt;
     return seq;
 }
 
-QJsonObject DriveRoutes::feed(HttpCall& call, const QString& space, const QString& folder, const QString& cursor)
+QJsonObject DriveRoutes::feed(const QString& space, const QString& folder, const QString& cursor)
 {
-    Q_UNUSED(call)
-    std::optional<qint64> after;
-    if (!cursor.isEmpty())
-        after = decodeCursor(cursor);
+    const QString journal = m_context.drive.journalId();
+    qint64 last = m_context.drive.lastSeq();
+    const std::optional<qint64> after = cursor.isEmpty() ? std::nullopt : decodeCursor(cursor, journal, last);
     QJsonArray entries;
     bool hasMore = false;
-    qint64 last = m_context.drive.lastSeq();
     if (!after) {
-        // A first read, or a cursor the emulator did not give: the whole state, as created.
+        // A first read, or a cursor this journal did not give: the whole state, as created.
         for (const Entry& entry : m_context.drive.below(space, folder)) {
             QJsonObject object = entry.json();
             object.insert("op", "create");
@@ -84,24 +76,57 @@ QJsonObject DriveRoutes::feed(HttpCall& call, const QString& space, const QStrin
             if (hasMore)
                 last = changes[i].seq;
         }
-        if (changes.isEmpty())
-            last = qMax(*after, last);
     }
-    return QJsonObject { { "entries", entries }, { "cursor", encodeCursor(last) }, { "has_more", hasMore },
-        { "reset", !cursor.isEmpty() && !after } };
+    return QJsonObject { { "entries", entries }, { "cursor", encodeCursor(journal, last) },
+        { "has_more", hasMore }, { "reset", !cursor.isEmpty() && !after } };
+}
+
+bool DriveRoutes::batchPlaces(HttpCall& call, const QString& kind, QList<Place>* sources, Place* target)
+{
+    const auto invalid = [&call](const QString& message) {
+        call.error(400, QStringLiteral("invalid json"), message);
+        return false;
+    };
+    const auto placeOf = [&call](const QJsonValue& value, Place* place) {
+        const QJsonObject object = value.toObject();
+        const QJsonValue type = object.value(Wire::PathType);
+        if (!value.isObject() || !object.value(Wire::Path).isString()
+            || !(type.isUndefined() || type.isString()))
+            return false;
+        place->asSent = object.value(Wire::Path).toString();
+        return true;
+    };
+    const QJsonDocument document = QJsonDocument::fromJson(call.value(Wire::Json).toUtf8());
+    if (!document.isObject())
+        return invalid(QStringLiteral("the parameter \"json\" holds no object"));
+    const QString listKey = kind == QLatin1String("delete") ? Wire::Pathes : Wire::From;
+    const QJsonValue list = document.object().value(listKey);
+    if (!list.isArray())
+        return invalid(QStringLiteral("\"%1\" is not a list").arg(listKey));
+    for (const QJsonValue& value : list.toArray()) {
+        Place place;
+        if (!placeOf(value, &place))
+            return invalid(QStringLiteral("each item of \"%1\" is an object with a \"path\"").arg(listKey));
+        if (!Routes::space(call, value.toObject().value(Wire::PathType).toString(), &place.space)
+            || !Routes::normalised(call, place.asSent, &place.path))
+            return false;
+        sources->append(place);
+    }
+    if (kind == QLatin1String("delete"))
+        return true;
+    const QJsonValue to = document.object().value(Wire::To);
+    if (!placeOf(to, target))
+        return invalid(QStringLiteral("\"to\" is an object with a \"path\""));
+    return Routes::space(call, to.toObject().value(Wire::PathType).toString(), &target->space)
+        && Routes::normalised(call, target->asSent, &target->path);
 }
 
 void DriveRoutes::batch(HttpCall& call, const QString& kind)
 {
-    const QJsonObject request = QJsonDocument::fromJson(call.value("json").toUtf8()).object();
-    if (request.isEmpty())
-        return call.error(400, QStringLiteral("invalid json"), QStringLiteral("the parameter \"json\" holds no object"));
-    const QJsonArray sources = request.value(kind == QLatin1String("delete") ? "pathes" : "from").toArray();
-    const QJsonObject target = request.value("to").toObject();
-    QString targetFolder;
-    if (kind != QLatin1String("delete") && !normalised(call, target.value("path").toString(), &targetFolder))
+    QList<Place> sources;
+    Place target;
+    if (!batchPlaces(call, kind, &sources, &target))
         return;
-    const QString targetSpace = spaceOf(call, target.value("path_type").toString());
     QString failPattern;
     {
         QMutexLocker lock(&m_context.taskMutex);
@@ -109,67 +134,72 @@ void DriveRoutes::batch(HttpCall& call, const QString& kind)
     }
     const QRegularExpression failing(failPattern);
     QJsonArray results;
-    for (const QJsonValue& value : sources) {
-        const QJsonObject source = value.toObject();
-        QString path;
+    for (const Place& source : qAsConst(sources)) {
         Outcome outcome;
-        if (!Drive::normalise(source.value("path").toString(), &path)) {
-            outcome = Outcome::failure(400, QStringLiteral("invalid path"));
-        } else if (!failPattern.isEmpty() && failing.match(path).hasMatch()) {
-            outcome = Outcome::failure(403, QStringLiteral("forbidden"), QStringLiteral("failed by the control interface"));
-        } else {
-            const QString space = spaceOf(call, source.value("path_type").toString());
-            const QString name = path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
-            const QString to = (targetFolder == QLatin1String("/") ? QString() : targetFolder) + QLatin1Char('/') + name;
-            if (kind == QLatin1String("delete"))
-                outcome = m_context.drive.remove(space, path, call.userId);
-            else if (kind == QLatin1String("copy"))
-                outcome = m_context.drive.copy(space, path, targetSpace, to, call.userId);
-            else
-                outcome = m_context.drive.move(space, path, targetSpace, to, call.userId);
-        }
-        QJsonObject result { { "path", source.value("path").toString() }, { "ok", outcome.ok() } };
-        if (!outcome.ok())
+        const QString to = (target.path == QLatin1String("/") ? QString() : target.path) + QLatin1Char('/')
+            + nameOf(source.path);
+        if (!failPattern.isEmpty() && failing.match(source.path).hasMatch())
+            outcome = Outcome::failure(
+                403, QStringLiteral("forbidden"), QStringLiteral("failed by the control interface"));
+        else if (kind == QLatin1String("delete"))
+            outcome = m_context.drive.remove(source.space, source.path, call.userId);
+        else if (kind == QLatin1String("copy"))
+            outcome = m_context.drive.copy(source.space, source.path, target.space, to, call.userId);
+        else
+            outcome = m_context.drive.move(source.space, source.path, target.space, to, call.userId);
+        QJsonObject result { { "path", source.asSent }, { "ok", outcome.ok() } };
+        if (!outcome.ok()) {
             result.insert("code", outcome.code);
-        else if (kind != QLatin1String("delete"))
+            result.insert("message", outcome.message.isEmpty() ? outcome.code : outcome.message);
+        } else if (kind != QLatin1String("delete")) {
             result.insert("to", outcome.entry.path);
+        }
         results.append(result);
     }
-    const QString id = Accounts::randomHex(8);
-    m_context.db.run(true, [&] {
-        Database::Statement st(m_context.db, "INSERT INTO tasks(id, user_id, kind, polls, results) VALUES(?, ?, ?, ?, ?)");
-        return st.bind(1, id).bind(2, call.userId).bind(3, kind).bind(4, m_context.taskPolls.load())
-            .bind(5, QString::fromUtf8(QJsonDocument(results).toJson(QJsonDocument::Compact)))
-            .exec();
-    });
+    const QString id = m_context.tasks.create(call.userId, kind, m_context.taskPolls.load(), results);
     call.json(QJsonObject { { "task_id", id }, { "state", "running" } });
+}
+
+void DriveRoutes::extra(HttpCall& call, const QStringList& neids)
+{
+    QJsonArray entries;
+    for (const QString& neid : neids) {
+        const std::optional<Entry> entry = m_context.drive.findNeid(neid.toLongLong());
+        entries.append(entry && Drive::visibleTo(*entry, call.userId)
+                ? entry->json()
+                : QJsonObject { { "neid", neid }, { "exist", false } });
+    }
+    call.json(QJsonObject { { "extra", entries } });
 }
 
 void DriveRoutes::install(Router& router)
 {
+    Drive& drive = m_context.drive;
+
     // --- Metadata, listings, folders and files. ---------------------------------------------
-    router.add("GET", "/v2/metadata/databox(/.*)?", EveryType, Access::Session, [this](HttpCall& call) {
+    router.add("GET", "/v2/metadata/databox(/.*)?", EveryType, Access::Session, [&drive](HttpCall& call) {
         std::optional<Entry> entry;
-        if (!call.value("neid").isEmpty()) {
-            entry = m_context.drive.findNeid(call.value("neid").toLongLong());
-            if (entry && entry->space.startsWith(QLatin1String("self:")) && entry->space != spaceOf(call, "self"))
+        if (!call.value(Wire::Neid).isEmpty()) {
+            entry = drive.findNeid(call.value(Wire::Neid).toLongLong());
+            if (entry && !Drive::visibleTo(*entry, call.userId))
                 entry.reset();
         } else {
+            QString space;
             QString path;
-            if (!normalised(call, call.captures.value(0), &path))
+            if (!Routes::place(call, call.captures.value(0), &space, &path))
                 return;
-            entry = m_context.drive.find(spaceOf(call, call.value("path_type")), path);
+            entry = drive.find(space, path);
         }
         if (!entry)
-            return call.error(404, QStringLiteral("file/folder not found"));
+            return Routes::notFound(call);
         QJsonObject object = entry->json();
-        if (entry->dir && call.value("list") == QLatin1String("true")) {
+        if (entry->dir && call.value(Wire::List) == QLatin1String("true")) {
             int total = 0;
-            const int limit = call.value("limit").toInt();
-            const int offset = call.value("offset").toInt();
+            const int limit = call.value(Wire::Limit).toInt();
+            const int offset = call.value(Wire::Offset).toInt();
             QJsonArray content;
-            for (const Entry& child : m_context.drive.list(
-                     entry->space, entry->path, call.value("orderby"), call.value("sort"), limit, offset, &total))
+            for (const Entry& child : drive.list(entry->space, entry->path, call.value(Wire::OrderBy),
+                     call.value(Wire::Sort), limit, offset, &total))
                 content.append(child.json());
             object.insert("content", content);
             object.insert("total", total);
@@ -178,164 +208,166 @@ void DriveRoutes::install(Router& router)
         }
         call.json(object);
     });
-    router.add("POST", "/v2/fileops/create_folder/databox(/.*)?", EveryType, Access::Session, [this](HttpCall& call) {
+    router.add("POST", "/v2/fileops/create_folder/databox(/.*)?", EveryType, Access::Session,
+        [&drive](HttpCall& call) {
+            QString space;
+            QString path;
+            if (Routes::place(call, call.captures.value(0), &space, &path))
+                Routes::reply(call, drive.createFolder(space, path, call.userId));
+        });
+    router.add(
+        "POST", "/v2/fileops/create_file(/.*)?", PublicCloudOnly, Access::Session, [&drive](HttpCall& call) {
+            QString space;
+            QString path;
+            if (Routes::place(call, call.captures.value(0), &space, &path))
+                Routes::reply(call, drive.createFile(space, path, call.userId));
+        });
+    router.add("GET", "/v2/revisions/databox(/.*)?", EveryType, Access::Session, [&drive](HttpCall& call) {
+        QString space;
         QString path;
-        if (normalised(call, call.captures.value(0), &path))
-            reply(call, m_context.drive.createFolder(spaceOf(call, call.value("path_type")), path, call.userId));
-    });
-    router.add("POST", "/v2/fileops/create_file(/.*)?", PublicType, Access::Session, [this](HttpCall& call) {
-        QString path;
-        if (normalised(call, call.captures.value(0), &path))
-            reply(call, m_context.drive.createFile(spaceOf(call, call.value("path_type")), path, call.userId));
-    });
-    router.add("GET", "/v2/revisions/databox(/.*)?", EveryType, Access::Session, [this](HttpCall& call) {
-        QString path;
-        if (!normalised(call, call.captures.value(0), &path))
+        if (!Routes::place(call, call.captures.value(0), &space, &path))
             return;
-        const std::optional<Entry> entry = m_context.drive.find(spaceOf(call, call.value("path_type")), path);
+        const std::optional<Entry> entry = drive.find(space, path);
         if (!entry || entry->dir)
-            return call.error(404, QStringLiteral("file/folder not found"));
+            return Routes::notFound(call);
         QJsonObject object = entry->json();
-        object.insert("revisions", m_context.drive.revisions(entry->neid, call.value("rev_limit").toInt()));
+        object.insert("revisions", drive.revisions(entry->neid, call.value(Wire::RevLimit).toInt()));
         call.json(object);
     });
-    router.add("GET", "/v2/(lock|unlock)/databox(/.*)?", EveryType, Access::Session, [this](HttpCall& call) {
-        QString path;
-        if (!normalised(call, call.captures.value(1), &path))
-            return;
-        const QString space = spaceOf(call, call.value("path_type"));
-        const Outcome outcome = call.captures.value(0) == QLatin1String("lock")
-            ? m_context.drive.lock(space, path, call.userId, call.value("time").toInt())
-            : m_context.drive.unlock(space, path, call.userId);
-        if (!outcome.ok())
-            return reply(call, outcome);
-        QJsonObject object = outcome.entry.json();
-        object.insert("locked", call.captures.value(0) == QLatin1String("lock"));
-        call.json(object);
-    });
-    router.add("POST", "/v2/fileops/fileExists", PrivateType | PrivateSixType, Access::Session, [this](HttpCall& call) {
+    router.add(
+        "GET", "/v2/(lock|unlock)/databox(/.*)?", EveryType, Access::Session, [&drive](HttpCall& call) {
+            QString space;
+            QString path;
+            if (!Routes::place(call, call.captures.value(1), &space, &path))
+                return;
+            const Outcome outcome = call.captures.value(0) == QLatin1String("lock")
+                ? drive.lock(space, path, call.userId, call.value(Wire::Time).toInt())
+                : drive.unlock(space, path, call.userId);
+            if (!outcome.ok())
+                return Routes::failure(call, outcome);
+            call.json(drive.find(space, path).value_or(outcome.entry).json());
+        });
+    router.add("POST", "/v2/fileops/fileExists", PrivateTypes, Access::Session, [&drive](HttpCall& call) {
         std::optional<Entry> entry;
-        QString path;
-        if (!call.value("neid").isEmpty())
-            entry = m_context.drive.findNeid(call.value("neid").toLongLong());
-        else if (!normalised(call, call.value("path"), &path))
-            return;
-        else
-            entry = m_context.drive.find(call.value("nsid").isEmpty() ? QStringLiteral("ent") : call.value("nsid"), path);
+        if (!call.value(Wire::Neid).isEmpty()) {
+            entry = drive.findNeid(call.value(Wire::Neid).toLongLong());
+        } else {
+            QString path;
+            if (!Routes::normalised(call, call.value(Wire::Path), &path))
+                return;
+            const QString nsid = call.value(Wire::Nsid);
+            if (!nsid.startsWith(QLatin1String("self:")) && !Drive::spaceOf(nsid, call.userId))
+                return call.error(
+                    400, QStringLiteral("invalid path"), QStringLiteral("unknown nsid \"%1\"").arg(nsid));
+            // Another user's own space answers as if empty.
+            if (const std::optional<QString> space = Drive::spaceOfNsid(nsid, call.userId))
+                entry = drive.find(*space, path);
+        }
+        if (entry && !Drive::visibleTo(*entry, call.userId))
+            entry.reset();
         QJsonObject object { { "exist", bool(entry) } };
         if (entry)
             object.insert("entry", entry->json());
         call.json(object);
     });
-    const auto extra = [this](HttpCall& call, const QStringList& neids) {
-        QJsonArray entries;
-        for (const QString& neid : neids) {
-            const std::optional<Entry> entry = m_context.drive.findNeid(neid.toLongLong());
-            entries.append(entry ? entry->json() : QJsonObject { { "neid", neid }, { "exist", false } });
-        }
-        call.json(QJsonObject { { "extra", entries } });
-    };
-    // The public cloud's request for extra metadata carries no cookie: served without a session.
-    router.add("GET", "/v2/extra_meta", PublicType, Access::Open, [extra](HttpCall& call) {
-        extra(call, call.value("neids").split(QLatin1Char(','), Qt::SkipEmptyParts));
+    // The public cloud's request for extra metadata carries no cookie: served without a
+    // session, and then with the shared spaces' entries only.
+    router.add("GET", "/v2/extra_meta", PublicCloudOnly, Access::Open, [this](HttpCall& call) {
+        extra(call, call.value(Wire::Neids).split(QLatin1Char(','), Qt::SkipEmptyParts));
     });
-    router.add("POST", "/v2/extra_metadata", PrivateType | PrivateSixType, Access::Session, [extra](HttpCall& call) {
+    router.add("POST", "/v2/extra_metadata", PrivateTypes, Access::Session, [this](HttpCall& call) {
+        const QJsonDocument document = QJsonDocument::fromJson(call.value(Wire::Json).toUtf8());
         QStringList neids;
-        for (const QJsonValue& value : QJsonDocument::fromJson(call.value("json").toUtf8()).array())
-            neids << value.toObject().value("neid").toString();
+        for (const QJsonValue& value : document.array()) {
+            if (!value.toObject().value(Wire::Neid).isString())
+                return call.error(
+                    400, QStringLiteral("invalid json"), QStringLiteral("\"json\" is a list of {\"neid\"}"));
+            neids << value.toObject().value(Wire::Neid).toString();
+        }
+        if (!document.isArray())
+            return call.error(
+                400, QStringLiteral("invalid json"), QStringLiteral("\"json\" is a list of {\"neid\"}"));
         extra(call, neids);
     });
 
     // --- Move, copy, delete. ------------------------------------------------------------------
-    router.add("POST", "/v2/fileops/move", EveryType, Access::Session, [this](HttpCall& call) {
+    router.add("POST", "/v2/fileops/move", EveryType, Access::Session, [&drive](HttpCall& call) {
+        QString fromSpace;
         QString from;
+        QString toSpace;
         QString to;
-        if (normalised(call, call.value("from_path"), &from) && normalised(call, call.value("to_path"), &to))
-            reply(call,
-                m_context.drive.move(spaceOf(call, call.value("from_path_type")), from,
-                    spaceOf(call, call.value("to_path_type")), to, call.userId));
+        if (Routes::place(call, call.value(Wire::FromPath), &fromSpace, &from, Wire::FromPathType)
+            && Routes::place(call, call.value(Wire::ToPath), &toSpace, &to, Wire::ToPathType))
+            Routes::reply(call, drive.move(fromSpace, from, toSpace, to, call.userId));
     });
     router.add("POST", "/v2/fileops/batch_(copy|move|delete)", EveryType, Access::Session,
         [this](HttpCall& call) { batch(call, call.captures.value(0)); });
     router.add("GET", "/v2/async/query", EveryType, Access::Session, [this](HttpCall& call) {
-        QJsonObject answer;
-        m_context.db.run(true, [&] {
-            Database::Statement st(m_context.db, "SELECT kind, polls, results FROM tasks WHERE id = ? AND user_id = ?");
-            if (!st.bind(1, call.value("task_id")).bind(2, call.userId).next())
-                return false;
-            const int polls = int(st.integer(1));
-            answer = QJsonObject { { "task_id", call.value("task_id") }, { "kind", st.text(0) } };
-            if (polls > 0) {
-                answer.insert("state", "running");
-                Database::Statement next(m_context.db, "UPDATE tasks SET polls = polls - 1 WHERE id = ?");
-                return next.bind(1, call.value("task_id")).exec();
-            }
-            const QJsonArray results = QJsonDocument::fromJson(st.text(2).toUtf8()).array();
-            bool allDone = true;
-            for (const QJsonValue& result : results)
-                allDone &= result.toObject().value("ok").toBool();
-            answer.insert("state", allDone ? "done" : "failed");
-            answer.insert("results", results);
-            return true;
-        });
-        if (answer.isEmpty())
+        const std::optional<QJsonObject> state = m_context.tasks.poll(call.value(Wire::TaskId), call.userId);
+        if (!state)
             return call.error(404, QStringLiteral("source not found"), QStringLiteral("no such task"));
-        call.json(answer);
+        call.json(*state);
     });
 
     // --- Change feeds and sync data, all read from the journal. -----------------------------
-    router.add("POST", "/v2/(delta|vboxdelta|initdelta)/databox(/.*)?", EveryType, Access::Session, [this](HttpCall& call) {
-        const QString kind = call.captures.value(0);
-        if (kind != QLatin1String("delta") && m_context.options.type != 1)
-            return call.error(501, QStringLiteral("not emulated"), kind + QStringLiteral(" is a public cloud route"));
-        QString folder;
-        if (!normalised(call, call.captures.value(1), &folder))
-            return;
-        const QString cursor = kind == QLatin1String("initdelta") ? QString() : call.value("cursor");
-        call.json(feed(call, spaceOf(call, call.value("path_type")), folder, cursor));
-    });
+    router.add("POST", "/v2/(delta|vboxdelta|initdelta)/databox(/.*)?", EveryType, Access::Session,
+        [this](HttpCall& call) {
+            const QString kind = call.captures.value(0);
+            if (kind != QLatin1String("delta") && m_context.options.type != Deployment::PublicCloud)
+                return call.error(
+                    501, QStringLiteral("not emulated"), kind + QStringLiteral(" is a public cloud route"));
+            QString space;
+            QString folder;
+            if (!Routes::place(call, call.captures.value(1), &space, &folder))
+                return;
+            const QString cursor = kind == QLatin1String("initdelta") ? QString() : call.value(Wire::Cursor);
+            call.json(feed(space, folder, cursor));
+        });
     router.add("POST", "/v2/syncdata/syncDisc", EveryType, Access::Session, [this](HttpCall& call) {
+        QString space;
         QString folder;
-        if (!normalised(call, call.value("path"), &folder))
+        if (!Routes::place(call, call.value(Wire::Path), &space, &folder))
             return;
-        QJsonObject answer = feed(call, spaceOf(call, call.value("path_type")), folder, call.value("cursor"));
-        for (const char* key : { "syncCid", "syncUid", "pullJid", "deltaDataId", "syncType" })
+        QJsonObject answer = feed(space, folder, call.value(Wire::Cursor));
+        for (const QString& key : Wire::SyncDiscEchoes)
             answer.insert(key, call.value(key));
         call.json(answer);
     });
-    router.add("POST", "/v2/syncdata/(virtualBox|assignVirtualBox)", PrivateSixType, Access::Session, [this](HttpCall& call) {
-        QString folder;
-        if (!normalised(call, call.value("path"), &folder))
-            return;
-        const qint64 after = call.value("deltaDataId").toLongLong();
-        QJsonObject answer = feed(call, spaceOf(call, call.value("path_type")), folder, after > 0 ? encodeCursor(after) : QString());
-        answer.insert("deltaDataId", QString::number(decodeCursor(answer.value("cursor").toString()).value_or(0)));
-        for (const char* key : { "syncUid", "syncCid", "pullJid", "assign_Jid" })
-            answer.insert(key, call.value(key));
-        call.json(answer);
-    });
-    router.add("GET", "/v2/syncdata/returnAssignJid", PrivateSixType, Access::Session, [this](HttpCall& call) {
-        QString path;
-        if (!normalised(call, call.value("path"), &path))
-            return;
-        const std::optional<Entry> entry = m_context.drive.find(spaceOf(call, call.value("path_type")), path);
-        if (!entry)
-            return call.error(404, QStringLiteral("file/folder not found"));
-        call.json(QJsonObject { { "assign_Jid", QString::number(entry->neid) }, { "path", entry->path } });
-    });
+    router.add("POST", "/v2/syncdata/(virtualBox|assignVirtualBox)", PrivateSixOnly, Access::Session,
+        [this](HttpCall& call) {
+            QString space;
+            QString folder;
+            if (!Routes::place(call, call.value(Wire::Path), &space, &folder))
+                return;
+            const QString journal = m_context.drive.journalId();
+            const qint64 after = call.value(Wire::DeltaDataId).toLongLong();
+            QJsonObject answer = feed(space, folder, after > 0 ? encodeCursor(journal, after) : QString());
+            const std::optional<qint64> position
+                = decodeCursor(answer.value("cursor").toString(), journal, m_context.drive.lastSeq());
+            answer.insert(Wire::DeltaDataId, QString::number(position.value_or(0)));
+            for (const QString& key : Wire::VirtualBoxEchoes)
+                answer.insert(key, call.value(key));
+            call.json(answer);
+        });
+    router.add(
+        "GET", "/v2/syncdata/returnAssignJid", PrivateSixOnly, Access::Session, [&drive](HttpCall& call) {
+            QString space;
+            QString path;
+            if (!Routes::place(call, call.value(Wire::Path), &space, &path))
+                return;
+            const std::optional<Entry> entry = drive.find(space, path);
+            if (!entry)
+                return Routes::notFound(call);
+            call.json(
+                QJsonObject { { Wire::AssignJid, QString::number(entry->neid) }, { "path", entry->path } });
+        });
 
     // --- The operation log. ----------------------------------------------------------------------
     router.add("POST", "/v2/log/logging", EveryType, Access::Session, [this](HttpCall& call) {
         QJsonObject record;
-        for (const char* key : { "category", "action", "entityStr1", "entityStr2", "pathType", "op_type", "neid", "nsid" })
+        for (const QString& key : Wire::LogRecordKeys)
             record.insert(key, call.value(key));
-        m_context.db.run(true, [&] {
-            Database::Statement st(m_context.db, "INSERT INTO oplog(user_id, record, time) VALUES(?, ?, ?)");
-            return st.bind(1, call.userId)
-                .bind(2, QString::fromUtf8(QJsonDocument(record).toJson(QJsonDocument::Compact)))
-                .bind(3, QDateTime::currentSecsSinceEpoch())
-                .exec();
-        });
+        m_context.oplog.add(call.userId, record);
         call.json(QJsonObject { { "logged", true } });
     });
 }

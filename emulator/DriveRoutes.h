@@ -12,17 +12,29 @@ public:
     explicit DriveRoutes(EmuContext& context);
     void install(Router& router);
 
-    // The normalised path, or false after a 400 reply.
-    static bool normalised(HttpCall& call, const QString& text, QString* path);
-    static QString encodeCursor(qint64 seq);
-    static std::optional<qint64> decodeCursor(const QString& cursor);
+    // A cursor names a position of one journal: of another journal (another data folder,
+    // or this one before a reset) or past its end, it is unknown.
+    static QString encodeCursor(const QString& journalId, qint64 seq);
+    static std::optional<qint64> decodeCursor(
+        const QString& cursor, const QString& journalId, qint64 lastSeq);
 
 private:
-    QString spaceOf(const HttpCall& call, const QString& pathType) const;
-    void reply(HttpCall& call, const Outcome& outcome);
-    // The changes below a folder after the cursor (all of it as created without one).
-    QJsonObject feed(HttpCall& call, const QString& space, const QString& folder, const QString& cursor);
+    // One source of a batch request, or its target: the space and the path.
+    struct Place
+    {
+        QString space;
+        QString path;
+        QString asSent;
+    };
+    // The changes below a folder after the cursor (all of it as created without one, or
+    // with reset true for an unknown one).
+    QJsonObject feed(const QString& space, const QString& folder, const QString& cursor);
+    // The places of a batch request's JSON, checked whole before anything is done; false
+    // after a 400 reply.
+    bool batchPlaces(HttpCall& call, const QString& kind, QList<Place>* sources, Place* target);
     void batch(HttpCall& call, const QString& kind);
+    // The entries of these neids that the caller may see; the others as not there.
+    void extra(HttpCall& call, const QStringList& neids);
 
     EmuContext& m_context;
 };

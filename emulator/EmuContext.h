@@ -7,11 +7,15 @@
 #include "Database.h"
 #include "Drive.h"
 #include "Faults.h"
+#include "Links.h"
+#include "OpLog.h"
+#include "Router.h"
+#include "Tasks.h"
 
 #include <QMutex>
 #include <QString>
-#include <atomic>
 #include <QStringList>
+#include <atomic>
 
 struct EmuOptions
 {
@@ -20,9 +24,9 @@ struct EmuOptions
     QString host = QStringLiteral("127.0.0.1");
     int port = 0;
     QString portFile;
-    int type = 1; // as ServerApi::init: 0 private, 1 public cloud, 2 private 6.0
+    Deployment type = Deployment::PublicCloud;
     QStringList users; // NAME:PASSWORD[:tfa]
-    QStringList links; // CODE:PASSWORD:USER:PATH (the shared folder, in the user's "ent" space)
+    QStringList links; // CODE:PASSWORD:USER:FOLDER (the shared folder, in the user's "ent" space)
     QString seedDir;
     QString verifyCode;
     bool control = false;
@@ -33,7 +37,6 @@ struct EmuOptions
     QString tlsKey;
     bool tlsSelfSigned = false;
     int sessionSeconds = 86400;
-    int threads = 256;
     qint64 maxBody = 64 << 20; // a request body read whole (chunk uploads, forms)
 };
 
@@ -44,6 +47,9 @@ struct EmuContext
     ChunkStore store;
     Accounts accounts { db, 86400 };
     Drive drive { db, store };
+    Tasks tasks { db };
+    Links links { db, drive };
+    OpLog oplog { db };
     Faults faults;
     QString selfUrl; // "http://127.0.0.1:PORT", as clients reach this server
     // How many polls a batch task answers "running" before "done", and the paths it fails

@@ -5,25 +5,18 @@
 
 #include "AccountRoutes.h"
 #include "ControlRoutes.h"
+#include "DataFolder.h"
 #include "DeliveryRoutes.h"
 #include "DriveRoutes.h"
 #include "EmuContext.h"
+#include "HttpServer.h"
 #include "Router.h"
 #include "TransferRoutes.h"
 
 #include <QFile>
 #include <QMutex>
-#include <QTemporaryDir>
 #include <QTextStream>
 #include <atomic>
-#include <memory>
-
-namespace httplib {
-class ContentReader;
-class Server;
-struct Request;
-struct Response;
-}
 
 class Emulator
 {
@@ -37,23 +30,23 @@ public:
     // Serves until stop(), which may come from another thread.
     void run();
     void stop();
-    int port() const { return m_port; }
-
-    // Checks a data folder: every chunk the database lists is on disk with its hash, every
-    // revision's chunk is listed, no file is left that nothing lists. 0 when consistent.
-    static int check(const QString& dir, QTextStream& out);
+    int port() const { return m_server.port(); }
 
 private:
-    void dispatch(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader* reader);
+    void dispatch(HttpRequest& request, HttpResponse& response);
     // Whether the caller may use the route; otherwise the reply says why.
     bool admit(const Route& route, HttpCall& call);
-    void log(const httplib::Request& request, int status, qint64 in, qint64 out, qint64 ms, const QString& fault);
-    bool openData(QString* error);
+    // Whether a request may use the control interface: addressed to this emulator by its
+    // own address, and from no other origin.
+    bool admitControl(HttpCall& call);
+    // A reply the HTTP layer makes itself, for a request it refuses.
+    void refuse(int status, const QString& message, HttpResponse& response);
+    void log(const QByteArray& method, const QByteArray& target, int status, qint64 in, qint64 out, qint64 ms,
+        const QString& fault);
     bool importSeed(QString* error);
     // The links of the options, and the seed when asked.
     bool populate(bool withSeed, QString* error);
     void reset(bool toSeed);
-    bool setUpTls(QString* error);
 
     EmuContext m_context;
     Router m_router;
@@ -62,10 +55,8 @@ private:
     DriveRoutes m_drive { m_context };
     DeliveryRoutes m_delivery { m_context, m_transfers };
     ControlRoutes m_control;
-    std::unique_ptr<httplib::Server> m_server;
-    std::unique_ptr<QTemporaryDir> m_ephemeral;
-    QString m_dataDir;
-    int m_port = 0;
+    DataFolder m_data;
+    HttpServer m_server;
     QMutex m_logMutex;
     QFile m_log;
     std::atomic<qint64> m_requests { 0 };

@@ -37,16 +37,38 @@ std::optional<FaultRule> FaultRule::parse(const QString& text, QString* error)
         }
     }
     if (!known) {
-        *error = QStringLiteral("unknown fault kind %1 (latency, status, retry-after, reset, truncate, stall)").arg(kind);
+        *error
+            = QStringLiteral("unknown fault kind %1 (latency, status, retry-after, reset, truncate, stall)")
+                  .arg(kind);
         return std::nullopt;
     }
     bool ok = true;
-    rule.value = value.isEmpty() ? (rule.kind == Stall ? 600 : rule.kind == Status ? 500 : 0) : value.toInt(&ok);
+    rule.value = value.isEmpty() ? (rule.kind == Stall ? 600
+                         : rule.kind == Status         ? 500
+                                                       : 0)
+                                 : value.toInt(&ok);
     if (!ok || rule.value < 0) {
         *error = QStringLiteral("bad value in %1").arg(text);
         return std::nullopt;
     }
+    if (rule.kind == Status && (rule.value < 200 || rule.value > 599)) {
+        *error = QStringLiteral("a fault's status is from 200 to 599, not %1").arg(rule.value);
+        return std::nullopt;
+    }
     return rule;
+}
+
+FaultRule::Phase FaultRule::phase() const
+{
+    switch (kind) {
+    case Latency:
+        return Before;
+    case Status:
+    case RetryAfter:
+        return Instead;
+    default:
+        return After;
+    }
 }
 
 Faults::Faults(quint64 seed)

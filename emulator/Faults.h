@@ -23,12 +23,17 @@
 struct FaultRule
 {
     enum Kind { Latency, Status, RetryAfter, Reset, Truncate, Stall };
+    // When a fault acts on a request: before the route runs (it delays it), instead of the
+    // route (its own reply), or after it (it breaks the route's reply on the way out).
+    enum Phase { Before, Instead, After };
 
     QString text;
     QRegularExpression pattern;
     Kind kind = Status;
     int value = 0;
     double probability = 1.0;
+
+    Phase phase() const;
 
     static std::optional<FaultRule> parse(const QString& text, QString* error);
 };

@@ -2,48 +2,42 @@
 
 #include <QJsonDocument>
 #include <QUrl>
-#include <httplib.h>
 
-HttpCall::HttpCall(const httplib::Request& request, httplib::Response& response, QByteArray body)
+HttpCall::HttpCall(HttpRequest& request, HttpResponse& response, QByteArray body)
     : m_request(request)
     , m_response(response)
     , m_body(std::move(body))
 {
-    const QByteArray target = QByteArray::fromStdString(request.target);
-    const int question = target.indexOf('?');
-    m_path = QUrl::fromPercentEncoding(question < 0 ? target : target.left(question));
+    const int question = request.target.indexOf('?');
+    m_path = QUrl::fromPercentEncoding(question < 0 ? request.target : request.target.left(question));
     if (question >= 0)
-        m_query = parseItems(target.mid(question + 1));
+        m_query = parseItems(request.target.mid(question + 1), false);
 }
 
-// Parsed on first use: a chunk upload's body also comes as a form, and it is megabytes
-// that no route reads as one.
+// Parsed on first use: only forms hold items, and a body read whole may be megabytes
+// that no route reads as a form.
 const Items& HttpCall::formItems() const
 {
     if (!m_form) {
-        const bool isForm = QByteArray::fromStdString(m_request.get_header_value("Content-Type"))
-                                .startsWith("application/x-www-form-urlencoded");
-        m_form = isForm ? parseItems(m_body) : Items();
+        const bool isForm = m_request.header("Content-Type").startsWith("application/x-www-form-urlencoded");
+        m_form = isForm ? parseItems(m_body, true) : Items();
     }
     return *m_form;
 }
 
 QString HttpCall::method() const
 {
-    return QString::fromStdString(m_request.method);
+    return QString::fromLatin1(m_request.method);
 }
 
-QByteArray HttpCall::target() const
-{
-    return QByteArray::fromStdString(m_request.target);
-}
-
-Items HttpCall::parseItems(const QByteArray& encoded)
+Items HttpCall::parseItems(const QByteArray& encoded, bool plusIsSpace)
 {
     Items items;
-    for (const QByteArray& pair : encoded.split('&')) {
+    for (QByteArray pair : encoded.split('&')) {
         if (pair.isEmpty())
             continue;
+        if (plusIsSpace)
+            pair.replace('+', ' ');
         const int eq = pair.indexOf('=');
         const QByteArray key = eq < 0 ? pair : pair.left(eq);
         const QByteArray value = eq < 0 ? QByteArray() : pair.mid(eq + 1);
@@ -103,18 +97,17 @@ QStringList HttpCall::values(const QString& key) const
     return result;
 }
 
-QString HttpCall::header(const char* name) const
+QString HttpCall::header(const QString& name) const
 {
-    return QString::fromStdString(m_request.get_header_value(name));
+    return QString::fromUtf8(m_request.header(name.toLatin1()));
 }
 
 // The last cookie of the name wins, as it does in the library's own jar.
 QString HttpCall::cookie(const QString& name) const
 {
     QString found;
-    const size_t count = m_request.get_header_value_count("Cookie");
-    for (size_t i = 0; i < count; ++i) {
-        for (const QString& part : QString::fromStdString(m_request.get_header_value("Cookie", i)).split(QLatin1Char(';'))) {
+    for (const QByteArray& line : m_request.headerValues("Cookie")) {
+        for (const QString& part : QString::fromUtf8(line).split(QLatin1Char(';'))) {
             const QString pair = part.trimmed();
             const int eq = pair.indexOf(QLatin1Char('='));
             if (eq > 0 && pair.left(eq) == name)
@@ -122,6 +115,25 @@ QString HttpCall::cookie(const QString& name) const
         }
     }
     return found;
+}
+
+bool HttpCall::takeBody(qint64 limit, bool* tooLarge)
+{
+    *tooLarge = false;
+    if (!m_request.hasBody)
+        return true;
+    m_form.reset();
+    return readBody([&](const char* data, size_t length) {
+        if (m_body.size() + qint64(length) > limit)
+            return !(*tooLarge = true);
+        m_body.append(data, int(length));
+        return true;
+    });
+}
+
+bool HttpCall::readBody(const BodyReceiver& receive)
+{
+    return m_request.readBody(receive);
 }
 
 void HttpCall::json(const QJsonObject& object, int status)
@@ -134,15 +146,40 @@ void HttpCall::json(const QJsonArray& array, int status)
     bytes(QJsonDocument(array).toJson(QJsonDocument::Compact), QStringLiteral("application/json"), status);
 }
 
-void HttpCall::error(int status, const QString& code, const QString& message)
+QByteArray HttpCall::errorBody(
+    int status, const QString& code, const QString& message, const QJsonObject& extra)
 {
-    json(QJsonObject { { "code", code }, { "message", message.isEmpty() ? code : message },
-             { "msgcode", QStringLiteral("E%1").arg(status) }, { "state", status }, { "type", "error" } },
-        status);
+    QJsonObject object { { "code", code }, { "message", message.isEmpty() ? code : message },
+        { "msgcode", QStringLiteral("E%1").arg(status) }, { "state", status }, { "type", "error" } };
+    for (auto it = extra.begin(); it != extra.end(); ++it)
+        object.insert(it.key(), it.value());
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+void HttpCall::error(int status, const QString& code, const QString& message, const QJsonObject& extra)
+{
+    bytes(errorBody(status, code, message, extra), QStringLiteral("application/json"), status);
 }
 
 void HttpCall::bytes(const QByteArray& data, const QString& type, int status)
 {
     m_response.status = status;
-    m_response.set_content(data.toStdString(), type.toStdString());
+    m_response.provider = nullptr;
+    m_response.length = -1;
+    m_response.body = data;
+    m_response.setHeader("Content-Type", type.toLatin1());
+}
+
+void HttpCall::setHeader(const QByteArray& name, const QString& value)
+{
+    m_response.setHeader(name, value.toUtf8());
+}
+
+void HttpCall::stream(int status, qint64 length, const QString& type, ContentProvider provider)
+{
+    m_response.status = status;
+    m_response.body.clear();
+    m_response.length = length;
+    m_response.provider = std::move(provider);
+    m_response.setHeader("Content-Type", type.toLatin1());
 }

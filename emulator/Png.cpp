@@ -1,15 +1,23 @@
 #include "Png.h"
 
-#include <QtEndian>
 #include <QVector>
+#include <QtEndian>
 #include <zlib.h>
 
 namespace {
 
 // One 3x5 glyph per digit, five rows of three bits.
 const unsigned char Font[10][5] = {
-    { 7, 5, 5, 5, 7 }, { 2, 6, 2, 2, 7 }, { 7, 1, 7, 4, 7 }, { 7, 1, 7, 1, 7 }, { 5, 5, 7, 1, 1 },
-    { 7, 4, 7, 1, 7 }, { 7, 4, 7, 5, 7 }, { 7, 1, 1, 1, 1 }, { 7, 5, 7, 5, 7 }, { 7, 5, 7, 1, 7 },
+    { 7, 5, 5, 5, 7 },
+    { 2, 6, 2, 2, 7 },
+    { 7, 1, 7, 4, 7 },
+    { 7, 1, 7, 1, 7 },
+    { 5, 5, 7, 1, 1 },
+    { 7, 4, 7, 1, 7 },
+    { 7, 4, 7, 5, 7 },
+    { 7, 1, 1, 1, 1 },
+    { 7, 5, 7, 5, 7 },
+    { 7, 5, 7, 1, 7 },
 };
 
 void chunk(QByteArray& png, const char* type, const QByteArray& data)
@@ -18,7 +26,8 @@ void chunk(QByteArray& png, const char* type, const QByteArray& data)
     png.append(reinterpret_cast<const char*>(&length), 4);
     QByteArray body = QByteArray(type, 4) + data;
     png.append(body);
-    quint32 crc = qToBigEndian(quint32(crc32(0, reinterpret_cast<const Bytef*>(body.constData()), uInt(body.size()))));
+    quint32 crc = qToBigEndian(
+        quint32(crc32(0, reinterpret_cast<const Bytef*>(body.constData()), uInt(body.size()))));
     png.append(reinterpret_cast<const char*>(&crc), 4);
 }
 
@@ -32,8 +41,8 @@ QByteArray encode(const QVector<unsigned char>& pixels, int width, int height)
     }
     uLongf size = compressBound(uLong(raw.size()));
     QByteArray compressed(int(size), Qt::Uninitialized);
-    compress(reinterpret_cast<Bytef*>(compressed.data()), &size, reinterpret_cast<const Bytef*>(raw.constData()),
-        uLong(raw.size()));
+    compress(reinterpret_cast<Bytef*>(compressed.data()), &size,
+        reinterpret_cast<const Bytef*>(raw.constData()), uLong(raw.size()));
     compressed.resize(int(size));
 
     QByteArray png("\x89PNG\r\n\x1a\n", 8);
@@ -66,7 +75,9 @@ QByteArray Png::digits(const QString& text, int scale)
                     continue;
                 for (int dy = 0; dy < scale; ++dy)
                     for (int dx = 0; dx < scale; ++dx)
-                        pixels[(scale + row * scale + dy) * width + scale + i * cellWidth + column * scale + dx] = 0;
+                        pixels[(scale + row * scale + dy) * width + scale + i * cellWidth + column * scale
+                            + dx]
+                            = 0;
             }
         }
     }

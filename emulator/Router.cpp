@@ -7,9 +7,11 @@ void Router::add(const QString& method, const QString& pattern, int types, Acces
 }
 
 void Router::addStream(const QString& method, const QString& pattern, int types, Access access,
-    std::function<void(HttpCall&, const httplib::ContentReader&)> handler)
+    std::function<void(HttpCall&)> handler)
 {
-    added(method, pattern, types, access).stream = std::move(handler);
+    Route& route = added(method, pattern, types, access);
+    route.handler = std::move(handler);
+    route.streams = true;
 }
 
 Route& Router::added(const QString& method, const QString& pattern, int types, Access access)

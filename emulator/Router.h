@@ -7,11 +7,18 @@
 #include <QRegularExpression>
 #include <functional>
 
-namespace httplib {
-class ContentReader;
-}
+// The deployment types, numbered as ServerApi::init numbers them.
+enum class Deployment { Private = 0, PublicCloud = 1, PrivateSix = 2 };
 
-enum Deployments { PrivateType = 1, PublicType = 2, PrivateSixType = 4, EveryType = 7 };
+// A set of deployment types, as a route names those that serve it.
+constexpr int served(Deployment type)
+{
+    return 1 << int(type);
+}
+constexpr int PublicCloudOnly = served(Deployment::PublicCloud);
+constexpr int PrivateTypes = served(Deployment::Private) | served(Deployment::PrivateSix);
+constexpr int PrivateSixOnly = served(Deployment::PrivateSix);
+constexpr int EveryType = PrivateTypes | PublicCloudOnly;
 
 enum class Access {
     Open, // anyone
@@ -27,8 +34,10 @@ struct Route
     int types = EveryType;
     Access access = Access::Session;
     std::function<void(HttpCall&)> handler;
-    // Routes that read their body as it arrives, instead of whole.
-    std::function<void(HttpCall&, const httplib::ContentReader&)> stream;
+    bool servedBy(Deployment type) const { return types & served(type); }
+    // Whether the handler reads the body as it arrives (HttpCall::readBody), instead of
+    // having it read whole before.
+    bool streams = false;
 };
 
 class Router
@@ -36,8 +45,9 @@ class Router
 public:
     void add(const QString& method, const QString& pattern, int types, Access access,
         std::function<void(HttpCall&)> handler);
+    // A route that reads its body as it arrives.
     void addStream(const QString& method, const QString& pattern, int types, Access access,
-        std::function<void(HttpCall&, const httplib::ContentReader&)> handler);
+        std::function<void(HttpCall&)> handler);
     // The route of this method and path, its captures decoded, or null.
     const Route* match(const QString& method, const QString& path, QStringList* captures) const;
 

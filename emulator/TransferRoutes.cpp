@@ -1,10 +1,9 @@
 #include "TransferRoutes.h"
 
-#include "DriveRoutes.h"
+#include "Routes.h"
 #include "Sha256.h"
 
 #include <QRegularExpression>
-#include <httplib.h>
 #include <algorithm>
 #include <memory>
 
@@ -13,13 +12,22 @@ TransferRoutes::TransferRoutes(EmuContext& context)
 {
 }
 
-QJsonObject TransferRoutes::uploadAuthorisation(const QString& path) const
+void TransferRoutes::authorise(HttpCall& call, const QString& space, const QString& path)
 {
-    return QJsonObject { { "upload_server", m_context.selfUrl }, { "upload_id", Accounts::randomHex(12) },
-        { "path", path }, { "chunk_size", ChunkStore::ChunkSize }, { "hash", "sha256" } };
+    if (const std::optional<LockHolder> lock = m_context.drive.lockAgainst(space, path, call.userId))
+        return Routes::failure(call, Outcome::locked(*lock));
+    call.json(QJsonObject { { "upload_server", m_context.selfUrl }, { "upload_id", Accounts::randomHex(12) },
+        { "path", path }, { "chunk_size", ChunkStore::ChunkSize }, { "hash", "sha256" } });
 }
 
-bool TransferRoutes::receive(HttpCall& call, const httplib::ContentReader& reader, QList<ChunkRef>* chunks)
+void TransferRoutes::upload(HttpCall& call, const QString& space, const QString& path, bool overwrite)
+{
+    QList<ChunkRef> chunks;
+    if (receive(call, &chunks))
+        Routes::reply(call, m_context.drive.commit(space, path, chunks, call.userId, overwrite));
+}
+
+bool TransferRoutes::receive(HttpCall& call, QList<ChunkRef>* chunks)
 {
     std::unique_ptr<ChunkStore::Incoming> chunk;
     QString error;
@@ -32,7 +40,7 @@ bool TransferRoutes::receive(HttpCall& call, const httplib::ContentReader& reade
         chunk.reset();
         return true;
     };
-    const bool read = reader([&](const char* data, size_t length) {
+    const bool read = call.readBody([&](const char* data, size_t length) {
         while (length > 0) {
             if (!chunk)
                 chunk = std::make_unique<ChunkStore::Incoming>(m_context.store);
@@ -64,42 +72,49 @@ bool TransferRoutes::receive(HttpCall& call, const httplib::ContentReader& reade
 void TransferRoutes::serve(HttpCall& call, const Entry& entry, qint64 rev)
 {
     if (entry.dir)
-        return call.error(409, QStringLiteral("conflict with folder"), QStringLiteral("a folder has no content"));
-    const QList<ChunkRef> chunks = m_context.drive.chunksOf(entry.neid, rev);
+        return call.error(
+            409, QStringLiteral("conflict with folder"), QStringLiteral("a folder has no content"));
+    const std::optional<QList<ChunkRef>> found = m_context.drive.chunksOf(entry.neid, rev);
+    if (!found)
+        return Routes::notFound(call, QStringLiteral("%1 has no revision %2").arg(entry.path).arg(rev));
+    const QList<ChunkRef> chunks = *found;
     qint64 size = 0;
     for (const ChunkRef& chunk : chunks)
         size += chunk.bytes;
     qint64 first = 0;
     qint64 last = size - 1;
     int status = 200;
-    QString range = call.header("Range");
+    QString range = call.header(Wire::Range);
     if (range.isEmpty())
-        range = call.header("x-nimbraws-range");
+        range = call.header(Wire::RangeAlias);
     static const QRegularExpression bytesRange(QStringLiteral("^bytes=(\\d*)-(\\d*)$"));
     const QRegularExpressionMatch match = bytesRange.match(range.trimmed());
-    if (match.hasMatch() && !(match.captured(1).isEmpty() && match.captured(2).isEmpty())) {
-        if (match.captured(1).isEmpty()) {
+    const bool suffix = match.hasMatch() && match.captured(1).isEmpty();
+    const bool valid = match.hasMatch() && !(suffix && match.captured(2).isEmpty())
+        && (suffix || match.captured(2).isEmpty()
+            || match.captured(2).toLongLong() >= match.captured(1).toLongLong());
+    if (valid) {
+        if (suffix) {
             first = qMax<qint64>(0, size - match.captured(2).toLongLong());
+            if (match.captured(2).toLongLong() == 0)
+                first = size;
         } else {
             first = match.captured(1).toLongLong();
             if (!match.captured(2).isEmpty())
                 last = qMin(last, match.captured(2).toLongLong());
         }
-        if (first >= size || first > last) {
-            call.response().set_header("Content-Range", QStringLiteral("bytes */%1").arg(size).toStdString());
-            return call.error(416, QStringLiteral("invalid range"), QStringLiteral("%1 of %2 bytes").arg(range).arg(size));
+        if (first >= size) {
+            call.setHeader("Content-Range", QStringLiteral("bytes */%1").arg(size));
+            return call.error(
+                416, QStringLiteral("invalid range"), QStringLiteral("%1 of %2 bytes").arg(range).arg(size));
         }
         status = 206;
-        call.response().set_header(
-            "Content-Range", QStringLiteral("bytes %1-%2/%3").arg(first).arg(last).arg(size).toStdString());
+        call.setHeader("Content-Range", QStringLiteral("bytes %1-%2/%3").arg(first).arg(last).arg(size));
     }
-    call.response().status = status;
-    call.response().set_header("X-Content-Hash", entry.hash.toStdString());
+    call.setHeader("X-Content-Hash", entry.hash);
     const qint64 length = size == 0 ? 0 : last - first + 1;
-    if (length == 0) {
-        call.response().set_content(std::string(), "application/octet-stream");
-        return;
-    }
+    if (length == 0)
+        return call.bytes(QByteArray(), QStringLiteral("application/octet-stream"), status);
     // Chunk offsets, so that a position of the body finds its chunk.
     auto offsets = std::make_shared<QList<qint64>>();
     qint64 at = 0;
@@ -108,13 +123,14 @@ void TransferRoutes::serve(HttpCall& call, const Entry& entry, qint64 rev)
         at += chunk.bytes;
     }
     ChunkStore* store = &m_context.store;
-    call.response().set_content_provider(size_t(length), "application/octet-stream",
-        [store, chunks, offsets, first](size_t offset, size_t wanted, httplib::DataSink& sink) {
-            const qint64 position = first + qint64(offset);
-            int index = int(std::upper_bound(offsets->begin(), offsets->end(), position) - offsets->begin()) - 1;
+    call.stream(status, length, QStringLiteral("application/octet-stream"),
+        [store, chunks, offsets, first](qint64 offset, qint64 wanted, HttpSink& sink) {
+            const qint64 position = first + offset;
+            int index
+                = int(std::upper_bound(offsets->begin(), offsets->end(), position) - offsets->begin()) - 1;
             const ChunkRef& chunk = chunks.at(index);
             const qint64 within = position - offsets->at(index);
-            const qint64 take = std::min<qint64>({ qint64(wanted), chunk.bytes - within, qint64(1) << 20 });
+            const qint64 take = std::min<qint64>({ wanted, chunk.bytes - within, qint64(1) << 20 });
             const QByteArray piece = store->read(chunk.hash, within, take);
             if (piece.isEmpty())
                 return false;
@@ -122,14 +138,14 @@ void TransferRoutes::serve(HttpCall& call, const Entry& entry, qint64 rev)
         });
 }
 
-void TransferRoutes::storeChunk(HttpCall& call, const httplib::ContentReader& reader)
+void TransferRoutes::storeChunk(HttpCall& call)
 {
     // The body is the chunk, whatever its declared type: the parameters are in the query.
     ChunkStore::Incoming chunk(m_context.store);
     const qint64 limit = m_context.options.maxBody;
     QString error;
     bool tooLarge = false;
-    const bool read = reader([&](const char* data, size_t length) {
+    const bool read = call.readBody([&](const char* data, size_t length) {
         if (chunk.size() + qint64(length) > limit) {
             tooLarge = true;
             return false;
@@ -141,12 +157,13 @@ void TransferRoutes::storeChunk(HttpCall& call, const httplib::ContentReader& re
         return true;
     });
     if (tooLarge)
-        return call.error(413, QStringLiteral("space limit"), QStringLiteral("a chunk is at most %1 bytes").arg(limit));
+        return call.error(
+            413, QStringLiteral("space limit"), QStringLiteral("a chunk is at most %1 bytes").arg(limit));
     if (!error.isEmpty())
         return call.error(507, QStringLiteral("space limit"), error);
     if (!read)
         return call.error(400, QStringLiteral("incomplete body"));
-    const QByteArray hash = call.query("hash").toLatin1();
+    const QByteArray hash = call.query(Wire::Hash).toLatin1();
     const QByteArray actual = chunk.hash();
     if (!hash.isEmpty() && hash != actual)
         return call.error(400, QStringLiteral("content_hash_error"),
@@ -155,102 +172,89 @@ void TransferRoutes::storeChunk(HttpCall& call, const httplib::ContentReader& re
         return call.error(507, QStringLiteral("space limit"), error);
     m_context.drive.registerChunk(actual, chunk.size());
     call.json(QJsonObject { { "hash", QString::fromLatin1(actual) }, { "bytes", chunk.size() },
-        { "upload_id", call.query("upload_id") } });
+        { Wire::UploadId, call.query(Wire::UploadId) } });
 }
 
 void TransferRoutes::queryHashes(HttpCall& call)
 {
-    call.json(QJsonObject { { "needed", QJsonArray::fromStringList(m_context.drive.missingChunks(call.values("hashes[]"))) } });
+    call.json(QJsonObject {
+        { "needed", QJsonArray::fromStringList(m_context.drive.missingChunks(call.values(Wire::Hashes))) } });
 }
 
-void TransferRoutes::commit(HttpCall& call, const QString& space, const QString& path, const QStringList& hashes,
-    qint64 bytes, bool overwrite)
+void TransferRoutes::commit(HttpCall& call, const QString& space, const QString& path,
+    const QStringList& hashes, qint64 bytes, bool overwrite)
 {
     QList<ChunkRef> chunks;
     qint64 total = 0;
     for (const QString& hash : hashes) {
         const std::optional<qint64> size = m_context.drive.chunkBytes(hash.toLatin1());
         if (!size)
-            return call.error(400, QStringLiteral("invalid.hash"), QStringLiteral("unknown chunk %1").arg(hash));
+            return call.error(
+                400, QStringLiteral("invalid.hash"), QStringLiteral("unknown chunk %1").arg(hash));
         chunks.append(ChunkRef { hash.toLatin1(), *size });
         total += *size;
     }
     if (total != bytes)
         return call.error(400, QStringLiteral("content_hash_error"),
             QStringLiteral("the chunks hold %1 bytes, the commit names %2").arg(total).arg(bytes));
-    const Outcome outcome = m_context.drive.commit(space, path, chunks, call.userId, overwrite);
-    if (!outcome.ok())
-        return call.error(outcome.status, outcome.code, outcome.message);
-    call.json(outcome.entry.json());
+    Routes::reply(call, m_context.drive.commit(space, path, chunks, call.userId, overwrite));
 }
 
 void TransferRoutes::install(Router& router)
 {
-    const auto space = [](const HttpCall& call) { return Drive::spaceOf(call.value("path_type"), call.userId); };
-
     // --- Upload authorisation: the address of the transfer server (this one). -----------------
-    router.add("GET", "/v2/fileops/auth_upload/databox(/.*)?", PublicType, Access::Session, [this, space](HttpCall& call) {
-        QString path;
-        if (!DriveRoutes::normalised(call, call.captures.value(0), &path))
-            return;
-        const std::optional<Entry> existing = m_context.drive.find(space(call), path);
-        if (existing && m_context.drive.lockedAgainst(existing->neid, call.userId))
-            return call.error(423, QStringLiteral("file is locked"));
-        call.json(uploadAuthorisation(path));
-    });
-    router.add("POST", "/v2/fileops/auth_upload/databox", PrivateType | PrivateSixType, Access::Session,
-        [this, space](HttpCall& call) {
+    router.add("GET", "/v2/fileops/auth_upload/databox(/.*)?", PublicCloudOnly, Access::Session,
+        [this](HttpCall& call) {
+            QString space;
             QString path;
-            if (!DriveRoutes::normalised(call, call.value("target_path"), &path))
-                return;
-            const std::optional<Entry> existing = m_context.drive.find(space(call), path);
-            if (existing && m_context.drive.lockedAgainst(existing->neid, call.userId))
-                return call.error(423, QStringLiteral("file is locked"));
-            call.json(uploadAuthorisation(path));
+            if (Routes::place(call, call.captures.value(0), &space, &path))
+                authorise(call, space, path);
+        });
+    router.add(
+        "POST", "/v2/fileops/auth_upload/databox", PrivateTypes, Access::Session, [this](HttpCall& call) {
+            QString space;
+            QString path;
+            if (Routes::place(call, call.value(Wire::TargetPath), &space, &path))
+                authorise(call, space, path);
         });
 
     // --- Whole files. ---------------------------------------------------------------------------
-    router.addStream("POST", "/v2/files/databox(/.*)?", EveryType, Access::Session,
-        [this, space](HttpCall& call, const httplib::ContentReader& reader) {
-            QString path;
-            if (!DriveRoutes::normalised(call, call.captures.value(0), &path))
-                return;
-            QList<ChunkRef> chunks;
-            if (!receive(call, reader, &chunks))
-                return;
-            const Outcome outcome = m_context.drive.commit(
-                space(call), path, chunks, call.userId, call.value("overwrite") == QLatin1String("true"));
-            if (!outcome.ok())
-                return call.error(outcome.status, outcome.code, outcome.message);
-            call.json(outcome.entry.json());
-        });
-    const auto download = [this, space](HttpCall& call, const QString& text) {
+    router.addStream("POST", "/v2/files/databox(/.*)?", EveryType, Access::Session, [this](HttpCall& call) {
+        QString space;
         QString path;
-        if (!DriveRoutes::normalised(call, text, &path))
+        if (Routes::place(call, call.captures.value(0), &space, &path))
+            upload(call, space, path, call.value(Wire::Overwrite) == QLatin1String("true"));
+    });
+    const auto download = [this](HttpCall& call, const QString& text) {
+        QString space;
+        QString path;
+        if (!Routes::place(call, text, &space, &path))
             return;
-        const std::optional<Entry> entry = m_context.drive.find(space(call), path);
+        const std::optional<Entry> entry = m_context.drive.find(space, path);
         if (!entry)
-            return call.error(404, QStringLiteral("file/folder not found"));
-        serve(call, *entry, call.value("rev").toLongLong());
+            return Routes::notFound(call);
+        serve(call, *entry, call.value(Wire::Rev).toLongLong());
     };
     router.add("GET", "/v2/files/databox(/.*)?", EveryType, Access::Session,
         [download](HttpCall& call) { download(call, call.captures.value(0)); });
     router.add("GET", "/v2/dl_router/databox(/.*)?", EveryType, Access::Session,
         [download](HttpCall& call) { download(call, call.captures.value(0)); });
-    router.add("POST", "/v2/dl_router/databox", PrivateType | PrivateSixType, Access::Session,
-        [download](HttpCall& call) { download(call, call.value("target_path")); });
+    router.add("POST", "/v2/dl_router/databox", PrivateTypes, Access::Session,
+        [download](HttpCall& call) { download(call, call.value(Wire::TargetPath)); });
 
     // --- Chunks: the hash query, chunk uploads and the commit share one address. ----------------
     router.addStream("POST", "/v2/chunked_upload", EveryType, Access::Session,
-        [this](HttpCall& call, const httplib::ContentReader& reader) { storeChunk(call, reader); });
+        [this](HttpCall& call) { storeChunk(call); });
     router.add("POST", "/v2/commit_chunked_upload/commit/databox(/.*)?", EveryType, Access::Session,
-        [this, space](HttpCall& call) {
-            if (!call.has("is_file_commit"))
+        [this](HttpCall& call) {
+            if (!call.has(Wire::IsFileCommit))
                 return queryHashes(call);
+            QString space;
             QString path;
-            if (!DriveRoutes::normalised(call, call.value("path").isEmpty() ? call.captures.value(0) : call.value("path"), &path))
-                return;
-            commit(call, space(call), path, call.values("hashes[]"), call.value("bytes").toLongLong(),
-                call.value("overwrite") == QLatin1String("true"));
+            const QString text
+                = call.value(Wire::Path).isEmpty() ? call.captures.value(0) : call.value(Wire::Path);
+            if (Routes::place(call, text, &space, &path))
+                commit(call, space, path, call.values(Wire::Hashes), call.value(Wire::Bytes).toLongLong(),
+                    call.value(Wire::Overwrite) == QLatin1String("true"));
         });
 }

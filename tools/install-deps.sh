@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin
-    libcpp-httplib-dev libsqlite3-dev libssl-dev zlib1g-dev)
+    libboost1.81-dev libsqlite3-dev libssl-dev zlib1g-dev)
 case "${1:-}" in
 --bench) packages+=(nginx-light curl) ;;
 --fuzz) packages+=(clang libclang-rt-14-dev) ;;

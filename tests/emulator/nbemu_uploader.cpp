@@ -6,7 +6,6 @@
 
 #include <QCoreApplication>
 #include <QTextStream>
-
 #include <csignal>
 #include <sys/prctl.h>
 

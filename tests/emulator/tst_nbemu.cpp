@@ -26,14 +26,14 @@ using namespace EmuHost;
 namespace {
 
 // The request of `expression` is sent once; its record must be a success.
-#define CHECK_OK(expression)                                                                                           \
-    do {                                                                                                               \
-        const ResponseData checked = (expression);                                                                     \
-        QVERIFY2(checked.statusCode >= 200 && checked.statusCode < 300 && checked.networkError == 0,                   \
-            qPrintable(QStringLiteral("status %1, error %2: %3")                                                       \
-                           .arg(checked.statusCode)                                                                    \
-                           .arg(checked.networkError)                                                                  \
-                           .arg(checked.body)));                                                                       \
+#define CHECK_OK(expression)                                                                                 \
+    do {                                                                                                     \
+        const ResponseData checked = (expression);                                                           \
+        QVERIFY2(checked.statusCode >= 200 && checked.statusCode < 300 && checked.networkError == 0,         \
+            qPrintable(QStringLiteral("status %1, error %2: %3")                                             \
+                           .arg(checked.statusCode)                                                          \
+                           .arg(checked.networkError)                                                        \
+                           .arg(checked.body)));                                                             \
     } while (false)
 
 NBServerApiEntryModel entry(const QString& path)
@@ -73,7 +73,8 @@ QJsonObject pollTask(const QString& taskId, int* polls = nullptr)
 {
     QJsonObject state;
     for (int i = 0; i < 20; ++i) {
-        state = object(sync([&](NBCompletionCallback d) { return ServerApi::BatchTaskAsyncQuery(taskId, std::move(d)); }));
+        state = object(sync(
+            [&](NBCompletionCallback d) { return ServerApi::BatchTaskAsyncQuery(taskId, std::move(d)); }));
         if (polls)
             *polls = i + 1;
         if (state.value("state").toString() != QLatin1String("running"))
@@ -90,7 +91,8 @@ class TestNBEmu : public QObject
 
     QTemporaryDir m_dir;
 
-    void startHost(const EmuProcess& emu, int type, const QString& user = "alice", const QString& password = "secret")
+    void startHost(
+        const EmuProcess& emu, int type, const QString& user = "alice", const QString& password = "secret")
     {
         ServerApi::init(ServerApi::NBServerApiType(type));
         ServerApi::setLogLevel(false);
@@ -108,8 +110,9 @@ private slots:
         QVERIFY(help.waitForFinished(10000));
         QCOMPARE(help.exitCode(), 0);
         const QString text = QString::fromUtf8(help.readAllStandardOutput());
-        for (const char* option : { "--data", "--ephemeral", "--listen", "--port-file", "--type", "--user", "--link",
-                 "--seed", "--verify-code", "--control", "--fault", "--fault-seed", "--log", "--tls-self-signed", "--check" })
+        for (const char* option : { "--data", "--ephemeral", "--listen", "--port-file", "--type", "--user",
+                 "--link", "--seed", "--verify-code", "--control", "--fault", "--fault-seed", "--log",
+                 "--tls-self-signed", "--check" })
             QVERIFY2(text.contains(option), option);
         QProcess bad;
         bad.start(NBEMU_PATH, { "--type", "7", "--ephemeral" });
@@ -140,13 +143,17 @@ private slots:
         const QString local = writeFile(m_dir.filePath("local.bin"), content);
 
         CHECK_OK(sync([&](auto d) { return ServerApi::UserInfo({}, std::move(d)); }));
-        QCOMPARE(object(sync([&](auto d) { return ServerApi::UserInfo({}, std::move(d)); })).value("user").toString(),
+        QCOMPARE(object(sync([&](auto d) { return ServerApi::UserInfo({}, std::move(d)); }))
+                     .value("user")
+                     .toString(),
             QString("alice"));
         CHECK_OK(sync([&](auto d) { return ServerApi::ConfigGet({ "t", "1", "n" }, std::move(d)); }));
         CHECK_OK(sync([&](auto d) { return ServerApi::RegionGet(std::move(d)); }));
         CHECK_OK(sync([&](auto d) { return ServerApi::GetUpdataSourcePath("acct", std::move(d)); }));
         CHECK_OK(sync([&](auto d) { return ServerApi::ServerJump({ "/x", session, "1" }, std::move(d)); }));
-        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/docs"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/docs"), std::move(d));
+        }));
 
         NBServerApiUploadDataModel data = at<NBServerApiUploadDataModel>("/docs/a.txt");
         data.serverUrl = server;
@@ -159,7 +166,8 @@ private slots:
 
         NBServerApiMetaEntryModel listing = at<NBServerApiMetaEntryModel>("/docs");
         listing.list = true;
-        const QJsonObject listed = object(sync([&](auto d) { return ServerApi::MetaData(listing, std::move(d)); }));
+        const QJsonObject listed
+            = object(sync([&](auto d) { return ServerApi::MetaData(listing, std::move(d)); }));
         QCOMPARE(listed.value("total").toInt(), 2);
 
         NBServerApiDownloadFileModel down = at<NBServerApiDownloadFileModel>("/docs/b.bin");
@@ -169,22 +177,26 @@ private slots:
         QVERIFY(readFile(down.localPath) == content);
         NBServerApiDownloadDataModel downData = at<NBServerApiDownloadDataModel>("/docs/a.txt");
         downData.serverUrl = server;
-        const ResponseData small = sync([&](auto d) { return ServerApi::DownloadData(downData, {}, std::move(d)); });
+        const ResponseData small
+            = sync([&](auto d) { return ServerApi::DownloadData(downData, {}, std::move(d)); });
         CHECK_OK(small);
         QCOMPARE(small.body, QString("hello"));
         NBSeverApiDLRouterModel routed = at<NBSeverApiDLRouterModel>("/docs/b.bin");
         routed.range = "bytes=10-19";
         QByteArray piece;
         const ResponseData range = sync([&](auto d) {
-            return ServerApi::DownloadRouter(routed, [&](const QByteArray& p) { piece += p; }, std::move(d));
+            return ServerApi::DownloadRouter(
+                routed, [&](const QByteArray& p) { piece += p; }, std::move(d));
         });
         QCOMPARE(range.statusCode, 206);
         QCOMPARE(piece, content.mid(10, 10));
 
-        const QJsonObject revisions = object(
-            sync([&](auto d) { return ServerApi::Revisions(at<NBServerApiRevisionsModel>("/docs/a.txt"), std::move(d)); }));
+        const QJsonObject revisions = object(sync([&](auto d) {
+            return ServerApi::Revisions(at<NBServerApiRevisionsModel>("/docs/a.txt"), std::move(d));
+        }));
         QCOMPARE(revisions.value("revisions").toArray().size(), 1);
-        const QJsonObject authorised = object(sync([&](auto d) { return ServerApi::AuthUpload(entry("/docs/c.bin"), 8, std::move(d)); }));
+        const QJsonObject authorised = object(
+            sync([&](auto d) { return ServerApi::AuthUpload(entry("/docs/c.bin"), 8, std::move(d)); }));
         QCOMPARE(authorised.value("upload_server").toString(), server);
         const ChunkedResult chunked = chunkedUpload(server, local, "/docs/c.bin", 2, 100000);
         CHECK_OK(chunked.commit);
@@ -192,76 +204,122 @@ private slots:
 
         NBServerApiLockFileModel lock = at<NBServerApiLockFileModel>("/docs/a.txt");
         lock.time = 60;
-        QVERIFY(object(sync([&](auto d) { return ServerApi::LockFile(lock, std::move(d)); })).value("locked").toBool());
-        CHECK_OK(sync([&](auto d) { return ServerApi::UnlockFile(at<NBServerApiUnlockFileModel>("/docs/a.txt"), std::move(d)); }));
+        QVERIFY(object(sync([&](auto d) { return ServerApi::LockFile(lock, std::move(d)); }))
+                    .value("locked")
+                    .toBool());
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::UnlockFile(at<NBServerApiUnlockFileModel>("/docs/a.txt"), std::move(d));
+        }));
 
         NBServerApiMoveModel move { entry("/docs/a.txt"), entry("/docs/a2.txt"), false };
         CHECK_OK(sync([&](auto d) { return ServerApi::Move(move, std::move(d)); }));
         NBServerApiBatchMoveModel batch;
         batch.from << entry("/docs/a2.txt");
         batch.to = entry("/copies");
-        QCOMPARE(pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchCopy(batch, std::move(d)); }))).value("state").toString(),
+        QCOMPARE(pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchCopy(batch, std::move(d)); })))
+                     .value("state")
+                     .toString(),
             QString("done"));
         batch.from = { entry("/copies/a2.txt") };
         batch.to = entry("/moved");
-        QCOMPARE(pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchMove(batch, std::move(d)); }))).value("state").toString(),
+        QCOMPARE(pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchMove(batch, std::move(d)); })))
+                     .value("state")
+                     .toString(),
             QString("done"));
         NBServerApiBatchDeleteModel remove;
         remove.pathes << entry("/moved/a2.txt");
-        QCOMPARE(pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchDelete(remove, std::move(d)); }))).value("state").toString(),
+        QCOMPARE(pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchDelete(remove, std::move(d)); })))
+                     .value("state")
+                     .toString(),
             QString("done"));
 
         NBServerApiDeltaModel feed = at<NBServerApiDeltaModel>("/docs");
         const QJsonObject delta = object(sync([&](auto d) { return ServerApi::Delta(feed, std::move(d)); }));
         QVERIFY(!delta.value("cursor").toString().isEmpty());
         QCOMPARE(delta.value("entries").toArray().size(), 3);
-        CHECK_OK(sync([&](auto d) { return ServerApi::GetSyncData(at<NBServerApiDeltaModel>("/docs"), "", "", "", "", 1, std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::GetSyncData(
+                at<NBServerApiDeltaModel>("/docs"), "", "", "", "", 1, std::move(d));
+        }));
         CHECK_OK(sync([&](auto d) { return ServerApi::CheckApproveIsOne("1", 3, std::move(d)); }));
         CHECK_OK(sync([&](auto d) { return ServerApi::CheckApproveFloder("ent", "/docs", std::move(d)); }));
         CHECK_OK(sync([&](auto d) { return ServerApi::IsCreateSyndisc("ent", "/docs", "1", std::move(d)); }));
-        CHECK_OK(sync([&](auto d) { return ServerApi::RPCServerLogging("upload", "b", "a", "ent", "1", "ent", "o", std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::RPCServerLogging("upload", "b", "a", "ent", "1", "ent", "o", std::move(d));
+        }));
         QCOMPARE(emu.control("GET", "/__emu/oplog").value("records").toArray().size(), 1);
 
         const QString withSession = "X-NIMBRA-SESS-ID=" + session;
         QByteArray downloaded;
         CHECK_OK(sync([&](auto d) {
-            return ServerApi::Download(server + "/v2/files/databox/docs/b.bin?path_type=ent",
+            return ServerApi::Download(
+                server + "/v2/files/databox/docs/b.bin?path_type=ent",
                 [&](const QByteArray& p) { downloaded += p; }, std::move(d));
         }));
         QVERIFY(downloaded == content);
         CHECK_OK(sync([&](auto d) {
-            return ServerApi::Upload(server + "/v2/files/databox/docs/u.bin?path_type=ent&" + withSession, local, std::move(d));
+            return ServerApi::Upload(
+                server + "/v2/files/databox/docs/u.bin?path_type=ent&" + withSession, local, std::move(d));
         }));
-        CHECK_OK(sync([&](auto d) { return ServerApi::GET(server + "/v2/region/get?" + withSession, std::move(d)); }));
+        CHECK_OK(sync(
+            [&](auto d) { return ServerApi::GET(server + "/v2/region/get?" + withSession, std::move(d)); }));
         CHECK_OK(sync([&](auto d) {
-            return ServerApi::POST(server + "/v2/fileops/create_folder/databox/posted", { { "path_type", "ent" }, { "X-NIMBRA-SESS-ID", session } },
-                std::move(d));
+            return ServerApi::POST(server + "/v2/fileops/create_folder/databox/posted",
+                { { "path_type", "ent" }, { "X-NIMBRA-SESS-ID", session } }, std::move(d));
         }));
 
-        const QJsonObject link = object(sync([&](auto d) { return ServerApi::DeliveryAuth({ "LINK", "pw", server }, std::move(d)); }));
+        const QJsonObject link = object(sync([&](auto d) {
+            return ServerApi::DeliveryAuth({ "LINK", "pw", server }, std::move(d));
+        }));
         QVERIFY(!link.value("token").toString().isEmpty());
 
         if (type == 1) {
             CHECK_OK(sync([&](auto d) { return ServerApi::GetFuns(std::move(d)); }));
             CHECK_OK(sync([&](auto d) { return ServerApi::GetEstEncryptRule(std::move(d)); }));
-            CHECK_OK(sync([&](auto d) { return ServerApi::CreateFile(at<NBServerApiCreateFileModel>("/docs/new.docx"), std::move(d)); }));
-            const QString neid = object(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/docs/b.bin"), std::move(d)); }))
-                                     .value("neid").toString();
-            const QJsonArray extra = object(sync([&](auto d) { return ServerApi::Extra({ neid }, std::move(d)); })).value("extra").toArray();
+            CHECK_OK(sync([&](auto d) {
+                return ServerApi::CreateFile(at<NBServerApiCreateFileModel>("/docs/new.docx"), std::move(d));
+            }));
+            const QString neid = object(sync([&](auto d) {
+                return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/docs/b.bin"), std::move(d));
+            }))
+                                     .value("neid")
+                                     .toString();
+            const QJsonArray extra
+                = object(sync([&](auto d) { return ServerApi::Extra({ neid }, std::move(d)); }))
+                      .value("extra")
+                      .toArray();
             QCOMPARE(extra.first().toObject().value("path").toString(), QString("/docs/b.bin"));
-            CHECK_OK(sync([&](auto d) { return ServerApi::VBoxDelta(at<NBServerApiDeltaModel>("/docs"), std::move(d)); }));
+            CHECK_OK(sync([&](auto d) {
+                return ServerApi::VBoxDelta(at<NBServerApiDeltaModel>("/docs"), std::move(d));
+            }));
             CHECK_OK(sync([&](auto d) { return ServerApi::InitDelta(entry("/docs"), std::move(d)); }));
-            QCOMPARE(object(sync([&](auto d) { return ServerApi::GetEnterpriseAddressByCode("ENT", std::move(d)); }))
-                         .value("ent_login_addr").toString(),
+            QCOMPARE(object(sync([&](auto d) {
+                return ServerApi::GetEnterpriseAddressByCode("ENT", std::move(d));
+            }))
+                         .value("ent_login_addr")
+                         .toString(),
                 server);
-            CHECK_OK(sync([&](auto d) { return ServerApi::GetZipDownloadUrl(server + "/zip/a", "", std::move(d)); }));
-            CHECK_OK(sync([&](auto d) { return ServerApi::GetZipFolderMetadata(server + "/zip/b", "p", 10, 0, std::move(d)); }));
+            CHECK_OK(sync(
+                [&](auto d) { return ServerApi::GetZipDownloadUrl(server + "/zip/a", "", std::move(d)); }));
+            CHECK_OK(sync([&](auto d) {
+                return ServerApi::GetZipFolderMetadata(server + "/zip/b", "p", 10, 0, std::move(d));
+            }));
         } else {
-            const QString neid = object(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/docs/b.bin"), std::move(d)); }))
-                                     .value("neid").toString();
-            QCOMPARE(object(sync([&](auto d) { return ServerApi::Extra({ neid }, std::move(d)); })).value("extra").toArray().size(), 1);
-            QVERIFY(object(sync([&](auto d) { return ServerApi::FileExist("", "/docs/b.bin", "ent", "", "", std::move(d)); }))
-                        .value("exist").toBool());
+            const QString neid = object(sync([&](auto d) {
+                return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/docs/b.bin"), std::move(d));
+            }))
+                                     .value("neid")
+                                     .toString();
+            QCOMPARE(object(sync([&](auto d) { return ServerApi::Extra({ neid }, std::move(d)); }))
+                         .value("extra")
+                         .toArray()
+                         .size(),
+                1);
+            QVERIFY(object(sync([&](auto d) {
+                return ServerApi::FileExist("", "/docs/b.bin", "ent", "", "", std::move(d));
+            }))
+                        .value("exist")
+                        .toBool());
         }
         if (type == 2) {
             NBServerApiGetSyncDataModel sync6;
@@ -281,11 +339,21 @@ private slots:
         EmuProcess emu({ "--user", "alice:secret" }, type);
         startHost(emu, type);
         const QString server = emu.url();
-        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/d"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/d"), std::move(d));
+        }));
 
-        const auto code = [](const ResponseData& r) { return errorCode(r); };
-        QCOMPARE(code(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/none"), std::move(d)); })), 20005);
-        QCOMPARE(code(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/d"), std::move(d)); })), 20004);
+        const auto code = [](const ResponseData& r) {
+            return errorCode(r);
+        };
+        QCOMPARE(code(sync([&](auto d) {
+            return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/none"), std::move(d));
+        })),
+            20005);
+        QCOMPARE(code(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/d"), std::move(d));
+        })),
+            20004);
         NBServerApiMoveModel move { entry("/none"), entry("/x"), false };
         QCOMPARE(code(sync([&](auto d) { return ServerApi::Move(move, std::move(d)); })), 20005);
         NBServerApiCommitHashModel commit = at<NBServerApiCommitHashModel>("/d/f");
@@ -308,8 +376,10 @@ private slots:
         const ResponseData dots = sync([&](auto d) { return ServerApi::Move(climb, std::move(d)); });
         QCOMPARE(dots.statusCode, 400);
         QCOMPARE(object(dots).value("code").toString(), QString("invalid path"));
-        QCOMPARE(code(sync([&](auto d) { return ServerApi::BatchTaskAsyncQuery("nope", std::move(d)); })), 20005);
-        const ResponseData unserved = sync([&](auto d) { return ServerApi::GET(server + "/v2/no/such/route", std::move(d)); });
+        QCOMPARE(
+            code(sync([&](auto d) { return ServerApi::BatchTaskAsyncQuery("nope", std::move(d)); })), 20005);
+        const ResponseData unserved
+            = sync([&](auto d) { return ServerApi::GET(server + "/v2/no/such/route", std::move(d)); });
         QCOMPARE(unserved.statusCode, 501);
         QVERIFY(object(unserved).value("message").toString().contains("/v2/no/such/route"));
 
@@ -336,7 +406,9 @@ private slots:
         ServerApi::setLanguage("en");
         QVERIFY(signIn("alice", "secret"));
         CHECK_OK(sync([&](auto d) { return ServerApi::RegionGet(std::move(d)); }));
-        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/v"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/v"), std::move(d));
+        }));
         ServerApi::setPriServerVerifyCode("wrong");
         QCOMPARE(errorCode(sync([&](auto d) { return ServerApi::RegionGet(std::move(d)); })), 20007);
     }
@@ -372,7 +444,8 @@ private slots:
         EmuProcess emu;
         startHost(emu, 1);
         sync([&](auto d) {
-            return ServerApi::GET(emu.url("/v2/delivery/metadata/C1/a?token=t0ken&password=pa55&S=vc&x=1"), std::move(d));
+            return ServerApi::GET(
+                emu.url("/v2/delivery/metadata/C1/a?token=t0ken&password=pa55&S=vc&x=1"), std::move(d));
         });
         const QString target = emu.requests().last().value("target").toString();
         QCOMPARE(target, QString("/v2/delivery/metadata/C1/a?token=***&password=***&S=***&x=1"));
@@ -380,7 +453,8 @@ private slots:
         QNetworkAccessManager manager;
         QNetworkRequest request(QUrl(emu.url("/v2/account/info")));
         request.setHeader(QNetworkRequest::ContentTypeHeader, "text/plain");
-        std::unique_ptr<QNetworkReply> reply(manager.sendCustomRequest(request, "GET", QByteArray(1000, 'x')));
+        std::unique_ptr<QNetworkReply> reply(
+            manager.sendCustomRequest(request, "GET", QByteArray(1000, 'x')));
         QVERIFY(waitUntil([&] { return reply->isFinished(); }, 10000));
         QCOMPARE(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 413);
         QCOMPARE(emu.requests().last().value("status").toInt(), 413);
@@ -417,7 +491,8 @@ private slots:
         routed.range = range;
         QByteArray received;
         const ResponseData r = sync([&](auto d) {
-            return ServerApi::DownloadRouter(routed, [&](const QByteArray& p) { received += p; }, std::move(d));
+            return ServerApi::DownloadRouter(
+                routed, [&](const QByteArray& p) { received += p; }, std::move(d));
         });
         QCOMPARE(r.statusCode, status);
         if (status == 416) {
@@ -434,12 +509,15 @@ private slots:
         emu.control("POST", "/__emu/tasks", { { "polls", "2" }, { "fail", "keep" } });
         NBServerApiBatchDeleteModel remove;
         for (const char* name : { "/a", "/b", "/keep" }) {
-            CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>(name), std::move(d)); }));
+            CHECK_OK(sync([&](auto d) {
+                return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>(name), std::move(d));
+            }));
             remove.pathes << entry(name);
         }
         remove.pathes << entry("/missing");
         int polls = 0;
-        const QJsonObject state = pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchDelete(remove, std::move(d)); })), &polls);
+        const QJsonObject state = pollTask(
+            taskOf(sync([&](auto d) { return ServerApi::BatchDelete(remove, std::move(d)); })), &polls);
         QCOMPARE(polls, 3);
         QCOMPARE(state.value("state").toString(), QString("failed"));
         const QJsonArray results = state.value("results").toArray();
@@ -456,14 +534,18 @@ private slots:
         EmuProcess emu({ "--user", "alice:secret", "--user", "bob:pw" });
         startHost(emu, 1);
         const QString alice = ServerApi::sessionID();
-        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/team/a"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/team/a"), std::move(d));
+        }));
         NBServerApiDeltaModel feed = at<NBServerApiDeltaModel>("/team");
         const QJsonObject first = object(sync([&](auto d) { return ServerApi::Delta(feed, std::move(d)); }));
         QCOMPARE(first.value("entries").toArray().size(), 1);
         feed.cursor = first.value("cursor").toString();
 
         QVERIFY(signIn("bob", "pw"));
-        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/team/b"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/team/b"), std::move(d));
+        }));
         NBServerApiMoveModel move { entry("/team/a"), entry("/team/c"), false };
         CHECK_OK(sync([&](auto d) { return ServerApi::Move(move, std::move(d)); }));
         NBServerApiBatchDeleteModel remove;
@@ -477,7 +559,11 @@ private slots:
             seen << v.toObject().value("op").toString() + ' ' + v.toObject().value("path").toString();
         QCOMPARE(seen, (QStringList { "create /team/b", "move /team/c", "delete /team/b" }));
         feed.cursor = next.value("cursor").toString();
-        QCOMPARE(object(sync([&](auto d) { return ServerApi::Delta(feed, std::move(d)); })).value("entries").toArray().size(), 0);
+        QCOMPARE(object(sync([&](auto d) { return ServerApi::Delta(feed, std::move(d)); }))
+                     .value("entries")
+                     .toArray()
+                     .size(),
+            0);
     }
 
     void lockOfOneSessionRefusesAnothersWrites()
@@ -499,8 +585,10 @@ private slots:
         QCOMPARE(errorCode(refused), 20010);
         NBServerApiBatchDeleteModel remove;
         remove.pathes << entry("/shared.txt");
-        const QJsonObject state = pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchDelete(remove, std::move(d)); })));
-        QCOMPARE(state.value("results").toArray().first().toObject().value("code").toString(), QString("file is locked"));
+        const QJsonObject state
+            = pollTask(taskOf(sync([&](auto d) { return ServerApi::BatchDelete(remove, std::move(d)); })));
+        QCOMPARE(state.value("results").toArray().first().toObject().value("code").toString(),
+            QString("file is locked"));
         QVERIFY(signIn("alice", "secret"));
         data.data = "v3";
         CHECK_OK(sync([&](auto d) { return ServerApi::UploadData(data, std::move(d)); }));
@@ -528,40 +616,76 @@ private slots:
         // One-time password from the user's secret.
         QString tfa = passwordLogin();
         QVERIFY(!tfa.isEmpty());
-        QCOMPARE(errorCode(sync([&](auto d) { return ServerApi::DyncCodeLogin(tfa, "000000x", std::move(d)); })), 20001);
+        QCOMPARE(
+            errorCode(sync([&](auto d) { return ServerApi::DyncCodeLogin(tfa, "000000x", std::move(d)); })),
+            20001);
         const QString otp = emu.control("GET", "/__emu/totp", { { "user", "bob" } }).value("otp").toString();
-        QVERIFY(!sessionOf(sync([&](auto d) { return ServerApi::DyncCodeLogin(tfa, otp, std::move(d)); })).isEmpty());
+        QVERIFY(!sessionOf(sync([&](auto d) {
+            return ServerApi::DyncCodeLogin(tfa, otp, std::move(d));
+        })).isEmpty());
 
         // SMS: sent to the outbox, then signed in with it.
         tfa = passwordLogin();
-        CHECK_OK(sync([&](auto d) { return ServerApi::SendSmsCode("13800000000", tfa, "tfa", "", "", "", "", std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::SendSmsCode("13800000000", tfa, "tfa", "", "", "", "", std::move(d));
+        }));
         const QJsonArray outbox = emu.control("GET", "/__emu/outbox").value("messages").toArray();
         const QString code = outbox.last().toObject().value("text").toString();
         QCOMPARE(outbox.last().toObject().value("to").toString(), QString("13800000000"));
-        QVERIFY(!sessionOf(sync([&](auto d) { return ServerApi::SmsCodeLogin(tfa, code, std::move(d)); })).isEmpty());
+        QVERIFY(!sessionOf(sync([&](auto d) {
+            return ServerApi::SmsCodeLogin(tfa, code, std::move(d));
+        })).isEmpty());
 
         // QR code: waiting until the control interface approves.
         tfa = passwordLogin();
-        QVERIFY(object(sync([&](auto d) { return ServerApi::GetQRCode(200, std::move(d)); })).value("qrcode").toString().startsWith("data:image/png;base64,"));
-        QCOMPARE(object(sync([&](auto d) { return ServerApi::GetLoginState({ tfa, "dev", "u" }, std::move(d)); })).value("state").toString(),
+        QVERIFY(object(sync([&](auto d) { return ServerApi::GetQRCode(200, std::move(d)); }))
+                    .value("qrcode")
+                    .toString()
+                    .startsWith("data:image/png;base64,"));
+        QCOMPARE(object(sync([&](auto d) {
+            return ServerApi::GetLoginState({ tfa, "dev", "u" }, std::move(d));
+        }))
+                     .value("state")
+                     .toString(),
             QString("waiting"));
         emu.control("POST", "/__emu/approve", { { "tfa_id", tfa } });
-        const QJsonObject done = object(sync([&](auto d) { return ServerApi::GetLoginState({ tfa, "dev", "u" }, std::move(d)); }));
+        const QJsonObject done = object(sync([&](auto d) {
+            return ServerApi::GetLoginState({ tfa, "dev", "u" }, std::move(d));
+        }));
         QCOMPARE(done.value("state").toString(), QString("done"));
         ServerApi::setSessionID(done.value("X-NIMBRA-SESS-ID").toString());
-        QCOMPARE(object(sync([&](auto d) { return ServerApi::UserInfo({}, std::move(d)); })).value("user").toString(), QString("bob"));
+        QCOMPARE(object(sync([&](auto d) { return ServerApi::UserInfo({}, std::move(d)); }))
+                     .value("user")
+                     .toString(),
+            QString("bob"));
 
         // Quick login: the picture's text, the SMS under its session, the sign-in with the code.
         QByteArray picture;
         ServerApi::setSessionID(QString());
-        const long long pictureId = ServerApi::GetQuickLoginVerifyPic([&](const QByteArray& p) { picture += p; });
+        const long long pictureId
+            = ServerApi::GetQuickLoginVerifyPic([&](const QByteArray& p) { picture += p; });
         // No completion: the handle going says the whole picture has arrived.
-        QVERIFY(waitUntil([&] { return NBHttpClientManager::manager()->getHttpClient(pictureId) == nullptr; }, 10000));
+        QVERIFY(waitUntil(
+            [&] { return NBHttpClientManager::manager()->getHttpClient(pictureId) == nullptr; }, 10000));
         QVERIFY(emu.control("GET", "/__emu/outbox").value("messages").toArray().size() > 1);
         QVERIFY(picture.startsWith("\x89PNG"));
-        const QString captcha = emu.control("GET", "/__emu/outbox").value("messages").toArray().last().toObject().value("text").toString();
-        CHECK_OK(sync([&](auto d) { return ServerApi::GetQuickLoginSmsCode({ "alice", "login", "quick", captcha }, std::move(d)); }));
-        const QString smsCode = emu.control("GET", "/__emu/outbox").value("messages").toArray().last().toObject().value("text").toString();
+        const QString captcha = emu.control("GET", "/__emu/outbox")
+                                    .value("messages")
+                                    .toArray()
+                                    .last()
+                                    .toObject()
+                                    .value("text")
+                                    .toString();
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::GetQuickLoginSmsCode({ "alice", "login", "quick", captcha }, std::move(d));
+        }));
+        const QString smsCode = emu.control("GET", "/__emu/outbox")
+                                    .value("messages")
+                                    .toArray()
+                                    .last()
+                                    .toObject()
+                                    .value("text")
+                                    .toString();
         NBServerApiLoginModel quick;
         quick.kind = 2;
         quick.loginType = "quick";
@@ -570,14 +694,31 @@ private slots:
         QVERIFY(!sessionOf(sync([&](auto d) { return ServerApi::Login(quick, std::move(d)); })).isEmpty());
 
         // E-mail: a code and a key, checked together.
-        const QString key = object(sync([&](auto d) { return ServerApi::GetLoginEmailVerify("a@x.com", "login", "", std::move(d)); })).value("check_key").toString();
-        const QString mailed = emu.control("GET", "/__emu/outbox").value("messages").toArray().last().toObject().value("text").toString();
-        QCOMPARE(sync([&](auto d) { return ServerApi::LoginCheckEmailVerify(key, "wrong", "login", "", std::move(d)); }).statusCode, 401);
-        CHECK_OK(sync([&](auto d) { return ServerApi::LoginCheckEmailVerify(key, mailed, "login", "", std::move(d)); }));
+        const QString key = object(sync([&](auto d) {
+            return ServerApi::GetLoginEmailVerify("a@x.com", "login", "", std::move(d));
+        }))
+                                .value("check_key")
+                                .toString();
+        const QString mailed = emu.control("GET", "/__emu/outbox")
+                                   .value("messages")
+                                   .toArray()
+                                   .last()
+                                   .toObject()
+                                   .value("text")
+                                   .toString();
+        QCOMPARE(sync([&](auto d) {
+            return ServerApi::LoginCheckEmailVerify(key, "wrong", "login", "", std::move(d));
+        }).statusCode,
+            401);
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::LoginCheckEmailVerify(key, mailed, "login", "", std::move(d));
+        }));
 
         // Password change, then the new password signs in.
         QVERIFY(signIn("alice", "secret"));
-        CHECK_OK(sync([&](auto d) { return ServerApi::ResetPassword(ServerApi::sessionID(), "secret", "n3w", std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::ResetPassword(ServerApi::sessionID(), "secret", "n3w", std::move(d));
+        }));
         QVERIFY(!signIn("alice", "secret"));
         QVERIFY(signIn("alice", "n3w"));
     }
@@ -587,13 +728,20 @@ private slots:
         EmuProcess emu({ "--user", "alice:secret", "--link", "LINK9:open:alice:/Shared" });
         ServerApi::init(ServerApi::PublicCloud);
         const QString server = emu.url();
-        QCOMPARE(sync([&](auto d) { return ServerApi::DeliveryAuth({ "LINK9", "wrong", server }, std::move(d)); }).statusCode, 403);
+        QCOMPARE(sync([&](auto d) {
+            return ServerApi::DeliveryAuth({ "LINK9", "wrong", server }, std::move(d));
+        }).statusCode,
+            403);
         // A wrong password pauses the link for a second, right passwords included.
-        const ResponseData paused = sync([&](auto d) { return ServerApi::DeliveryAuth({ "LINK9", "open", server }, std::move(d)); });
+        const ResponseData paused = sync([&](auto d) {
+            return ServerApi::DeliveryAuth({ "LINK9", "open", server }, std::move(d));
+        });
         QCOMPARE(paused.statusCode, 429);
         QCOMPARE(paused.headers.value("Retry-After"), QByteArray("1"));
         QTest::qWait(1100);
-        const QJsonObject auth = object(sync([&](auto d) { return ServerApi::DeliveryAuth({ "LINK9", "open", server }, std::move(d)); }));
+        const QJsonObject auth = object(sync([&](auto d) {
+            return ServerApi::DeliveryAuth({ "LINK9", "open", server }, std::move(d));
+        }));
         const QString token = auth.value("token").toString();
         const QString session = auth.value("session").toString();
         QCOMPARE(auth.value("root").toString(), QString("Shared"));
@@ -615,11 +763,13 @@ private slots:
             hashes << hashOf(big.mid(at, 4 << 20));
         for (const QString& hash : hashes) {
             const QJsonObject needed = object(sync([&](auto d) {
-                return ServerApi::DeliveryQueryHash({ server, hash, "/in/big.bin", "LINK9", token, big.size(), "", session }, std::move(d));
+                return ServerApi::DeliveryQueryHash(
+                    { server, hash, "/in/big.bin", "LINK9", token, big.size(), "", session }, std::move(d));
             }));
             QCOMPARE(needed.value("needed").toArray().size(), 1);
             CHECK_OK(sync([&](auto d) {
-                return ServerApi::DeliveryChunkedUpload({ server, "up", hash, big.mid(hashes.indexOf(hash) * (4 << 20), 4 << 20) }, std::move(d));
+                return ServerApi::DeliveryChunkedUpload(
+                    { server, "up", hash, big.mid(hashes.indexOf(hash) * (4 << 20), 4 << 20) }, std::move(d));
             }));
         }
         NBServerApiDeliveryCommitHashModel commit;
@@ -640,7 +790,10 @@ private slots:
         listing.password = "open";
         listing.token = token;
         listing.session = session;
-        QCOMPARE(object(sync([&](auto d) { return ServerApi::DeliveryMetadata(listing, std::move(d)); })).value("total").toInt(), 2);
+        QCOMPARE(object(sync([&](auto d) { return ServerApi::DeliveryMetadata(listing, std::move(d)); }))
+                     .value("total")
+                     .toInt(),
+            2);
 
         NBServerApiDeliveryDownloadFileModel down;
         down.serverUrl = server;
@@ -659,19 +812,26 @@ private slots:
         range.session = session;
         range.range = "bytes=4194000-4195000";
         QByteArray piece;
-        QCOMPARE(sync([&](auto d) { return ServerApi::DeliveryDownloadRouter(range, [&](const QByteArray& p) { piece += p; }, std::move(d)); }).statusCode, 206);
+        QCOMPARE(sync([&](auto d) {
+            return ServerApi::DeliveryDownloadRouter(
+                range, [&](const QByteArray& p) { piece += p; }, std::move(d));
+        }).statusCode,
+            206);
         QVERIFY(piece == big.mid(4194000, 1001));
 
         // Without the link's session the routes refuse.
         listing.session.clear();
-        QCOMPARE(errorCode(sync([&](auto d) { return ServerApi::DeliveryMetadata(listing, std::move(d)); })), 20003);
+        QCOMPARE(errorCode(sync([&](auto d) { return ServerApi::DeliveryMetadata(listing, std::move(d)); })),
+            20003);
     }
 
     // The server killed at random moments of uploads and commits: committed files read
     // back whole, interrupted ones are not there, and the store checks out.
     void survivesKillsDuringUploads()
     {
-        const int rounds = qEnvironmentVariableIntValue("NBEMU_KILL_ROUNDS") > 0 ? qEnvironmentVariableIntValue("NBEMU_KILL_ROUNDS") : 4;
+        const int rounds = qEnvironmentVariableIntValue("NBEMU_KILL_ROUNDS") > 0
+            ? qEnvironmentVariableIntValue("NBEMU_KILL_ROUNDS")
+            : 4;
         EmuProcess emu;
         QMap<QString, QByteArray> committed;
         QRandomGenerator random(99);
@@ -707,11 +867,16 @@ private slots:
                 NBServerApiDownloadDataModel down = at<NBServerApiDownloadDataModel>(it.key());
                 down.serverUrl = emu.url();
                 QByteArray back;
-                CHECK_OK(sync([&](auto d) { return ServerApi::DownloadData(down, [&](const QByteArray& p) { back += p; }, std::move(d)); }));
+                CHECK_OK(sync([&](auto d) {
+                    return ServerApi::DownloadData(
+                        down, [&](const QByteArray& p) { back += p; }, std::move(d));
+                }));
                 QVERIFY(back == it.value());
             }
             if (!committed.contains(path)) {
-                const ResponseData meta = sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>(path), std::move(d)); });
+                const ResponseData meta = sync([&](auto d) {
+                    return ServerApi::MetaData(at<NBServerApiMetaEntryModel>(path), std::move(d));
+                });
                 QVERIFY2(meta.statusCode == 404 || meta.statusCode == 200, qPrintable(meta.body));
                 if (meta.statusCode == 200)
                     committed.insert(path, content); // the commit landed, its answer did not
@@ -737,14 +902,19 @@ private slots:
                 completions[i] += 1;
                 if (r.statusCode >= 500 || r.networkError != 0)
                     failures << QStringLiteral("#%1 (kind %2): status %3, error %4 %5 %6")
-                                    .arg(i).arg(i % 3).arg(r.statusCode).arg(r.networkError).arg(r.errorString, r.body.left(200));
+                                    .arg(i)
+                                    .arg(i % 3)
+                                    .arg(r.statusCode)
+                                    .arg(r.networkError)
+                                    .arg(r.errorString, r.body.left(200));
             };
             if (i % 3 == 0) {
                 NBServerApiMetaEntryModel listing = at<NBServerApiMetaEntryModel>("/load");
                 listing.list = true;
                 ServerApi::MetaData(listing, done);
             } else if (i % 3 == 1) {
-                NBServerApiUploadDataModel up = at<NBServerApiUploadDataModel>(QStringLiteral("/load/%1.txt").arg(i));
+                NBServerApiUploadDataModel up
+                    = at<NBServerApiUploadDataModel>(QStringLiteral("/load/%1.txt").arg(i));
                 up.serverUrl = emu.url();
                 up.data = QByteArray::number(i);
                 ServerApi::UploadData(up, done);
@@ -800,7 +970,8 @@ private slots:
         std::vector<std::unique_ptr<QProcess>> hosts;
         for (int i = 0; i < 8; ++i) {
             hosts.push_back(std::make_unique<QProcess>());
-            hosts.back()->start(NBEMU_UPLOADER, { emu.url(), "alice", "secret", local, QStringLiteral("/same-%1.bin").arg(i) });
+            hosts.back()->start(NBEMU_UPLOADER,
+                { emu.url(), "alice", "secret", local, QStringLiteral("/same-%1.bin").arg(i) });
         }
         for (const auto& host : hosts) {
             QVERIFY(host->waitForFinished(180000));
@@ -838,7 +1009,8 @@ private slots:
             NBServerApiDownloadDataModel down = at<NBServerApiDownloadDataModel>(name);
             down.serverUrl = emu.url();
             return sync([&](auto d) {
-                return ServerApi::DownloadData(down, [&](const QByteArray& p) { received += p; }, std::move(d));
+                return ServerApi::DownloadData(
+                    down, [&](const QByteArray& p) { received += p; }, std::move(d));
             });
         };
         QCOMPARE(download("/reset").networkError, 2);
@@ -864,33 +1036,49 @@ private slots:
         writeFile(seed.filePath("big.bin"), big);
         QProcess emu;
         QTemporaryDir dir;
-        emu.start(NBEMU_PATH, { "--ephemeral", "--seed", seed.path(), "--user", "alice:secret", "--control",
-                                  "--port-file", dir.filePath("port") });
+        emu.start(NBEMU_PATH,
+            { "--ephemeral", "--seed", seed.path(), "--user", "alice:secret", "--control", "--port-file",
+                dir.filePath("port") });
         QVERIFY(waitUntil([&] { return QFile::exists(dir.filePath("port")); }, 10000));
-        const QString url = QStringLiteral("http://127.0.0.1:%1").arg(QString::fromLatin1(readFile(dir.filePath("port")).trimmed()));
+        const QString url = QStringLiteral("http://127.0.0.1:%1")
+                                .arg(QString::fromLatin1(readFile(dir.filePath("port")).trimmed()));
         QByteArray banner = emu.readAllStandardOutput();
         for (int i = 0; i < 50 && !banner.contains('\n'); ++i) {
             emu.waitForReadyRead(200);
             banner += emu.readAllStandardOutput();
         }
-        const QString data = QString::fromUtf8(banner.left(banner.indexOf('\n'))).section("data in ", 1).trimmed();
+        const QString data
+            = QString::fromUtf8(banner.left(banner.indexOf('\n'))).section("data in ", 1).trimmed();
         QVERIFY(QFileInfo(data).isDir());
         ServerApi::init(ServerApi::PublicCloud);
         ServerApi::setBaseUrlString(url);
         QVERIFY(signIn("alice", "secret"));
         NBServerApiDownloadDataModel down = at<NBServerApiDownloadDataModel>("/docs/deep/a.txt");
         down.serverUrl = url;
-        QCOMPARE(sync([&](auto d) { return ServerApi::DownloadData(down, {}, std::move(d)); }).body, QString("seeded"));
+        QCOMPARE(sync([&](auto d) { return ServerApi::DownloadData(down, {}, std::move(d)); }).body,
+            QString("seeded"));
         down.path = "/big.bin";
         QByteArray back;
-        CHECK_OK(sync([&](auto d) { return ServerApi::DownloadData(down, [&](const QByteArray& p) { back += p; }, std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::DownloadData(
+                down, [&](const QByteArray& p) { back += p; }, std::move(d));
+        }));
         QVERIFY(back == big);
-        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/extra"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/extra"), std::move(d));
+        }));
         // Reset to the seed: the new folder goes, the seed comes back.
-        CHECK_OK(sync([&](auto d) { return ServerApi::POST(url + "/__emu/reset", { { "to", "seed" } }, std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::POST(url + "/__emu/reset", { { "to", "seed" } }, std::move(d));
+        }));
         QVERIFY(signIn("alice", "secret"));
-        QCOMPARE(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/extra"), std::move(d)); }).statusCode, 404);
-        CHECK_OK(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/docs/deep/a.txt"), std::move(d)); }));
+        QCOMPARE(sync([&](auto d) {
+            return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/extra"), std::move(d));
+        }).statusCode,
+            404);
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/docs/deep/a.txt"), std::move(d));
+        }));
         emu.terminate();
         QVERIFY(emu.waitForFinished(10000));
         QCOMPARE(emu.exitCode(), 0);
@@ -940,7 +1128,8 @@ private slots:
     {
         QList<QList<int>> runs;
         for (int run = 0; run < 2; ++run) {
-            EmuProcess emu({ "--user", "alice:secret", "--fault", "/v2/region/get:status=503@0.5", "--fault-seed", "7" });
+            EmuProcess emu({ "--user", "alice:secret", "--fault", "/v2/region/get:status=503@0.5",
+                "--fault-seed", "7" });
             startHost(emu, 1);
             QList<int> statuses;
             for (int i = 0; i < 30; ++i)
@@ -956,10 +1145,14 @@ private slots:
     {
         EmuProcess emu;
         startHost(emu, 1);
-        CHECK_OK(sync([&](auto d) { return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/kept"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::CreateFolder(at<NBServerApiCreateFolderModel>("/kept"), std::move(d));
+        }));
         QVERIFY(emu.restart());
         ServerApi::setBaseUrlString(emu.url());
-        CHECK_OK(sync([&](auto d) { return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/kept"), std::move(d)); }));
+        CHECK_OK(sync([&](auto d) {
+            return ServerApi::MetaData(at<NBServerApiMetaEntryModel>("/kept"), std::move(d));
+        }));
     }
 };
 

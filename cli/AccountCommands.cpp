@@ -2,7 +2,6 @@
 #include "Cli.h"
 
 #include <NBBaseParse.h>
-
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -41,44 +40,64 @@ QString secondFactor(Cli& cli, const QCommandLineParser& parser, const QJsonObje
     Remote& remote = cli.remote;
     if (method == QLatin1String("otp")) {
         const QString otp = ask(cli, "NB_OTP", QStringLiteral("one-time password: "));
-        return sessionOf(remote.call(QStringLiteral("sign in with the one-time password"),
-            [=](NBCompletionCallback done) { return ServerApi::DyncCodeLogin(tfaId, otp, std::move(done)); }));
+        return sessionOf(
+            remote.call(QStringLiteral("sign in with the one-time password"), [=](NBCompletionCallback done) {
+                return ServerApi::DyncCodeLogin(tfaId, otp, std::move(done));
+            }));
     }
     if (method == QLatin1String("sms")) {
-        const QString mobile = parser.isSet("mobile") ? parser.value("mobile") : ask(cli, "NB_MOBILE", QStringLiteral("mobile number: "));
+        const QString mobile = parser.isSet("mobile")
+            ? parser.value("mobile")
+            : ask(cli, "NB_MOBILE", QStringLiteral("mobile number: "));
         remote.call(QStringLiteral("send the SMS code"), [=](NBCompletionCallback done) {
-            return ServerApi::SendSmsCode(mobile, tfaId, QStringLiteral("tfa"), QString(), QString(), QString(), QString(), std::move(done));
+            return ServerApi::SendSmsCode(mobile, tfaId, QStringLiteral("tfa"), QString(), QString(),
+                QString(), QString(), std::move(done));
         });
         const QString code = ask(cli, "NB_SMS_CODE", QStringLiteral("code sent to %1: ").arg(mobile));
-        return sessionOf(remote.call(QStringLiteral("sign in with the SMS code"),
-            [=](NBCompletionCallback done) { return ServerApi::SmsCodeLogin(tfaId, code, std::move(done)); }));
+        return sessionOf(
+            remote.call(QStringLiteral("sign in with the SMS code"), [=](NBCompletionCallback done) {
+                return ServerApi::SmsCodeLogin(tfaId, code, std::move(done));
+            }));
     }
     if (method == QLatin1String("qr")) {
-        const QString picture = remote.call(QStringLiteral("get the sign-in QR code"), [](NBCompletionCallback done) {
-                                              return ServerApi::GetQRCode(200, std::move(done));
-                                          }).json.value("qrcode").toString();
+        const QString picture
+            = remote
+                  .call(QStringLiteral("get the sign-in QR code"),
+                      [](NBCompletionCallback done) { return ServerApi::GetQRCode(200, std::move(done)); })
+                  .json.value("qrcode")
+                  .toString();
         const QString file = Config::directory() + QStringLiteral("/login-qr.png");
         QDir().mkpath(Config::directory());
         QFile png(file);
-        if (!png.open(QIODevice::WriteOnly) || png.write(QByteArray::fromBase64(picture.section(QLatin1Char(','), 1).toLatin1())) < 0)
+        if (!png.open(QIODevice::WriteOnly)
+            || png.write(QByteArray::fromBase64(picture.section(QLatin1Char(','), 1).toLatin1())) < 0)
             throw Failure { Exit::Local, QStringLiteral("cannot write %1: %2").arg(file, png.errorString()) };
         png.close();
-        cli.console.note(QStringLiteral("Scan the QR code in %1 with the drive's phone app; waiting for approval (Ctrl-C stops).").arg(file));
-        const NBServerApiLoginStateModel state { tfaId, QSysInfo::machineHostName(), cli.settings.deviceUuid };
+        cli.console.note(QStringLiteral(
+            "Scan the QR code in %1 with the drive's phone app; waiting for approval (Ctrl-C stops).")
+                             .arg(file));
+        const NBServerApiLoginStateModel state { tfaId, QSysInfo::machineHostName(),
+            cli.settings.deviceUuid };
         const QDeadlineTimer deadline(parser.value("qr-timeout").toInt() * 1000);
         for (;;) {
-            const QJsonObject answer = remote.call(QStringLiteral("ask whether the QR code was approved"),
-                [=](NBCompletionCallback done) { return ServerApi::GetLoginState(state, std::move(done)); }).json;
+            const QJsonObject answer = remote
+                                           .call(QStringLiteral("ask whether the QR code was approved"),
+                                               [=](NBCompletionCallback done) {
+                                                   return ServerApi::GetLoginState(state, std::move(done));
+                                               })
+                                           .json;
             if (answer.value("state").toString() == QLatin1String("done")) {
                 QFile::remove(file);
                 return answer.value("X-NIMBRA-SESS-ID").toString();
             }
             if (deadline.hasExpired())
-                throw Failure { Exit::Refused, QStringLiteral("the QR code was not approved in time; run nbcli login again") };
+                throw Failure { Exit::Refused,
+                    QStringLiteral("the QR code was not approved in time; run nbcli login again") };
             remote.sleep(1000);
         }
     }
-    throw Failure { Exit::Usage, QStringLiteral("unknown second factor \"%1\" (otp, sms or qr)").arg(method) };
+    throw Failure { Exit::Usage,
+        QStringLiteral("unknown second factor \"%1\" (otp, sms or qr)").arg(method) };
 }
 
 int login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
@@ -104,7 +123,8 @@ int login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
     model.deviceName = QSysInfo::machineHostName();
     model.deviceUuid = cli.settings.deviceUuid;
     const QString what = QStringLiteral("sign in to %1 as %2").arg(cli.settings.server, user);
-    const Reply reply = cli.remote.fetch(what, [model](NBCompletionCallback done) { return ServerApi::Login(model, std::move(done)); });
+    const Reply reply = cli.remote.fetch(
+        what, [model](NBCompletionCallback done) { return ServerApi::Login(model, std::move(done)); });
     QString session;
     if (reply.ok())
         session = sessionOf(reply);
@@ -119,9 +139,11 @@ int login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
     cli.settings.session = session;
     cli.save();
     if (cli.console.json)
-        cli.console.outJson(QJsonObject { { "server", cli.settings.server }, { "type", cli.settings.type }, { "user", user } });
+        cli.console.outJson(QJsonObject {
+            { "server", cli.settings.server }, { "type", cli.settings.type }, { "user", user } });
     else
-        cli.console.out(QStringLiteral("signed in to %1 as %2 (%3)").arg(cli.settings.server, user, Config::typeName(cli.settings.type)));
+        cli.console.out(QStringLiteral("signed in to %1 as %2 (%3)")
+                            .arg(cli.settings.server, user, Config::typeName(cli.settings.type)));
     return 0;
 }
 
@@ -140,9 +162,11 @@ int logout(Cli& cli, const QCommandLineParser&, const QStringList&)
 int whoami(Cli& cli, const QCommandLineParser&, const QStringList&)
 {
     cli.connect(true);
-    QJsonObject info = cli.remote.call(QStringLiteral("read the account"), [](NBCompletionCallback done) {
-                                         return ServerApi::UserInfo({}, std::move(done));
-                                     }).json;
+    QJsonObject info
+        = cli.remote
+              .call(QStringLiteral("read the account"),
+                  [](NBCompletionCallback done) { return ServerApi::UserInfo({}, std::move(done)); })
+              .json;
     info.insert("server", cli.settings.server);
     info.insert("type", cli.settings.type);
     if (cli.console.json)
@@ -160,17 +184,22 @@ QList<Command> accountCommands()
 {
     return {
         { "login", "[--user NAME] [--tfa otp|sms|qr]", "Sign in and keep the session.",
-            "The password comes from a prompt without echo, from standard input with --password-stdin, or from "
-            "NB_PASSWORD; never from an argument. A bare host (\"drive.example:8443\") gets the scheme that answers, "
-            "https first. A second factor, when the server asks for one: a one-time password (NB_OTP or a prompt), an "
-            "SMS code (--mobile, then NB_SMS_CODE or a prompt) or a QR code to scan, polled until approved.\n\n"
+            "The password comes from a prompt without echo, from standard input with --password-stdin, or "
+            "from "
+            "NB_PASSWORD; never from an argument. A bare host (\"drive.example:8443\") gets the scheme that "
+            "answers, "
+            "https first. A second factor, when the server asks for one: a one-time password (NB_OTP or a "
+            "prompt), an "
+            "SMS code (--mobile, then NB_SMS_CODE or a prompt) or a QR code to scan, polled until "
+            "approved.\n\n"
             "  nbcli login --server http://127.0.0.1:8080 --type cloud --user alice\n"
             "  printf '%s\\n' \"$PW\" | nbcli login --server drive.example --user alice --password-stdin",
             { { "user", "The account to sign in as (or NB_USER).", "NAME" },
                 { "password-stdin", "Read the password from the first line of standard input." },
                 { "tfa", "The second factor to use: otp (default), sms or qr.", "METHOD" },
                 { "mobile", "The mobile number for --tfa sms (or NB_MOBILE).", "NUMBER" },
-                { "qr-timeout", "Give up waiting for the QR approval after S seconds (default 300).", "S", "300" } },
+                { "qr-timeout", "Give up waiting for the QR approval after S seconds (default 300).", "S",
+                    "300" } },
             0, 0, login },
         { "logout", "", "Forget the stored session.", "  nbcli logout", {}, 0, 0, logout },
         { "whoami", "", "Show the signed-in account.", "  nbcli whoami --json", {}, 0, 0, whoami },

@@ -3,9 +3,7 @@
 #include <QFile>
 #include <QMetaObject>
 #include <QThread>
-
 #include <chrono>
-
 #include <openssl/evp.h>
 
 namespace {
@@ -47,7 +45,9 @@ void ChunkHasher::start()
 void ChunkHasher::run(int first, int step)
 {
     QFile file(m_path);
-    const auto report = [this](auto function) { QMetaObject::invokeMethod(this, function, Qt::QueuedConnection); };
+    const auto report = [this](auto function) {
+        QMetaObject::invokeMethod(this, function, Qt::QueuedConnection);
+    };
     // Unbuffered: a file that grows is read again where the last read found its end.
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         report([this, error = file.errorString()] { workerDone(error); });
@@ -76,7 +76,8 @@ void ChunkHasher::run(int first, int step)
         }
         if (length == 0 || m_stop) // past the end; an empty file has no chunk
             break;
-        const Chunk chunk { index, offset, length, QString::fromLatin1(sha256(buffer.constData(), size_t(length)).toHex()) };
+        const Chunk chunk { index, offset, length,
+            QString::fromLatin1(sha256(buffer.constData(), size_t(length)).toHex()) };
         report([this, chunk] { chunkDone(chunk); });
         if (length < ChunkSize)
             break;

@@ -1,7 +1,6 @@
 #include "Cli.h"
 
 #include <INBSeverApi.h>
-
 #include <QProcessEnvironment>
 
 Cli::Cli(Console& console, Remote& remote)
@@ -14,9 +13,11 @@ QList<QCommandLineOption> Cli::globalOptions()
 {
     return {
         { "server", "The server's address (default: the one of the last login, or NB_SERVER).", "URL" },
-        { "type", "Deployment type: 0 or private, 1 or cloud, 2 or six (default: the last login's, or NB_TYPE).",
+        { "type",
+            "Deployment type: 0 or private, 1 or cloud, 2 or six (default: the last login's, or NB_TYPE).",
             "TYPE" },
-        { "space", "The path type of remote paths: ent (default), self, share_in, share_out, ...", "PATH_TYPE", "ent" },
+        { "space", "The path type of remote paths: ent (default), self, share_in, share_out, ...",
+            "PATH_TYPE", "ent" },
         { "json", "Results as JSON on standard output, for scripts." },
         { { "q", "quiet" }, "No progress and no notes; errors only." },
         { { "v", "verbose" }, "Say each retry, and let the library log in detail." },
@@ -56,7 +57,8 @@ void Cli::configure(const QCommandLineParser& parser)
     if (!type.isEmpty()) {
         settings.type = Config::parseType(type);
         if (settings.type < 0)
-            throw Failure { Exit::Usage, QStringLiteral("unknown deployment type \"%1\" (0, 1 or 2)").arg(type) };
+            throw Failure { Exit::Usage,
+                QStringLiteral("unknown deployment type \"%1\" (0, 1 or 2)").arg(type) };
     }
     // "host:port", "http://host:port/" and "https://host:port" name one server here.
     const auto bare = [](QString address) {
@@ -76,16 +78,19 @@ QString Cli::withScheme(const QString& address)
         return address;
     QString filled;
     if (!ServerApi::FillUrlProtocolByStep(address, filled))
-        throw Failure { Exit::Network, QStringLiteral("%1 answers neither https nor http; check the address").arg(address) };
+        throw Failure { Exit::Network,
+            QStringLiteral("%1 answers neither https nor http; check the address").arg(address) };
     return filled;
 }
 
 void Cli::connect(bool signedIn)
 {
     if (settings.server.isEmpty())
-        throw Failure { Exit::Usage, QStringLiteral("no server: run nbcli login --server URL, or give --server") };
+        throw Failure { Exit::Usage,
+            QStringLiteral("no server: run nbcli login --server URL, or give --server") };
     if (signedIn && settings.session.isEmpty())
-        throw Failure { Exit::Refused, QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server) };
+        throw Failure { Exit::Refused,
+            QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server) };
     settings.server = withScheme(settings.server);
     ServerApi::setLogLevel(console.verbose);
     ServerApi::setLogRedaction(true);
@@ -93,7 +98,8 @@ void Cli::connect(bool signedIn)
         if (m_insecure) {
             console.note(QStringLiteral("TLS: the server's certificate is not verified (--insecure)"));
         } else if (!m_caFile.isEmpty()) {
-            console.note(QStringLiteral("TLS: verifying the server against the system's CAs and %1").arg(m_caFile));
+            console.note(
+                QStringLiteral("TLS: verifying the server against the system's CAs and %1").arg(m_caFile));
         } else {
             console.note(QStringLiteral("TLS: verifying the server against the system's CAs"));
         }

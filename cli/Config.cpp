@@ -26,7 +26,8 @@ Settings Config::load(QString* error)
         QJsonParseError parse {};
         const QJsonObject stored = QJsonDocument::fromJson(file.readAll(), &parse).object();
         if (parse.error != QJsonParseError::NoError)
-            *error = QStringLiteral("%1 is damaged (%2): run nbcli login again").arg(file.fileName(), parse.errorString());
+            *error = QStringLiteral("%1 is damaged (%2): run nbcli login again")
+                         .arg(file.fileName(), parse.errorString());
         settings.server = stored.value("server").toString();
         settings.type = stored.value("type").toInt(1);
         settings.user = stored.value("user").toString();
@@ -41,16 +42,19 @@ Settings Config::load(QString* error)
 
 bool Config::save(const Settings& settings, QString* error)
 {
-    const QJsonObject stored { { "server", settings.server }, { "type", settings.type }, { "user", settings.user },
-        { "session", settings.session }, { "device_uuid", settings.deviceUuid }, { "cursors", settings.cursors } };
+    const QJsonObject stored { { "server", settings.server }, { "type", settings.type },
+        { "user", settings.user }, { "session", settings.session }, { "device_uuid", settings.deviceUuid },
+        { "cursors", settings.cursors } };
     if (!QDir().mkpath(directory())
-        || !QFile::setPermissions(directory(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {
+        || !QFile::setPermissions(
+            directory(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {
         *error = QStringLiteral("cannot create %1").arg(directory());
         return false;
     }
     QSaveFile file(Config::file());
     // The session is a credential: readable by its owner only, from the first byte on.
-    if (!file.open(QIODevice::WriteOnly) || !file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner)
+    if (!file.open(QIODevice::WriteOnly)
+        || !file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner)
         || file.write(QJsonDocument(stored).toJson()) < 0 || !file.commit()) {
         *error = QStringLiteral("cannot write %1: %2").arg(file.fileName(), file.errorString());
         return false;

@@ -3,7 +3,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-
 #include <cstdio>
 #include <cstdlib>
 #include <termios.h>
@@ -27,7 +26,8 @@ void Console::out(const QString& line)
 
 void Console::outJson(const QJsonValue& value)
 {
-    const QJsonDocument document = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
+    const QJsonDocument document
+        = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
     m_out << QString::fromUtf8(document.toJson(QJsonDocument::Compact)) << '\n';
     m_out.flush();
 }

@@ -7,7 +7,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-
 #include <cstdio>
 #include <optional>
 
@@ -21,8 +20,8 @@ constexpr qint64 RangeSpan = 64 << 20;
 
 QJsonObject Downloader::Result::json() const
 {
-    return QJsonObject { { "remote", remote }, { "local", local }, { "bytes", bytes }, { "resumed_from", resumedFrom },
-        { "hash", hash }, { "ms", ms } };
+    return QJsonObject { { "remote", remote }, { "local", local }, { "bytes", bytes },
+        { "resumed_from", resumedFrom }, { "hash", hash }, { "ms", ms } };
 }
 
 Downloader::Downloader(TransferEndpoint& endpoint, Progress& progress)
@@ -37,7 +36,8 @@ QString Downloader::partPath(const QString& localPath, const QString& rev)
     return target.absoluteDir().filePath(QStringLiteral(".%1.nbcli-%2.part").arg(target.fileName(), rev));
 }
 
-Downloader::Result Downloader::get(const QString& remotePath, const RemoteEntry& entry, const QString& localPath)
+Downloader::Result Downloader::get(
+    const QString& remotePath, const RemoteEntry& entry, const QString& localPath)
 {
     Result result;
     result.remote = remotePath;
@@ -85,7 +85,8 @@ Downloader::Result Downloader::get(const QString& remotePath, const RemoteEntry&
     }
     // rename(2) replaces the target in one step: it is the old file or the whole new one.
     if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(localPath).constData()) != 0)
-        throw Failure { Exit::Local, QStringLiteral("cannot write %1: %2").arg(localPath, qt_error_string(errno)) };
+        throw Failure { Exit::Local,
+            QStringLiteral("cannot write %1: %2").arg(localPath, qt_error_string(errno)) };
     result.ms = clock.elapsed();
     m_progress.endFile();
     return result;
@@ -131,14 +132,15 @@ void Downloader::fetchRest(const QString& remotePath, const QString& part, qint6
         const Remote::Start ranged = [&](NBCompletionCallback done) {
             begin = file.size();
             const qint64 end = qMin(begin + RangeSpan, total) - 1;
-            const Remote::Start request = m_endpoint.downloadRange(remotePath,
-                QStringLiteral("bytes=%1-%2").arg(begin).arg(end),
-                [&](const QByteArray& piece) {
-                    if (!writeError && file.write(piece) != piece.size())
-                        writeError = Failure { Exit::Local, QStringLiteral("cannot write %1: %2").arg(part, file.errorString()) };
-                    m_progress.setDone(file.size());
-                },
-                {});
+            const Remote::Start request
+                = m_endpoint.downloadRange(remotePath, QStringLiteral("bytes=%1-%2").arg(begin).arg(end),
+                    [&](const QByteArray& piece) {
+                        if (!writeError && file.write(piece) != piece.size())
+                            writeError = Failure { Exit::Local,
+                                QStringLiteral("cannot write %1: %2").arg(part, file.errorString()) };
+                        m_progress.setDone(file.size());
+                    },
+                    {});
             return request([this, &file, begin, done](const ResponseData& data) {
                 if (data.statusCode != 206 && file.size() > begin) {
                     file.resize(begin);
@@ -152,7 +154,8 @@ void Downloader::fetchRest(const QString& remotePath, const QString& part, qint6
         if (writeError)
             throw *writeError;
         if (reply.data.statusCode == 200)
-            throw Failure { Exit::Refused, QStringLiteral("%1: the server ignored the range request").arg(what) };
+            throw Failure { Exit::Refused,
+                QStringLiteral("%1: the server ignored the range request").arg(what) };
         if (!reply.ok())
             throw Remote::failureOf(what, reply);
     }

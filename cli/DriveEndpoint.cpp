@@ -23,7 +23,9 @@ Remote::Start DriveEndpoint::listPage(const QString& folder, int offset, int lim
 {
     auto model = pageByName(at<NBServerApiMetaEntryModel>(folder), offset, limit);
     model.list = true;
-    return [model](NBCompletionCallback done) { return ServerApi::MetaData(model, std::move(done)); };
+    return [model](NBCompletionCallback done) {
+        return ServerApi::MetaData(model, std::move(done));
+    };
 }
 
 Remote::Start DriveEndpoint::makeFolder(const QString& path)
@@ -47,7 +49,9 @@ Remote::Start DriveEndpoint::uploadWhole(
     model.serverUrl = upload.server;
     model.localPath = localPath;
     model.overwrite = true;
-    return [model, onProgress](NBCompletionCallback done) { return ServerApi::UploadFile(model, std::move(done), onProgress); };
+    return [model, onProgress](NBCompletionCallback done) {
+        return ServerApi::UploadFile(model, std::move(done), onProgress);
+    };
 }
 
 Remote::Start DriveEndpoint::queryChunk(const Upload& upload, const QString&, qint64, const QString& hash)
@@ -61,10 +65,13 @@ Remote::Start DriveEndpoint::uploadChunk(
     const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress)
 {
     return [model = NBServerApiChunkedUploadModel { upload.server, upload.uploadId, hash, data }, onProgress](
-               NBCompletionCallback done) { return ServerApi::ChunkedUpload(model, std::move(done), onProgress); };
+               NBCompletionCallback done) {
+        return ServerApi::ChunkedUpload(model, std::move(done), onProgress);
+    };
 }
 
-Remote::Start DriveEndpoint::commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
+Remote::Start DriveEndpoint::commit(
+    const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
 {
     auto model = at<NBServerApiCommitHashModel>(path);
     model.serverUrl = upload.server;
@@ -72,7 +79,9 @@ Remote::Start DriveEndpoint::commit(const Upload& upload, const QString& path, q
     model.bytes = bytes;
     model.isFileCommit = true;
     model.overwrite = true;
-    return [model](NBCompletionCallback done) { return ServerApi::CommitHash(model, std::move(done)); };
+    return [model](NBCompletionCallback done) {
+        return ServerApi::CommitHash(model, std::move(done));
+    };
 }
 
 Remote::Start DriveEndpoint::downloadWhole(
@@ -81,7 +90,9 @@ Remote::Start DriveEndpoint::downloadWhole(
     auto model = at<NBServerApiDownloadFileModel>(path);
     model.serverUrl = m_server;
     model.localPath = localPath;
-    return [model, onProgress](NBCompletionCallback done) { return ServerApi::DownloadFile(model, std::move(done), onProgress); };
+    return [model, onProgress](NBCompletionCallback done) {
+        return ServerApi::DownloadFile(model, std::move(done), onProgress);
+    };
 }
 
 Remote::Start DriveEndpoint::downloadRange(

@@ -1,6 +1,7 @@
 #include "LinkEndpoint.h"
 
-LinkEndpoint::LinkEndpoint(Remote& remote, const QString& server, const QString& code, const QString& password)
+LinkEndpoint::LinkEndpoint(
+    Remote& remote, const QString& server, const QString& code, const QString& password)
     : TransferEndpoint(remote)
     , m_server(server)
     , m_code(code)
@@ -13,7 +14,9 @@ void LinkEndpoint::open()
     const NBServerApiDeliveryAuthModel model { m_code, m_password, m_server };
     const QJsonObject reply = m_remote
                                   .call(QStringLiteral("open shared link %1").arg(m_code),
-                                      [model](NBCompletionCallback done) { return ServerApi::DeliveryAuth(model, std::move(done)); })
+                                      [model](NBCompletionCallback done) {
+                                          return ServerApi::DeliveryAuth(model, std::move(done));
+                                      })
                                   .json;
     m_token = reply.value("token").toString();
     m_session = reply.value("session").toString();
@@ -39,20 +42,27 @@ Remote::Start LinkEndpoint::listPage(const QString& folder, int offset, int limi
 {
     auto model = pageByName(linked<NBServerApiDeliveryMetadataModel>(folder), offset, limit);
     model.password = m_password;
-    return [model](NBCompletionCallback done) { return ServerApi::DeliveryMetadata(model, std::move(done)); };
+    return [model](NBCompletionCallback done) {
+        return ServerApi::DeliveryMetadata(model, std::move(done));
+    };
 }
 
 Remote::Start LinkEndpoint::makeFolder(const QString& path)
 {
-    const NBServerApiDeliveryCreateFolder model { m_server, m_code, RemotePath::normalise(path), QString(), m_token, m_session };
-    return [model](NBCompletionCallback done) { return ServerApi::DeliveryCreateFolder(model, std::move(done)); };
+    const NBServerApiDeliveryCreateFolder model { m_server, m_code, RemotePath::normalise(path), QString(),
+        m_token, m_session };
+    return [model](NBCompletionCallback done) {
+        return ServerApi::DeliveryCreateFolder(model, std::move(done));
+    };
 }
 
 Remote::Start LinkEndpoint::authorise(const QString& path, qint64 bytes)
 {
     auto model = linked<NBServerApiDeliveryAuthUploadModel>(path);
     model.bytes = QString::number(bytes);
-    return [model](NBCompletionCallback done) { return ServerApi::DeliveryAuthUpload(model, std::move(done)); };
+    return [model](NBCompletionCallback done) {
+        return ServerApi::DeliveryAuthUpload(model, std::move(done));
+    };
 }
 
 Remote::Start LinkEndpoint::uploadWhole(
@@ -67,29 +77,37 @@ Remote::Start LinkEndpoint::uploadWhole(
     };
 }
 
-Remote::Start LinkEndpoint::queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash)
+Remote::Start LinkEndpoint::queryChunk(
+    const Upload& upload, const QString& path, qint64 bytes, const QString& hash)
 {
     auto model = chunked<NBServerApiDeliveryQueryHashModel>(upload, path);
     model.hash = hash;
     model.bytes = bytes;
-    return [model](NBCompletionCallback done) { return ServerApi::DeliveryQueryHash(model, std::move(done)); };
+    return [model](NBCompletionCallback done) {
+        return ServerApi::DeliveryQueryHash(model, std::move(done));
+    };
 }
 
 Remote::Start LinkEndpoint::uploadChunk(
     const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress)
 {
-    return [model = NBServerApiDeliveryChunkedUploadModel { upload.server, upload.uploadId, hash, data }, onProgress](
-               NBCompletionCallback done) { return ServerApi::DeliveryChunkedUpload(model, std::move(done), onProgress); };
+    return [model = NBServerApiDeliveryChunkedUploadModel { upload.server, upload.uploadId, hash, data },
+               onProgress](NBCompletionCallback done) {
+        return ServerApi::DeliveryChunkedUpload(model, std::move(done), onProgress);
+    };
 }
 
-Remote::Start LinkEndpoint::commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
+Remote::Start LinkEndpoint::commit(
+    const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
 {
     auto model = chunked<NBServerApiDeliveryCommitHashModel>(upload, path);
     model.hashes = hashes;
     model.totalBytes = model.bytes = bytes;
     model.isFileCommit = true;
     model.overwrite = true;
-    return [model](NBCompletionCallback done) { return ServerApi::DeliveryCommitHash(model, std::move(done)); };
+    return [model](NBCompletionCallback done) {
+        return ServerApi::DeliveryCommitHash(model, std::move(done));
+    };
 }
 
 Remote::Start LinkEndpoint::downloadWhole(

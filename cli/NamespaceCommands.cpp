@@ -4,7 +4,6 @@
 #include "RemotePath.h"
 
 #include <NBBaseParse.h>
-
 #include <QDateTime>
 #include <QDeadlineTimer>
 #include <QJsonArray>
@@ -13,7 +12,8 @@ namespace {
 
 QString when(qint64 seconds)
 {
-    return seconds > 0 ? QDateTime::fromSecsSinceEpoch(seconds).toString(QStringLiteral("yyyy-MM-dd HH:mm")) : QStringLiteral("-");
+    return seconds > 0 ? QDateTime::fromSecsSinceEpoch(seconds).toString(QStringLiteral("yyyy-MM-dd HH:mm"))
+                       : QStringLiteral("-");
 }
 
 QString longLine(const RemoteEntry& entry)
@@ -49,8 +49,22 @@ int ls(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         return 0;
     }
     for (const RemoteEntry& entry : entries)
-        cli.console.out(parser.isSet("long") ? longLine(entry) : entry.dir ? entry.name + QLatin1Char('/') : entry.name);
+        cli.console.out(parser.isSet("long") ? longLine(entry)
+                : entry.dir                  ? entry.name + QLatin1Char('/')
+                                             : entry.name);
     return 0;
+}
+
+// "locked: by NAME until TIME" where the server says who holds the lock, "locked: yes" otherwise.
+QString lockLine(const QJsonObject& entry)
+{
+    if (!entry.value("locked").toBool())
+        return QString();
+    const QString holder = entry.value("lock_owner").toString();
+    if (holder.isEmpty())
+        return QStringLiteral("\n  locked: yes");
+    return QStringLiteral("\n  locked: by ") + holder + QStringLiteral(" until ")
+        + when(qint64(entry.value("lock_expires").toDouble()));
 }
 
 int stat(Cli& cli, const QCommandLineParser&, const QStringList& args)
@@ -63,12 +77,13 @@ int stat(Cli& cli, const QCommandLineParser&, const QStringList& args)
             cli.console.outJson(entry.json);
             continue;
         }
-        cli.console.out(QStringLiteral("%1\n  type: %2\n  bytes: %3\n  rev: %4\n  modified: %5\n  neid: %6%7%8")
-                            .arg(path, entry.dir ? QStringLiteral("folder") : QStringLiteral("file"))
-                            .arg(entry.bytes)
-                            .arg(entry.rev, when(entry.modified), entry.json.value("neid").toVariant().toString())
-                            .arg(entry.hash.isEmpty() ? QString() : QStringLiteral("\n  hash: %1").arg(entry.hash))
-                            .arg(entry.json.value("locked").toBool() ? QStringLiteral("\n  locked: yes") : QString()));
+        cli.console.out(
+            QStringLiteral("%1\n  type: %2\n  bytes: %3\n  rev: %4\n  modified: %5\n  neid: %6%7%8")
+                .arg(path, entry.dir ? QStringLiteral("folder") : QStringLiteral("file"))
+                .arg(entry.bytes)
+                .arg(entry.rev, when(entry.modified), entry.json.value("neid").toVariant().toString())
+                .arg(entry.hash.isEmpty() ? QString() : QStringLiteral("\n  hash: %1").arg(entry.hash))
+                .arg(lockLine(entry.json)));
     }
     return 0;
 }
@@ -84,7 +99,8 @@ int mkdir(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
             const QString parent = RemotePath::parent(path);
             const Reply above = cli.remote.fetch(QStringLiteral("stat %1").arg(parent), drive.stat(parent));
             if (above.data.statusCode == 404)
-                throw Failure { Exit::Refused, QStringLiteral("cannot create %1: no folder %2 (-p creates it)").arg(path, parent) };
+                throw Failure { Exit::Refused,
+                    QStringLiteral("cannot create %1: no folder %2 (-p creates it)").arg(path, parent) };
         }
         const QString what = QStringLiteral("create folder %1").arg(path);
         const Reply reply = cli.remote.fetch(what, drive.makeFolder(path));
@@ -110,14 +126,19 @@ int finishTask(Cli& cli, const QString& verb, const QString& what, const QJsonOb
     const QString taskId = started.value("task_id").toString();
     QJsonObject state = started;
     const QDeadlineTimer deadline(10 * 60 * 1000);
-    for (int poll = 0; state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
+    for (int poll = 0;
+         state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
         if (taskId.isEmpty() || deadline.hasExpired())
-            throw Failure { Exit::Network, QStringLiteral("%1: the server's task did not finish; look again later").arg(what) };
+            throw Failure { Exit::Network,
+                QStringLiteral("%1: the server's task did not finish; look again later").arg(what) };
         if (poll > 0)
             cli.remote.sleep(qMin(250 * poll, 2000));
-        state = cli.remote.call(QStringLiteral("ask about task %1").arg(taskId), [taskId](NBCompletionCallback done) {
-            return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done));
-        }).json;
+        state = cli.remote
+                    .call(QStringLiteral("ask about task %1").arg(taskId),
+                        [taskId](NBCompletionCallback done) {
+                            return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done));
+                        })
+                    .json;
     }
     const QJsonArray results = state.value("results").toArray();
     QStringList failed;
@@ -127,8 +148,9 @@ int finishTask(Cli& cli, const QString& verb, const QString& what, const QJsonOb
         if (!result.value("ok").toBool())
             failed << QStringLiteral("%1: %2").arg(path, result.value("code").toString());
         else if (!cli.console.json)
-            cli.console.out(result.contains("to") ? QStringLiteral("%1 %2 -> %3").arg(verb, path, result.value("to").toString())
-                                                  : QStringLiteral("%1 %2").arg(verb, path));
+            cli.console.out(result.contains("to")
+                    ? QStringLiteral("%1 %2 -> %3").arg(verb, path, result.value("to").toString())
+                    : QStringLiteral("%1 %2").arg(verb, path));
     }
     if (cli.console.json)
         cli.console.outJson(results);
@@ -155,17 +177,25 @@ int batch(Cli& cli, const QCommandLineParser& parser, const QStringList& args, b
     const QString verb = copy ? QStringLiteral("copied") : QStringLiteral("moved");
     if (parser.isSet("dry-run")) {
         for (const QString& source : sources)
-            cli.console.out(QStringLiteral("would %1 %2 -> %3").arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source, RemotePath::join(target, RemotePath::name(source))));
+            cli.console.out(QStringLiteral("would %1 %2 -> %3")
+                                .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source,
+                                    RemotePath::join(target, RemotePath::name(source))));
         return 0;
     }
     cli.connect(true);
     NBServerApiBatchMoveModel model;
     model.from = entries(cli, sources);
     model.to = cli.drive().at<NBServerApiEntryModel>(target);
-    const QString what = QStringLiteral("%1 %2 to %3").arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), sources.join(QLatin1String(", ")), target);
-    const QJsonObject started = cli.remote.call(what, [model, copy](NBCompletionCallback done) {
-        return copy ? ServerApi::BatchCopy(model, std::move(done)) : ServerApi::BatchMove(model, std::move(done));
-    }).json;
+    const QString what = QStringLiteral("%1 %2 to %3")
+                             .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"),
+                                 sources.join(QLatin1String(", ")), target);
+    const QJsonObject started = cli.remote
+                                    .call(what,
+                                        [model, copy](NBCompletionCallback done) {
+                                            return copy ? ServerApi::BatchCopy(model, std::move(done))
+                                                        : ServerApi::BatchMove(model, std::move(done));
+                                        })
+                                    .json;
     return finishTask(cli, verb, what, started, sources.size());
 }
 
@@ -184,9 +214,11 @@ int mv(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
     NBServerApiMoveModel model;
     model.from = cli.drive().at<NBServerApiEntryModel>(from);
     model.to = cli.drive().at<NBServerApiEntryModel>(to);
-    const QJsonObject moved = cli.remote.call(QStringLiteral("move %1 to %2").arg(from, to), [model](NBCompletionCallback done) {
-        return ServerApi::Move(model, std::move(done));
-    }).json;
+    const QJsonObject moved
+        = cli.remote
+              .call(QStringLiteral("move %1 to %2").arg(from, to),
+                  [model](NBCompletionCallback done) { return ServerApi::Move(model, std::move(done)); })
+              .json;
     if (cli.console.json)
         cli.console.outJson(moved);
     else
@@ -212,14 +244,19 @@ int rm(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         DriveEndpoint drive = cli.drive();
         for (const QString& path : paths) {
             if (drive.entry(path).dir)
-                throw Failure { Exit::Usage, QStringLiteral("%1 is a folder: rm -r deletes it with what it holds").arg(path) };
+                throw Failure { Exit::Usage,
+                    QStringLiteral("%1 is a folder: rm -r deletes it with what it holds").arg(path) };
         }
     }
     NBServerApiBatchDeleteModel model;
     model.pathes = entries(cli, paths);
     const QString what = QStringLiteral("delete %1").arg(paths.join(QLatin1String(", ")));
-    const QJsonObject started
-        = cli.remote.call(what, [model](NBCompletionCallback done) { return ServerApi::BatchDelete(model, std::move(done)); }).json;
+    const QJsonObject started = cli.remote
+                                    .call(what,
+                                        [model](NBCompletionCallback done) {
+                                            return ServerApi::BatchDelete(model, std::move(done));
+                                        })
+                                    .json;
     return finishTask(cli, QStringLiteral("deleted"), what, started, paths.size());
 }
 
@@ -229,8 +266,11 @@ int revisions(Cli& cli, const QCommandLineParser& parser, const QStringList& arg
     const QString path = RemotePath::normalise(args.first());
     auto model = cli.drive().at<NBServerApiRevisionsModel>(path);
     model.revLimit = parser.value("limit").toInt();
-    const QJsonObject reply = cli.remote.call(QStringLiteral("list the revisions of %1").arg(path),
-        [model](NBCompletionCallback done) { return ServerApi::Revisions(model, std::move(done)); }).json;
+    const QJsonObject reply
+        = cli.remote
+              .call(QStringLiteral("list the revisions of %1").arg(path),
+                  [model](NBCompletionCallback done) { return ServerApi::Revisions(model, std::move(done)); })
+              .json;
     const QJsonArray all = reply.value("revisions").toArray();
     if (cli.console.json) {
         cli.console.outJson(all);
@@ -241,7 +281,8 @@ int revisions(Cli& cli, const QCommandLineParser& parser, const QStringList& arg
         cli.console.out(QStringLiteral("%1  %2  %3  %4")
                             .arg(revision.value("rev").toVariant().toString(), 4)
                             .arg(qint64(revision.value("bytes").toDouble()), 12)
-                            .arg(when(qint64(revision.value("modified").toDouble())), revision.value("hash").toString().left(16)));
+                            .arg(when(qint64(revision.value("modified").toDouble())),
+                                revision.value("hash").toString().left(16)));
     }
     return 0;
 }
@@ -252,9 +293,11 @@ int lock(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
     const QString path = RemotePath::normalise(args.first());
     auto model = cli.drive().at<NBServerApiLockFileModel>(path);
     model.time = parser.value("time").toInt();
-    const QJsonObject reply = cli.remote.call(QStringLiteral("lock %1").arg(path), [model](NBCompletionCallback done) {
-        return ServerApi::LockFile(model, std::move(done));
-    }).json;
+    const QJsonObject reply
+        = cli.remote
+              .call(QStringLiteral("lock %1").arg(path),
+                  [model](NBCompletionCallback done) { return ServerApi::LockFile(model, std::move(done)); })
+              .json;
     if (cli.console.json)
         cli.console.outJson(reply);
     else
@@ -267,9 +310,12 @@ int unlock(Cli& cli, const QCommandLineParser&, const QStringList& args)
     cli.connect(true);
     const QString path = RemotePath::normalise(args.first());
     const auto model = cli.drive().at<NBServerApiUnlockFileModel>(path);
-    const QJsonObject reply = cli.remote.call(QStringLiteral("unlock %1").arg(path), [model](NBCompletionCallback done) {
-        return ServerApi::UnlockFile(model, std::move(done));
-    }).json;
+    const QJsonObject reply = cli.remote
+                                  .call(QStringLiteral("unlock %1").arg(path),
+                                      [model](NBCompletionCallback done) {
+                                          return ServerApi::UnlockFile(model, std::move(done));
+                                      })
+                                  .json;
     if (cli.console.json)
         cli.console.outJson(reply);
     else
@@ -285,21 +331,30 @@ QList<Command> namespaceCommands()
 {
     return {
         { "ls", "[-l] [PATH]", "List a folder (every page of it), or show a file.",
-            "  nbcli ls -l /docs\n  nbcli ls --json / | jq '.[].name'", { { { "l", "long" }, "Type, size, time, revision and name." } }, 0, 1, ls },
-        { "stat", "PATH...", "Show an entry: type, size, revision, time, identifiers, hash.", "  nbcli stat /docs/a.txt", {}, 1, -1, stat },
+            "  nbcli ls -l /docs\n  nbcli ls --json / | jq '.[].name'",
+            { { { "l", "long" }, "Type, size, time, revision and name." } }, 0, 1, ls },
+        { "stat", "PATH...", "Show an entry: type, size, revision, time, identifiers, hash.",
+            "  nbcli stat /docs/a.txt", {}, 1, -1, stat },
         { "mkdir", "[-p] PATH...", "Create folders.", "  nbcli mkdir -p /docs/2026/reports",
-            { { { "p", "parents" }, "Create missing parents; a folder that exists is fine." } }, 1, -1, mkdir },
+            { { { "p", "parents" }, "Create missing parents; a folder that exists is fine." } }, 1, -1,
+            mkdir },
         { "mv", "SRC... DEST", "Move or rename entries.",
-            "One source and a DEST that does not end in \"/\" renames; otherwise the sources move into the folder DEST, "
-            "as one server task whose outcome is reported per entry.\n\n  nbcli mv /a.txt /b.txt\n  nbcli mv /a.txt /b.txt /archive/",
+            "One source and a DEST that does not end in \"/\" renames; otherwise the sources move into the "
+            "folder DEST, "
+            "as one server task whose outcome is reported per entry.\n\n  nbcli mv /a.txt /b.txt\n  nbcli mv "
+            "/a.txt /b.txt /archive/",
             { DryRun }, 2, -1, mv },
         { "cp", "SRC... FOLDER", "Copy entries into a folder (copies keep their names).",
-            "One server task; its outcome is reported per entry.\n\n  nbcli cp /docs/a.txt /docs/b.txt /backup", { DryRun }, 2, -1, cp },
-        { "rm", "[-r] PATH...", "Delete entries.", "One server task; its outcome is reported per entry.\n\n  nbcli rm -r /old",
+            "One server task; its outcome is reported per entry.\n\n  nbcli cp /docs/a.txt /docs/b.txt "
+            "/backup",
+            { DryRun }, 2, -1, cp },
+        { "rm", "[-r] PATH...", "Delete entries.",
+            "One server task; its outcome is reported per entry.\n\n  nbcli rm -r /old",
             { { { "r", "recursive" }, "Delete folders too, with what they hold." }, DryRun }, 1, -1, rm },
         { "revisions", "PATH", "List a file's revisions, newest first.", "  nbcli revisions /docs/a.txt",
             { { "limit", "At most N revisions (0: all).", "N", "0" } }, 1, 1, revisions },
-        { "lock", "[--time S] PATH", "Lock a file against other sessions' changes.", "  nbcli lock --time 600 /docs/a.txt",
+        { "lock", "[--time S] PATH", "Lock a file against other users' changes (yours go on).",
+            "  nbcli lock --time 600 /docs/a.txt",
             { { "time", "Hold the lock S seconds (default 3600).", "S", "3600" } }, 1, 1, lock },
         { "unlock", "PATH", "Release a lock.", "  nbcli unlock /docs/a.txt", {}, 1, 1, unlock },
     };

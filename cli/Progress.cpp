@@ -46,7 +46,8 @@ QString Progress::bytes(qint64 count)
         value /= 1024;
         ++unit;
     }
-    return unit == 0 ? QStringLiteral("%1 B").arg(count) : QStringLiteral("%1 %2").arg(value, 0, 'f', 1).arg(units[unit]);
+    return unit == 0 ? QStringLiteral("%1 B").arg(count)
+                     : QStringLiteral("%1 %2").arg(value, 0, 'f', 1).arg(units[unit]);
 }
 
 QString Progress::rate(qint64 count, qint64 ms)
@@ -71,9 +72,13 @@ void Progress::show(bool force)
         left = QStringLiteral("%1:%2").arg(seconds / 60).arg(seconds % 60, 2, 10, QLatin1Char('0'));
     }
     const int percent = m_fileBytes > 0 ? int(m_fileDone * 100 / m_fileBytes) : 100;
-    QString text = QStringLiteral("%1 %2/%3 %4% | ").arg(m_name, bytes(m_fileDone), bytes(m_fileBytes)).arg(percent);
+    QString text
+        = QStringLiteral("%1 %2/%3 %4% | ").arg(m_name, bytes(m_fileDone), bytes(m_fileBytes)).arg(percent);
     if (m_totalFiles > 1)
-        text += QStringLiteral("file %1 of %2, %3/%4 | ").arg(m_file).arg(m_totalFiles).arg(bytes(done), bytes(m_totalBytes));
+        text += QStringLiteral("file %1 of %2, %3/%4 | ")
+                    .arg(m_file)
+                    .arg(m_totalFiles)
+                    .arg(bytes(done), bytes(m_totalBytes));
     text += QStringLiteral("%1, %2 left").arg(rate(done, now), left);
     m_console.progress(text);
 }

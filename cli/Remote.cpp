@@ -1,13 +1,11 @@
 #include "Remote.h"
 
 #include <NBBaseParse.h>
-
 #include <QEventLoop>
 #include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QSocketNotifier>
 #include <QTimer>
-
 #include <csignal>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -101,11 +99,16 @@ void Remote::launch(const std::shared_ptr<Attempt>& attempt)
 
 void Remote::finish(const std::shared_ptr<Attempt>& attempt, const ResponseData& data)
 {
-    if (!m_interrupted && attempt->retry && worthRetry(data) && attempt->tries <= m_retries && attempt->clock.elapsed() < m_budgetMs) {
+    if (!m_interrupted && attempt->retry && worthRetry(data) && attempt->tries <= m_retries
+        && attempt->clock.elapsed() < m_budgetMs) {
         const int delay = retryDelay(data, attempt->tries);
         if (m_verbose && m_notify) {
-            const QString reason = data.statusCode >= 400 ? QStringLiteral("HTTP %1").arg(data.statusCode) : data.errorString;
-            m_notify(QStringLiteral("retrying %1 in %2 s (%3)").arg(attempt->what).arg(delay / 1000.0, 0, 'f', 1).arg(reason));
+            const QString reason
+                = data.statusCode >= 400 ? QStringLiteral("HTTP %1").arg(data.statusCode) : data.errorString;
+            m_notify(QStringLiteral("retrying %1 in %2 s (%3)")
+                         .arg(attempt->what)
+                         .arg(delay / 1000.0, 0, 'f', 1)
+                         .arg(reason));
         }
         QTimer::singleShot(delay, this, [this, attempt] { launch(attempt); });
         return;
@@ -126,7 +129,8 @@ bool Remote::isLocalFileError(const ResponseData& data)
 
 bool Remote::worthRetry(const ResponseData& data)
 {
-    if (data.statusCode == 429 || (data.statusCode >= 500 && data.statusCode != 501 && data.statusCode != 505))
+    if (data.statusCode == 429
+        || (data.statusCode >= 500 && data.statusCode != 501 && data.statusCode != 505))
         return true;
     if (data.statusCode >= 300 || isLocalFileError(data))
         return false;
@@ -217,14 +221,18 @@ Failure Remote::failureOf(const QString& what, const Reply& reply)
         return { Exit::Interrupted, QStringLiteral("%1: cancelled").arg(what) };
     if (isLocalFileError(data))
         return { Exit::Local, QStringLiteral("%1: %2").arg(what, data.errorString) };
-    const QString tries = reply.attempts > 1 ? QStringLiteral(" after %1 attempts").arg(reply.attempts) : QString();
+    const QString tries
+        = reply.attempts > 1 ? QStringLiteral(" after %1 attempts").arg(reply.attempts) : QString();
     if (data.statusCode == 0 || (data.statusCode < 300 && data.networkError != 0)) {
         if (data.networkError == 6) // SslHandshakeFailedError
             return { Exit::Network,
-                QStringLiteral("%1: the server's TLS certificate is not trusted (%2); give --cacert FILE with its CA, or --insecure")
+                QStringLiteral("%1: the server's TLS certificate is not trusted (%2); give --cacert FILE "
+                               "with its CA, or --insecure")
                     .arg(what, data.errorString) };
         if (data.errorString == QLatin1String("TimeOut") || data.networkError == 4)
-            return { Exit::Network, QStringLiteral("%1: the server stopped answering (time-out%2); try again later").arg(what, tries) };
+            return { Exit::Network,
+                QStringLiteral("%1: the server stopped answering (time-out%2); try again later")
+                    .arg(what, tries) };
         return { Exit::Network,
             QStringLiteral("%1: cannot reach the server (%2%3); check the address and that the server runs")
                 .arg(what, data.errorString, tries) };
@@ -232,17 +240,27 @@ Failure Remote::failureOf(const QString& what, const Reply& reply)
     NBBaseParse reading;
     reading.ParseResp(data);
     const TransferErrorMessage error = reading.errorMsg();
-    const QString text = !error.code.isEmpty() ? error.code : !error.message.isEmpty() ? error.message : data.errorString;
-    const QString detail = !error.message.isEmpty() && error.message != text ? QStringLiteral(": %1").arg(error.message) : QString();
+    const QString text = !error.code.isEmpty() ? error.code
+        : !error.message.isEmpty()             ? error.message
+                                               : data.errorString;
+    const QString detail = !error.message.isEmpty() && error.message != text
+        ? QStringLiteral(": %1").arg(error.message)
+        : QString();
     QString hint;
     switch (reading.errorCode()) {
     case CNBParseProcessor::InvalidSession:
         if (error.code == QLatin1String("Invalid session"))
             hint = QStringLiteral("; session expired or missing: run nbcli login");
         break;
-    case CNBParseProcessor::FileLocked:
-        hint = QStringLiteral("; another session holds the lock: try again when it is released");
+    case CNBParseProcessor::FileLocked: {
+        // Locks are per user: the holder and the expiry, where the server names them.
+        const QJsonObject body = QJsonDocument::fromJson(data.body.toUtf8()).object();
+        const QString holder = body.value("lock_owner").toString();
+        hint = holder.isEmpty()
+            ? QStringLiteral("; another user holds the lock: try again when it is released")
+            : QStringLiteral("; ask %1 to unlock it, or try again once the lock expires").arg(holder);
         break;
+    }
     }
     if (data.statusCode >= 500)
         hint = QStringLiteral("; the server failed%1, try again later").arg(tries);
@@ -277,7 +295,9 @@ void Remote::catchInterrupts()
         [[maybe_unused]] const ssize_t read = ::read(s_signalPipe[1], &byte, 1);
         interrupt();
     });
-    struct sigaction action {};
+    struct sigaction action
+    {
+    };
     action.sa_handler = onSigint;
     sigemptyset(&action.sa_mask);
     ::sigaction(SIGINT, &action, nullptr);

@@ -1,7 +1,6 @@
 #include "TransferEndpoint.h"
 
 #include <NBBaseParse.h>
-
 #include <QJsonArray>
 
 namespace {
@@ -25,7 +24,8 @@ RemoteEntry RemoteEntry::fromJson(const QJsonObject& object)
 
 RemoteEntry TransferEndpoint::entry(const QString& path)
 {
-    return RemoteEntry::fromJson(m_remote.call(QStringLiteral("stat %1").arg(describe(path)), stat(path)).json);
+    return RemoteEntry::fromJson(
+        m_remote.call(QStringLiteral("stat %1").arg(describe(path)), stat(path)).json);
 }
 
 QList<RemoteEntry> TransferEndpoint::list(const QString& folder)
@@ -33,7 +33,9 @@ QList<RemoteEntry> TransferEndpoint::list(const QString& folder)
     QList<RemoteEntry> entries;
     for (int offset = 0;;) {
         const QJsonObject page
-            = m_remote.call(QStringLiteral("list %1").arg(describe(folder)), listPage(folder, offset, PageSize)).json;
+            = m_remote
+                  .call(QStringLiteral("list %1").arg(describe(folder)), listPage(folder, offset, PageSize))
+                  .json;
         const QJsonArray content = page.value("content").toArray();
         for (const QJsonValue& value : content)
             entries.append(RemoteEntry::fromJson(value.toObject()));
@@ -43,10 +45,13 @@ QList<RemoteEntry> TransferEndpoint::list(const QString& folder)
     }
 }
 
-TransferEndpoint::Upload TransferEndpoint::authorised(const QString& path, qint64 bytes, const QString& fallbackServer)
+TransferEndpoint::Upload TransferEndpoint::authorised(
+    const QString& path, qint64 bytes, const QString& fallbackServer)
 {
     const QJsonObject reply
-        = m_remote.call(QStringLiteral("authorise the upload of %1").arg(describe(path)), authorise(path, bytes)).json;
+        = m_remote
+              .call(QStringLiteral("authorise the upload of %1").arg(describe(path)), authorise(path, bytes))
+              .json;
     Upload upload { reply.value("upload_server").toString(), reply.value("upload_id").toString() };
     if (upload.server.isEmpty())
         upload.server = fallbackServer;

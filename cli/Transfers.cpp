@@ -31,7 +31,8 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
 {
     const QFileInfo info(local);
     if (!info.exists()) {
-        failed(outcome, Item { local, remote, false, 0, {} }, Failure { Exit::Local, QStringLiteral("no such file %1").arg(local) });
+        failed(outcome, Item { local, remote, false, 0, {} },
+            Failure { Exit::Local, QStringLiteral("no such file %1").arg(local) });
         return;
     }
     if (!info.isDir()) {
@@ -40,21 +41,25 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
     }
     items->append(Item { local, remote, true, 0, {} });
     QStringList below;
-    QDirIterator walk(local, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator walk(
+        local, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
     while (walk.hasNext())
         below << walk.next();
     below.sort();
     const QDir base(local);
     for (const QString& path : qAsConst(below)) {
         const QFileInfo entry(path);
-        items->append(Item { path, RemotePath::join(remote, base.relativeFilePath(path)), entry.isDir(), entry.isDir() ? 0 : entry.size(), {} });
+        items->append(Item { path, RemotePath::join(remote, base.relativeFilePath(path)), entry.isDir(),
+            entry.isDir() ? 0 : entry.size(), {} });
     }
 }
 
 int Transfers::put(const QStringList& locals, const QString& remote, bool dryRun)
 {
-    const bool intoFolder = locals.size() > 1 || RemotePath::spelledAsFolder(remote) || QFileInfo(locals.first()).isDir();
-    const bool folderAsTarget = locals.size() == 1 && QFileInfo(locals.first()).isDir() && !RemotePath::spelledAsFolder(remote);
+    const bool intoFolder
+        = locals.size() > 1 || RemotePath::spelledAsFolder(remote) || QFileInfo(locals.first()).isDir();
+    const bool folderAsTarget
+        = locals.size() == 1 && QFileInfo(locals.first()).isDir() && !RemotePath::spelledAsFolder(remote);
     QList<Item> items;
     Outcome outcome;
     for (const QString& local : locals) {
@@ -67,21 +72,26 @@ int Transfers::put(const QStringList& locals, const QString& remote, bool dryRun
     if (dryRun) {
         for (const Item& item : qAsConst(items)) {
             if (item.folder)
-                m_cli.console.out(QStringLiteral("would create folder %1").arg(m_endpoint.describe(item.remote)));
+                m_cli.console.out(
+                    QStringLiteral("would create folder %1").arg(m_endpoint.describe(item.remote)));
             else
-                m_cli.console.out(QStringLiteral("would put %1 -> %2 (%3, %4)")
-                                      .arg(item.local, m_endpoint.describe(item.remote), Progress::bytes(item.bytes),
-                                          item.bytes > 4 << 20 ? QStringLiteral("in chunks") : QStringLiteral("whole")));
+                m_cli.console.out(
+                    QStringLiteral("would put %1 -> %2 (%3, %4)")
+                        .arg(item.local, m_endpoint.describe(item.remote), Progress::bytes(item.bytes),
+                            item.bytes > 4 << 20 ? QStringLiteral("in chunks") : QStringLiteral("whole")));
         }
         return finish(outcome);
     }
     if (intoFolder && !folderAsTarget && RemotePath::normalise(remote) != QLatin1String("/"))
         m_endpoint.ensureFolder(RemotePath::normalise(remote));
-    return run(items, outcome, [this](const Item& item) { m_endpoint.ensureFolder(item.remote); },
+    return run(
+        items, outcome, [this](const Item& item) { m_endpoint.ensureFolder(item.remote); },
         [this](Progress& progress, const Item& item) {
-            const Uploader::Result result = Uploader(m_endpoint, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
-            const QString how = result.chunks == 0 ? QStringLiteral("sent whole")
-                                                   : QStringLiteral("%1 chunks, %2 sent").arg(result.chunks).arg(result.chunksSent);
+            const Uploader::Result result
+                = Uploader(m_endpoint, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
+            const QString how = result.chunks == 0
+                ? QStringLiteral("sent whole")
+                : QStringLiteral("%1 chunks, %2 sent").arg(result.chunks).arg(result.chunksSent);
             return Step { result.json(),
                 QStringLiteral("put %1 -> %2: %3, %4%5, hash ok")
                     .arg(item.local, m_endpoint.describe(item.remote), Progress::bytes(result.bytes), how,
@@ -89,7 +99,8 @@ int Transfers::put(const QStringList& locals, const QString& remote, bool dryRun
         });
 }
 
-void Transfers::planRemote(const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
+void Transfers::planRemote(
+    const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
 {
     items->append(Item { local, remote, entry.dir, entry.dir ? 0 : entry.bytes, entry });
     if (!entry.dir)
@@ -100,7 +111,8 @@ void Transfers::planRemote(const QString& remote, const RemoteEntry& entry, cons
 
 int Transfers::get(const QStringList& remotes, const QString& local)
 {
-    const bool intoFolder = remotes.size() > 1 || local.endsWith(QLatin1Char('/')) || QFileInfo(local).isDir();
+    const bool intoFolder
+        = remotes.size() > 1 || local.endsWith(QLatin1Char('/')) || QFileInfo(local).isDir();
     QList<Item> items;
     Outcome outcome;
     for (const QString& remote : remotes) {
@@ -112,13 +124,15 @@ int Transfers::get(const QStringList& remotes, const QString& local)
             planRemote(path, entry, intoFolder ? QDir(local).filePath(name) : local, &items);
         });
     }
-    return run(items, outcome,
+    return run(
+        items, outcome,
         [](const Item& item) {
             if (!QDir().mkpath(item.local))
                 throw Failure { Exit::Local, QStringLiteral("cannot create the folder %1").arg(item.local) };
         },
         [this](Progress& progress, const Item& item) {
-            const Downloader::Result result = Downloader(m_endpoint, progress).get(item.remote, item.entry, item.local);
+            const Downloader::Result result
+                = Downloader(m_endpoint, progress).get(item.remote, item.entry, item.local);
             const QString resumed = result.resumedFrom > 0
                 ? QStringLiteral(", resumed after %1").arg(Progress::bytes(result.resumedFrom))
                 : QString();
@@ -171,8 +185,8 @@ void Transfers::failed(Outcome* outcome, const Item& item, const Failure& failur
     if (outcome->firstExit == Exit::Ok)
         outcome->firstExit = failure.exit;
     outcome->failures << failure.message;
-    outcome->results.append(QJsonObject { { "local", item.local }, { "remote", item.remote }, { "error", failure.message },
-        { "exit", int(failure.exit) } });
+    outcome->results.append(QJsonObject { { "local", item.local }, { "remote", item.remote },
+        { "error", failure.message }, { "exit", int(failure.exit) } });
 }
 
 int Transfers::finish(const Outcome& outcome)

@@ -8,7 +8,6 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QSet>
-
 #include <deque>
 #include <optional>
 
@@ -51,16 +50,19 @@ void Uploader::putWhole(Result& result)
 {
     QFile file(result.local);
     if (!file.open(QIODevice::ReadOnly))
-        throw Failure { Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) };
+        throw Failure { Exit::Local,
+            QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) };
     const QByteArray content = file.readAll();
-    result.hash = ChunkHasher::fileHash(content.isEmpty() ? QStringList() : QStringList { ChunkHasher::chunkHash(content) });
+    result.hash = ChunkHasher::fileHash(
+        content.isEmpty() ? QStringList() : QStringList { ChunkHasher::chunkHash(content) });
     const TransferEndpoint::Upload upload = m_endpoint.authorised(result.remote, result.bytes, m_server);
-    const Reply reply = m_endpoint.remote().call(QStringLiteral("upload %1").arg(m_endpoint.describe(result.remote)),
-        m_endpoint.uploadWhole(upload, result.remote, result.local,
-            [this](const UploadProgressData& progress) {
-                if (progress.bytesTotal > 0)
-                    m_progress.setDone(progress.bytesSent);
-            }));
+    const Reply reply
+        = m_endpoint.remote().call(QStringLiteral("upload %1").arg(m_endpoint.describe(result.remote)),
+            m_endpoint.uploadWhole(
+                upload, result.remote, result.local, [this](const UploadProgressData& progress) {
+                    if (progress.bytesTotal > 0)
+                        m_progress.setDone(progress.bytesSent);
+                }));
     result.bytesSent = result.bytes;
     checkHash(result, reply.json);
 }
@@ -70,7 +72,8 @@ void Uploader::putChunked(Result& result)
     const TransferEndpoint::Upload upload = m_endpoint.authorised(result.remote, result.bytes, m_server);
     QFile file(result.local);
     if (!file.open(QIODevice::ReadOnly))
-        throw Failure { Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) };
+        throw Failure { Exit::Local,
+            QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) };
     Remote& remote = m_endpoint.remote();
     const QString target = m_endpoint.describe(result.remote);
 
@@ -107,7 +110,8 @@ void Uploader::putChunked(Result& result)
                     --queries;
                     if (!reply.ok())
                         return fail(Remote::failureOf(what, reply));
-                    if (reply.json.value("needed").toArray().contains(chunk.hash) && !claimed.contains(chunk.hash)) {
+                    if (reply.json.value("needed").toArray().contains(chunk.hash)
+                        && !claimed.contains(chunk.hash)) {
                         claimed.insert(chunk.hash);
                         toSend.push_back(index);
                     } else {
@@ -125,7 +129,8 @@ void Uploader::putChunked(Result& result)
             if (file.seek(chunk.offset))
                 data = file.read(chunk.length);
             if (data.size() != chunk.length)
-                return fail(Failure { Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) });
+                return fail(Failure { Exit::Local,
+                    QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) });
             ++sends;
             sending.insert(index, 0);
             const QString what = QStringLiteral("upload chunk %1 of %2").arg(index + 1).arg(target);
@@ -177,8 +182,8 @@ void Uploader::putChunked(Result& result)
         hashes << chunk.hash;
     result.chunks = hashes.size();
     result.hash = ChunkHasher::fileHash(hashes);
-    const Reply reply
-        = remote.call(QStringLiteral("commit %1").arg(target), m_endpoint.commit(upload, result.remote, result.bytes, hashes));
+    const Reply reply = remote.call(QStringLiteral("commit %1").arg(target),
+        m_endpoint.commit(upload, result.remote, result.bytes, hashes));
     checkHash(result, reply.json);
 }
 

@@ -5,11 +5,12 @@ std::optional<FaultRule> FaultRule::parse(const QString& text, QString* error)
     FaultRule rule;
     rule.text = text;
     QString rest = text;
+    // A probability follows the kind: an "@" before the last ":" belongs to the pattern.
     const int at = rest.lastIndexOf(QLatin1Char('@'));
-    if (at > 0) {
+    if (at > 0 && at > rest.lastIndexOf(QLatin1Char(':'))) {
         bool ok = false;
         rule.probability = rest.mid(at + 1).toDouble(&ok);
-        if (!ok || rule.probability < 0 || rule.probability > 1) {
+        if (!ok || !(rule.probability >= 0 && rule.probability <= 1)) {
             *error = QStringLiteral("bad probability in %1").arg(text);
             return std::nullopt;
         }

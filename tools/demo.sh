@@ -76,20 +76,21 @@ run rm /projects/demo/renamed.bin
 run watch --once /
 
 echo
-echo "A lock held by one session refuses another's change:"
+echo "A lock held by one user refuses another user's change (the holder's own go on):"
 printf 'draft 1\n' >"$work/notes.txt"
 run put "$work/notes.txt" /projects/notes.txt
 run lock --time 600 /projects/notes.txt
+run stat /projects/notes.txt
 printf 'draft 2\n' >"$work/notes.txt"
-step "NB_PASSWORD=... nbcli login --user carol   (a second session, in its own config folder)"
+step "NB_PASSWORD=... nbcli login --user carol   (another user, in her own config folder)"
 XDG_CONFIG_HOME=$work/carol NB_PASSWORD=carol-password "$nbcli" login --server "$server" --user carol
 step "nbcli put notes.txt /projects/notes.txt   (as carol)"
 status=0
 XDG_CONFIG_HOME=$work/carol "$nbcli" put "$work/notes.txt" /projects/notes.txt || status=$?
 echo "(exit status $status)"
 [ "$status" -eq 2 ] || { echo "demo: expected the lock to refuse carol's put" >&2; exit 1; }
-run unlock /projects/notes.txt
 run put "$work/notes.txt" /projects/notes.txt
+run unlock /projects/notes.txt
 run revisions /projects/notes.txt
 
 echo

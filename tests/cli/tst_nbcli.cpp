@@ -473,7 +473,7 @@ private slots:
         QVERIFY2(run.err.contains("cannot reach the server") && run.err.contains("after 3 attempts"), qPrintable(run.err));
     }
 
-    void lockOfAnotherSessionRefusesPut()
+    void lockOfAnotherUserRefusesPutAndNamesItsHolder()
     {
         EmuProcess emu({ "--user", "alice:secret", "--user", "bob:pw" });
         // bob keeps his session in a folder of his own.
@@ -489,7 +489,9 @@ private slots:
         writeFile(local("shared.txt"), "v2");
         const CliRun run = nbcli({ "put", local("shared.txt"), "/shared.txt" }, bob);
         QCOMPARE(run.exit, 2);
-        QVERIFY2(run.err.contains("file is locked") && run.err.contains("another session holds the lock"), qPrintable(run.err));
+        QVERIFY2(run.err.contains("file is locked") && run.err.contains("ask alice to unlock it"), qPrintable(run.err));
+        const CliRun stat = nbcli({ "stat", "/shared.txt" }, bob);
+        QVERIFY2(stat.out.contains("locked: by alice until "), qPrintable(stat.out));
         CLI_OK(nbcli({ "unlock", "/shared.txt" }));
         CLI_OK(nbcli({ "put", local("shared.txt"), "/shared.txt" }, bob));
     }

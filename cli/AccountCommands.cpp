@@ -23,10 +23,24 @@ QString sessionOf(const Reply& reply)
     return reading.sessiondId();
 }
 
-QString ask(Cli& cli, const char* variable, const QString& prompt)
+// A value from its variable, else from a prompt on a terminal, else (where `fromPipe`)
+// from a line of standard input; without any, a usage error naming them: nothing is
+// ever sent empty.
+QString ask(Cli& cli, const char* variable, const QString& what, bool secret = false, bool fromPipe = false)
 {
     const QString given = environment(variable);
-    return given.isEmpty() ? cli.console.readLine(prompt) : given;
+    if (!given.isEmpty())
+        return given;
+    QString typed;
+    if (cli.console.stdinIsTerminal())
+        typed = secret ? cli.console.readSecret(what + QStringLiteral(": ")) : cli.console.readLine(what + QStringLiteral(": "));
+    else if (fromPipe)
+        typed = cli.console.readLine(QString());
+    if (typed.isEmpty())
+        throw Failure(Exit::Usage,
+            QStringLiteral("no %1: give %2%3, or run on a terminal to be asked; nothing was sent")
+                .arg(what, QLatin1String(variable), fromPipe ? QStringLiteral(" or a line of standard input") : QString()));
+    return typed;
 }
 
 // The second factor of a sign-in that asked for one; the session it gives.
@@ -37,23 +51,21 @@ QString secondFactor(Cli& cli, const QCommandLineParser& parser, const QJsonObje
     const QJsonArray offered = challenge.value("methods").toArray();
     if (method.isEmpty())
         method = offered.isEmpty() ? QStringLiteral("otp") : offered.first().toString();
-    Remote& remote = cli.remote;
+    RequestRunner& remote = cli.runner;
     if (method == QLatin1String("otp")) {
-        const QString otp = ask(cli, "NB_OTP", QStringLiteral("one-time password: "));
+        const QString otp = ask(cli, "NB_OTP", QStringLiteral("one-time password"), true, true);
         return sessionOf(
             remote.call(QStringLiteral("sign in with the one-time password"), [=](NBCompletionCallback done) {
                 return ServerApi::DyncCodeLogin(tfaId, otp, std::move(done));
             }));
     }
     if (method == QLatin1String("sms")) {
-        const QString mobile = parser.isSet("mobile")
-            ? parser.value("mobile")
-            : ask(cli, "NB_MOBILE", QStringLiteral("mobile number: "));
+        const QString mobile = parser.isSet("mobile") ? parser.value("mobile") : ask(cli, "NB_MOBILE", QStringLiteral("mobile number"));
         remote.call(QStringLiteral("send the SMS code"), [=](NBCompletionCallback done) {
             return ServerApi::SendSmsCode(mobile, tfaId, QStringLiteral("tfa"), QString(), QString(),
                 QString(), QString(), std::move(done));
         });
-        const QString code = ask(cli, "NB_SMS_CODE", QStringLiteral("code sent to %1: ").arg(mobile));
+        const QString code = ask(cli, "NB_SMS_CODE", QStringLiteral("code sent to ") + mobile, true, true);
         return sessionOf(
             remote.call(QStringLiteral("sign in with the SMS code"), [=](NBCompletionCallback done) {
                 return ServerApi::SmsCodeLogin(tfaId, code, std::move(done));
@@ -78,7 +90,7 @@ QString secondFactor(Cli& cli, const QCommandLineParser& parser, const QJsonObje
                              .arg(file));
         const NBServerApiLoginStateModel state { tfaId, QSysInfo::machineHostName(),
             cli.settings.deviceUuid };
-        const QDeadlineTimer deadline(parser.value("qr-timeout").toInt() * 1000);
+        const QDeadlineTimer deadline(*Options::durationMs(parser.value("qr-timeout")));
         for (;;) {
             const QJsonObject answer = remote
                                            .call(QStringLiteral("ask whether the QR code was approved"),
@@ -100,19 +112,19 @@ QString secondFactor(Cli& cli, const QCommandLineParser& parser, const QJsonObje
         QStringLiteral("unknown second factor \"%1\" (otp, sms or qr)").arg(method) };
 }
 
-int login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
+void login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
 {
     if (cli.settings.server.isEmpty())
-        throw Failure { Exit::Usage, QStringLiteral("give the server: nbcli login --server URL") };
-    cli.settings.server = Cli::withScheme(cli.settings.server);
-    QString user = parser.isSet("user") ? parser.value("user") : environment("NB_USER");
-    if (user.isEmpty())
-        user = cli.console.readLine(QStringLiteral("user: "));
-    QString password = environment("NB_PASSWORD");
+        throw Failure(Exit::Usage, QStringLiteral("give the server: nbcli login --server URL"));
+    // Every credential is at hand before anything is sent.
+    const QString user = parser.isSet("user") ? parser.value("user") : ask(cli, "NB_USER", QStringLiteral("user"));
+    QString password;
     if (parser.isSet("password-stdin"))
         password = cli.console.readLine(QString());
-    else if (password.isEmpty())
-        password = cli.console.readSecret(QStringLiteral("password for %1: ").arg(user));
+    else
+        password = ask(cli, "NB_PASSWORD", QStringLiteral("password for ") + user, true);
+    if (user.isEmpty() || password.isEmpty())
+        throw Failure(Exit::Usage, QStringLiteral("an empty user name or password is never sent"));
 
     cli.settings.session.clear();
     cli.connect(false);
@@ -123,59 +135,48 @@ int login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
     model.deviceName = QSysInfo::machineHostName();
     model.deviceUuid = cli.settings.deviceUuid;
     const QString what = QStringLiteral("sign in to %1 as %2").arg(cli.settings.server, user);
-    const Reply reply = cli.remote.fetch(
-        what, [model](NBCompletionCallback done) { return ServerApi::Login(model, std::move(done)); });
+    const Reply reply = cli.runner.fetch(what, [model](NBCompletionCallback done) { return ServerApi::Login(model, std::move(done)); });
     QString session;
     if (reply.ok())
         session = sessionOf(reply);
     else if (reply.json.value("code").toString() == QLatin1String("tfa required"))
         session = secondFactor(cli, parser, reply.json);
     else
-        throw Remote::failureOf(what, reply);
+        throw RequestRunner::failureOf(what, reply);
     if (session.isEmpty())
-        throw Failure { Exit::Refused, QStringLiteral("%1: the reply holds no session").arg(what) };
+        throw Failure(Exit::Refused, QStringLiteral("%1: the reply holds no session").arg(what));
 
+    // The session, and the TLS choices that reached the server, kept for the next runs.
     cli.settings.user = user;
     cli.settings.session = session;
+    cli.settings.caFile = cli.caFile;
+    cli.settings.insecure = cli.insecure;
     cli.save();
-    if (cli.console.json)
-        cli.console.outJson(QJsonObject {
-            { "server", cli.settings.server }, { "type", cli.settings.type }, { "user", user } });
-    else
-        cli.console.out(QStringLiteral("signed in to %1 as %2 (%3)")
-                            .arg(cli.settings.server, user, Config::typeName(cli.settings.type)));
-    return 0;
+    cli.output.done(QJsonObject { { "server", cli.settings.server }, { "type", cli.settings.type }, { "user", user } },
+        QStringLiteral("signed in to %1 as %2 (%3)").arg(cli.settings.server, user, Config::typeName(cli.settings.type)));
 }
 
-int logout(Cli& cli, const QCommandLineParser&, const QStringList&)
+void logout(Cli& cli, const QCommandLineParser&, const QStringList&)
 {
     const QString server = cli.settings.server;
     cli.settings.session.clear();
     cli.save();
-    if (cli.console.json)
-        cli.console.outJson(QJsonObject { { "server", server }, { "signed_in", false } });
-    else
-        cli.console.out(QStringLiteral("signed out of %1 (the session is forgotten here)").arg(server));
-    return 0;
+    // The library offers no sign-out request: the server's session lasts until it expires.
+    cli.output.done(QJsonObject { { "server", server }, { "ended_on_server", false } },
+        QStringLiteral("signed out here: the session is forgotten on this machine; the server has no sign-out, so its session "
+                       "ends when it expires"));
 }
 
-int whoami(Cli& cli, const QCommandLineParser&, const QStringList&)
+void whoami(Cli& cli, const QCommandLineParser&, const QStringList&)
 {
-    cli.connect(true);
-    QJsonObject info
-        = cli.remote
-              .call(QStringLiteral("read the account"),
-                  [](NBCompletionCallback done) { return ServerApi::UserInfo({}, std::move(done)); })
+    const QJsonObject info
+        = cli.runner
+              .call(QStringLiteral("read the account"), [](NBCompletionCallback done) { return ServerApi::UserInfo({}, std::move(done)); })
               .json;
-    info.insert("server", cli.settings.server);
-    info.insert("type", cli.settings.type);
-    if (cli.console.json)
-        cli.console.outJson(info);
-    else
-        cli.console.out(QStringLiteral("%1 on %2 (%3)")
-                            .arg(info.value("user").toString(cli.settings.user), cli.settings.server,
-                                Config::typeName(cli.settings.type)));
-    return 0;
+    const QString user = info.value("user").toString(cli.settings.user);
+    cli.output.result(QJsonObject { { "user", user }, { "uid", info.value("uid").toVariant().toString() },
+                          { "server", cli.settings.server }, { "type", cli.settings.type } },
+        QStringLiteral("%1 on %2 (%3)").arg(user, cli.settings.server, Config::typeName(cli.settings.type)));
 }
 
 } // namespace
@@ -184,24 +185,22 @@ QList<Command> accountCommands()
 {
     return {
         { "login", "[--user NAME] [--tfa otp|sms|qr]", "Sign in and keep the session.",
-            "The password comes from a prompt without echo, from standard input with --password-stdin, or "
-            "from "
-            "NB_PASSWORD; never from an argument. A bare host (\"drive.example:8443\") gets the scheme that "
-            "answers, "
-            "https first. A second factor, when the server asks for one: a one-time password (NB_OTP or a "
-            "prompt), an "
-            "SMS code (--mobile, then NB_SMS_CODE or a prompt) or a QR code to scan, polled until "
-            "approved.\n\n"
+            "The password comes from standard input with --password-stdin, from NB_PASSWORD, or from a prompt without echo "
+            "on a terminal; never from an argument, and never empty: without a source, nothing is sent. A bare host "
+            "(\"drive.example:8443\") gets the scheme that answers, https first. --cacert and --insecure given here stay "
+            "with the session. A second factor, when the server asks for one: a one-time password (NB_OTP or a prompt), an "
+            "SMS code (--mobile, then NB_SMS_CODE or a prompt) or a QR code to scan, polled until approved.\n\n"
             "  nbcli login --server http://127.0.0.1:8080 --type cloud --user alice\n"
             "  printf '%s\\n' \"$PW\" | nbcli login --server drive.example --user alice --password-stdin",
-            { { "user", "The account to sign in as (or NB_USER).", "NAME" },
-                { "password-stdin", "Read the password from the first line of standard input." },
-                { "tfa", "The second factor to use: otp (default), sms or qr.", "METHOD" },
-                { "mobile", "The mobile number for --tfa sms (or NB_MOBILE).", "NUMBER" },
-                { "qr-timeout", "Give up waiting for the QR approval after S seconds (default 300).", "S",
-                    "300" } },
-            0, 0, login },
-        { "logout", "", "Forget the stored session.", "  nbcli logout", {}, 0, 0, logout },
-        { "whoami", "", "Show the signed-in account.", "  nbcli whoami --json", {}, 0, 0, whoami },
+            { OptionSpec::value({ "user" }, "The account to sign in as (or NB_USER).", "NAME", OptionSpec::Text),
+                OptionSpec::flag({ "password-stdin" }, "Read the password from the first line of standard input."),
+                OptionSpec::choice({ "tfa" }, "The second factor to use: otp (default), sms or qr.", "METHOD",
+                    { "otp", "sms", "qr" }),
+                OptionSpec::value({ "mobile" }, "The mobile number for --tfa sms (or NB_MOBILE).", "NUMBER", OptionSpec::Text),
+                OptionSpec::value({ "qr-timeout" }, "Give up waiting for the QR approval after S seconds (default 300).", "S",
+                    OptionSpec::Duration, "300") },
+            0, 0, Needs::Nothing, login },
+        { "logout", "", "Forget the stored session.", "  nbcli logout", {}, 0, 0, Needs::Nothing, logout },
+        { "whoami", "", "Show the signed-in account.", "  nbcli whoami --json", {}, 0, 0, Needs::Session, whoami },
     };
 }

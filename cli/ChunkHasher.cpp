@@ -53,10 +53,11 @@ void ChunkHasher::run(int first, int step)
         report([this, error = file.errorString()] { workerDone(error); });
         return;
     }
-    QByteArray buffer(int(ChunkSize), Qt::Uninitialized);
+    const qint64 chunkSize = m_chunkSize;
+    QByteArray buffer(int(chunkSize), Qt::Uninitialized);
     for (int index = first; !m_stop; index += step) {
-        const qint64 offset = qint64(index) * ChunkSize;
-        const qint64 wanted = m_growingTo < 0 ? ChunkSize : qMin(ChunkSize, m_growingTo - offset);
+        const qint64 offset = qint64(index) * chunkSize;
+        const qint64 wanted = m_growingTo < 0 ? chunkSize : qMin(chunkSize, m_growingTo - offset);
         qint64 length = 0;
         if (wanted > 0 && !file.seek(offset)) {
             report([this, error = file.errorString()] { workerDone(error); });
@@ -79,7 +80,7 @@ void ChunkHasher::run(int first, int step)
         const Chunk chunk { index, offset, length,
             QString::fromLatin1(sha256(buffer.constData(), size_t(length)).toHex()) };
         report([this, chunk] { chunkDone(chunk); });
-        if (length < ChunkSize)
+        if (length < chunkSize)
             break;
     }
     if (!m_stop)
@@ -116,4 +117,46 @@ QString ChunkHasher::fileHash(const QStringList& chunkHashes)
     for (const QString& hash : chunkHashes)
         digests += QByteArray::fromHex(hash.toLatin1());
     return QString::fromLatin1(sha256(digests.constData(), size_t(digests.size())).toHex());
+}
+
+StreamHash::StreamHash(qint64 chunkSize)
+    : m_chunkSize(chunkSize)
+    , m_context(EVP_MD_CTX_new())
+{
+    EVP_DigestInit_ex(static_cast<EVP_MD_CTX*>(m_context), EVP_sha256(), nullptr);
+}
+
+StreamHash::~StreamHash()
+{
+    EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(m_context));
+}
+
+void StreamHash::add(const char* data, qint64 length)
+{
+    while (length > 0) {
+        const qint64 part = qMin(length, m_chunkSize - m_inChunk);
+        EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(m_context), data, size_t(part));
+        m_inChunk += part;
+        data += part;
+        length -= part;
+        if (m_inChunk == m_chunkSize)
+            endChunk();
+    }
+}
+
+void StreamHash::endChunk()
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    EVP_DigestFinal_ex(static_cast<EVP_MD_CTX*>(m_context), digest, &size);
+    m_hashes << QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), int(size)).toHex());
+    EVP_DigestInit_ex(static_cast<EVP_MD_CTX*>(m_context), EVP_sha256(), nullptr);
+    m_inChunk = 0;
+}
+
+QString StreamHash::result()
+{
+    if (m_inChunk > 0)
+        endChunk();
+    return ChunkHasher::fileHash(m_hashes);
 }

@@ -1,30 +1,214 @@
 #include "Cli.h"
 
 #include <INBSeverApi.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QProcessEnvironment>
 
-Cli::Cli(Console& console, Remote& remote)
+#include <algorithm>
+
+namespace {
+
+const QStringList Types { "0", "1", "2", "private", "cloud", "public", "six", "private6" };
+const QStringList Spaces { "ent", "self", "share_in", "share_out", "book_mark", "trans", "recycle" };
+
+QString environment(const char* name)
+{
+    return QProcessEnvironment::systemEnvironment().value(QLatin1String(name));
+}
+
+// Edits that turn one word into the other (insertions, deletions, substitutions).
+int distance(const QString& a, const QString& b)
+{
+    QVector<int> row(b.size() + 1);
+    for (int j = 0; j <= b.size(); ++j)
+        row[j] = j;
+    for (int i = 1; i <= a.size(); ++i) {
+        int diagonal = row[0];
+        row[0] = i;
+        for (int j = 1; j <= b.size(); ++j) {
+            const int above = row[j];
+            row[j] = std::min({ row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1) });
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// "  -j, --jobs N            text", the text aligned.
+QString optionLine(const OptionSpec& spec)
+{
+    return QStringLiteral("  %1 %2").arg(spec.synopsis().leftJustified(24), spec.description);
+}
+
+} // namespace
+
+Cli::Cli(Console& console, RequestRunner& runner)
     : console(console)
-    , remote(remote)
+    , runner(runner)
+    , output(console)
 {
 }
 
-QList<QCommandLineOption> Cli::globalOptions()
+const char* Cli::exitTable()
+{
+    return "Exit status: 0 success; 1 usage (bad arguments, an operation this deployment type does not offer, a server "
+           "that cannot be used as given); 2 the server refused (a wrong password, a lock, not found); 3 try again "
+           "later (no answer, a lost connection, a time-out, a damaged transfer, a server error or 429 after the "
+           "retries); 4 a local file could not be read or written; 5 some entries or files failed, others did not; "
+           "130 interrupted.";
+}
+
+QList<OptionSpec> Cli::globalOptions()
 {
     return {
-        { "server", "The server's address (default: the one of the last login, or NB_SERVER).", "URL" },
-        { "type",
-            "Deployment type: 0 or private, 1 or cloud, 2 or six (default: the last login's, or NB_TYPE).",
-            "TYPE" },
-        { "space", "The path type of remote paths: ent (default), self, share_in, share_out, ...",
-            "PATH_TYPE", "ent" },
-        { "json", "Results as JSON on standard output, for scripts." },
-        { { "q", "quiet" }, "No progress and no notes; errors only." },
-        { { "v", "verbose" }, "Say each retry, and let the library log in detail." },
-        { "retries", "Retry a failed request up to N times (default 5).", "N", "5" },
-        { "cacert", "Trust the CA certificates of FILE (PEM) besides the system's.", "FILE" },
-        { "insecure", "Do not verify the server's TLS certificate." },
+        OptionSpec::value({ "server" }, "The server's address (default: the one of the last login, or NB_SERVER).", "URL",
+            OptionSpec::Text),
+        OptionSpec::choice({ "type" }, "Deployment type: 0 or private, 1 or cloud, 2 or six (default: the last login's, or NB_TYPE).",
+            "TYPE", Types),
+        OptionSpec::choice({ "space" }, "The path type of remote paths: ent (default), self, share_in, share_out, book_mark, trans, recycle.",
+            "PATH_TYPE", Spaces, "ent"),
+        OptionSpec::flag({ "json" }, "Results as one JSON document on standard output (watch: one object per line)."),
+        OptionSpec::flag({ "q", "quiet" }, "No progress, notes or confirmations; results and errors only."),
+        OptionSpec::flag({ "v", "verbose" }, "Let the library log in detail."),
+        OptionSpec::value({ "retries" }, "Retry a request that may succeed later up to N times (default 5; 0: never).", "N",
+            OptionSpec::CountFromZero, "5"),
+        OptionSpec::value({ "timeout" }, "Give up a request that receives nothing for S seconds (default 120, or NB_TIMEOUT).",
+            "S", OptionSpec::Duration),
+        OptionSpec::value({ "cacert" }, "Trust the CA certificates of FILE (PEM) besides the system's (or NB_CACERT); kept by login.",
+            "FILE", OptionSpec::File),
+        OptionSpec::flag({ "insecure" }, "Do not verify the server's TLS certificate; kept by login."),
+        OptionSpec::flag({ "progress" }, "Show progress in a pipe too, a line a second."),
     };
+}
+
+QList<Command> Cli::commands()
+{
+    return accountCommands() + namespaceCommands() + transferCommands() + otherCommands();
+}
+
+QString Cli::overview()
+{
+    QString text = QStringLiteral("Usage: nbcli [global options] COMMAND [options] [arguments]\n"
+                                  "A command-line client of the cloud drive. nbcli COMMAND --help explains each command.\n\n"
+                                  "Commands:\n");
+    for (const Command& command : commands())
+        text += QStringLiteral("  %1 %2\n").arg(command.name.leftJustified(10), command.summary);
+    text += QStringLiteral("\nGlobal options (before or after the command):\n");
+    for (const OptionSpec& spec : globalOptions())
+        text += optionLine(spec) + QLatin1Char('\n');
+    text += QStringLiteral("  --help                   This help; nbcli COMMAND --help, a command's.\n"
+                           "  --version                The version.\n\n"
+                           "Environment: NB_SERVER, NB_TYPE, NB_USER, NB_PASSWORD, NB_OTP, NB_MOBILE, NB_SMS_CODE, "
+                           "NB_SHARE_PASSWORD, NB_TIMEOUT, NB_CACERT.\n"
+                           "The session is kept in ")
+        + Config::file()
+        + QStringLiteral(" (mode 0600). Server certificates are verified (the system's CAs, and --cacert). The library's log "
+                         "(Transfer.log) hides passwords, codes, tokens and sessions, and so does everything nbcli prints.\n")
+        + QLatin1String(exitTable());
+    return text;
+}
+
+QString Cli::help(const Command& command)
+{
+    QString text = QStringLiteral("Usage: nbcli %1 [options] %2\n%3\n").arg(command.name, command.syntax, command.summary);
+    if (!command.details.isEmpty())
+        text += QLatin1Char('\n') + command.details + QLatin1Char('\n');
+    if (!command.options.isEmpty()) {
+        text += QStringLiteral("\nOptions:\n");
+        for (const OptionSpec& spec : command.options)
+            text += optionLine(spec) + QLatin1Char('\n');
+    }
+    QStringList global;
+    for (const OptionSpec& spec : globalOptions())
+        global << spec.synopsis();
+    text += QStringLiteral("\nGlobal options (nbcli --help explains them): ") + global.join(QStringLiteral("; ")) + QLatin1String(".\n\n")
+        + QLatin1String(exitTable());
+    return text;
+}
+
+QStringList Cli::nearest(const QString& verb)
+{
+    QStringList found;
+    for (const Command& command : commands()) {
+        if (distance(verb.toLower(), command.name) <= (verb.size() > 3 ? 2 : 1)
+            || (verb.size() >= 2 && command.name.startsWith(verb.toLower())))
+            found << command.name;
+    }
+    return found;
+}
+
+int Cli::run(const QStringList& arguments)
+{
+    try {
+        return runCommand(arguments);
+    } catch (const Failure& failure) {
+        return output.fail(failure);
+    }
+}
+
+int Cli::runCommand(const QStringList& arguments)
+{
+    const QList<Command> all = commands();
+    // QCommandLineParser has no subcommands: find the verb first, then parse again with its options.
+    QCommandLineParser first;
+    first.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    for (const OptionSpec& spec : globalOptions())
+        first.addOption(spec.option());
+    first.addOption({ { "h", "help" }, "help" });
+    first.addOption({ "version", "version" });
+    console.json = arguments.contains(QStringLiteral("--json"));
+    if (!first.parse(arguments))
+        throw Failure(Exit::Usage, first.errorText() + QStringLiteral(" (nbcli --help lists the options)"));
+    if (first.isSet("version")) {
+        console.out(QStringLiteral("nbcli %1").arg(QCoreApplication::applicationVersion()));
+        return 0;
+    }
+    const QString verb = first.positionalArguments().value(0);
+    if (verb.isEmpty() || verb == QLatin1String("help")) {
+        const QString about = first.positionalArguments().value(1);
+        if (!about.isEmpty())
+            return runCommand({ arguments.first(), about, QStringLiteral("--help") });
+        if (first.isSet("help") || verb == QLatin1String("help")) {
+            console.out(overview());
+            return 0;
+        }
+        throw Failure(Exit::Usage, QStringLiteral("no command given (nbcli --help lists them)"));
+    }
+    const auto found = std::find_if(all.cbegin(), all.cend(), [&](const Command& c) { return c.name == verb; });
+    output.setCommand(verb);
+    if (found == all.cend()) {
+        const QStringList near = nearest(verb);
+        throw Failure(Exit::Usage,
+            QStringLiteral("unknown command \"%1\"%2 (nbcli --help lists them)")
+                .arg(verb, near.isEmpty() ? QString() : QStringLiteral("; did you mean %1?").arg(near.join(QStringLiteral(" or ")))));
+    }
+    const Command& command = *found;
+
+    QCommandLineParser parser;
+    const bool ownH = std::any_of(command.options.cbegin(), command.options.cend(),
+        [](const OptionSpec& spec) { return spec.names.contains(QStringLiteral("h")); });
+    parser.addOption(ownH ? QCommandLineOption("help", "help") : QCommandLineOption({ "h", "help" }, "help"));
+    for (const OptionSpec& spec : globalOptions() + command.options)
+        parser.addOption(spec.option());
+    if (!parser.parse(arguments))
+        throw Failure(Exit::Usage,
+            QStringLiteral("%1 (nbcli %2 --help explains)").arg(parser.errorText(), command.name));
+    if (parser.isSet("help")) {
+        console.out(help(command));
+        return 0;
+    }
+    Options::validate(parser, globalOptions() + command.options);
+    const QStringList args = parser.positionalArguments().mid(1);
+    if (args.size() < command.minArgs || (command.maxArgs >= 0 && args.size() > command.maxArgs))
+        throw Failure(Exit::Usage, QStringLiteral("usage: nbcli %1 %2 (nbcli %1 --help explains)").arg(command.name, command.syntax));
+    configure(parser);
+    if (command.needs != Needs::Nothing)
+        connect(command.needs == Needs::Session);
+    command.run(*this, parser, args);
+    return output.finish();
 }
 
 void Cli::configure(const QCommandLineParser& parser)
@@ -32,33 +216,31 @@ void Cli::configure(const QCommandLineParser& parser)
     console.quiet = parser.isSet("quiet");
     console.verbose = parser.isSet("verbose");
     console.json = parser.isSet("json");
-    remote.setVerbose(console.verbose);
-    remote.setRetries(parser.value("retries").toInt());
-    space = parser.value("space");
-    m_insecure = parser.isSet("insecure");
-    m_caFile = parser.value("cacert");
-    if (m_insecure && !m_caFile.isEmpty())
-        throw Failure { Exit::Usage, QStringLiteral("--cacert and --insecure exclude each other") };
-    // Verified unless asked not to; the library's own default is not to verify.
-    ServerApi::setTlsVerifyPeer(!m_insecure);
-    if (!m_caFile.isEmpty() && !ServerApi::addTlsCaCertificates(m_caFile))
-        throw Failure { Exit::Local, QStringLiteral("%1 holds no PEM certificate").arg(m_caFile) };
+    console.progressInPipes = parser.isSet("progress");
+    runner.setRetries(parser.value("retries").toInt());
+    QString timeout = parser.value("timeout");
+    if (timeout.isEmpty() && !environment("NB_TIMEOUT").isEmpty()) {
+        timeout = environment("NB_TIMEOUT");
+        if (!Options::durationMs(timeout))
+            throw Failure(Exit::Usage,
+                QStringLiteral("NB_TIMEOUT takes a number of seconds above 0 (decimals allowed), not \"%1\"").arg(timeout));
+    }
+    runner.setTimeout(timeout.isEmpty() ? 0 : *Options::durationMs(timeout));
+    space = parser.value("space").toLower();
 
     QString error;
     settings = Config::load(&error);
     if (!error.isEmpty())
         console.note(QStringLiteral("nbcli: %1").arg(error));
     const Settings stored = settings;
-    const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    const QString server = parser.isSet("server") ? parser.value("server") : environment.value("NB_SERVER");
-    const QString type = parser.isSet("type") ? parser.value("type") : environment.value("NB_TYPE");
+    const QString server = parser.isSet("server") ? parser.value("server") : environment("NB_SERVER");
+    const QString type = parser.isSet("type") ? parser.value("type") : environment("NB_TYPE");
     if (!server.isEmpty())
         settings.server = server;
     if (!type.isEmpty()) {
         settings.type = Config::parseType(type);
         if (settings.type < 0)
-            throw Failure { Exit::Usage,
-                QStringLiteral("unknown deployment type \"%1\" (0, 1 or 2)").arg(type) };
+            throw Failure(Exit::Usage, QStringLiteral("NB_TYPE is 0, 1 or 2 (or private, cloud, six), not \"%1\"").arg(type));
     }
     // "host:port", "http://host:port/" and "https://host:port" name one server here.
     const auto bare = [](QString address) {
@@ -68,8 +250,30 @@ void Cli::configure(const QCommandLineParser& parser)
             address.chop(1);
         return address;
     };
-    if (settings.type != stored.type || bare(settings.server) != bare(stored.server))
+    const bool sameServer = settings.type == stored.type && bare(settings.server) == bare(stored.server);
+    if (!sameServer) {
         settings.session.clear();
+        settings.caFile.clear();
+        settings.insecure = false;
+    }
+
+    // TLS: this run's options, else NB_CACERT, else what the login kept for this server.
+    const QString caOption = parser.isSet("cacert") ? parser.value("cacert") : environment("NB_CACERT");
+    if (parser.isSet("insecure") && !caOption.isEmpty())
+        throw Failure(Exit::Usage, QStringLiteral("--cacert and --insecure exclude each other"));
+    caFile = settings.caFile;
+    insecure = settings.insecure;
+    if (!caOption.isEmpty()) {
+        caFile = QFileInfo(caOption).absoluteFilePath();
+        insecure = false;
+    } else if (parser.isSet("insecure")) {
+        insecure = true;
+        caFile.clear();
+    }
+    // Verified unless asked not to; the library's own default is not to verify.
+    ServerApi::setTlsVerifyPeer(!insecure);
+    if (!caFile.isEmpty() && !ServerApi::addTlsCaCertificates(caFile))
+        throw Failure(Exit::Local, QStringLiteral("%1 holds no PEM certificate").arg(caFile));
 }
 
 QString Cli::withScheme(const QString& address)
@@ -78,31 +282,25 @@ QString Cli::withScheme(const QString& address)
         return address;
     QString filled;
     if (!ServerApi::FillUrlProtocolByStep(address, filled))
-        throw Failure { Exit::Network,
-            QStringLiteral("%1 answers neither https nor http; check the address").arg(address) };
+        throw Failure(Exit::Network, QStringLiteral("%1 answers neither https nor http; check the address").arg(address));
     return filled;
 }
 
 void Cli::connect(bool signedIn)
 {
     if (settings.server.isEmpty())
-        throw Failure { Exit::Usage,
-            QStringLiteral("no server: run nbcli login --server URL, or give --server") };
+        throw Failure(Exit::Usage, QStringLiteral("no server: run nbcli login --server URL, or give --server"));
     if (signedIn && settings.session.isEmpty())
-        throw Failure { Exit::Refused,
-            QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server) };
+        throw Failure(Exit::Refused, QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server),
+            QStringLiteral("not signed in"));
     settings.server = withScheme(settings.server);
     ServerApi::setLogLevel(console.verbose);
     ServerApi::setLogRedaction(true);
     if (settings.server.startsWith(QLatin1String("https:"), Qt::CaseInsensitive)) {
-        if (m_insecure) {
+        if (insecure)
             console.note(QStringLiteral("TLS: the server's certificate is not verified (--insecure)"));
-        } else if (!m_caFile.isEmpty()) {
-            console.note(
-                QStringLiteral("TLS: verifying the server against the system's CAs and %1").arg(m_caFile));
-        } else {
-            console.note(QStringLiteral("TLS: verifying the server against the system's CAs"));
-        }
+        else if (!caFile.isEmpty())
+            console.note(QStringLiteral("TLS: verifying the server against the system's CAs and %1").arg(caFile));
     }
     ServerApi::init(ServerApi::NBServerApiType(settings.type));
     ServerApi::setBaseUrlString(settings.server);
@@ -113,5 +311,5 @@ void Cli::save()
 {
     QString error;
     if (!Config::save(settings, &error))
-        throw Failure { Exit::Local, error };
+        throw Failure(Exit::Local, error);
 }

@@ -1,57 +1,85 @@
-// What every command runs with: the console, the request runner, the stored sign-in with
-// the overrides of this run, and the options all commands share.
+// What every command runs with (the console, the output, the request runner, the stored
+// sign-in with the overrides of this run), the table of commands, and the run of one
+// command line: the verb found, every option checked, the server reached as the
+// command's row says, the command run and its outcome reported.
 #pragma once
 
 #include "Config.h"
 #include "Console.h"
-#include "DriveEndpoint.h"
-#include "Remote.h"
+#include "DriveTree.h"
+#include "Options.h"
+#include "Output.h"
+#include "RequestRunner.h"
 
-#include <QCommandLineOption>
 #include <QCommandLineParser>
 #include <QList>
 
 #include <functional>
 
-class Cli
-{
-public:
-    Cli(Console& console, Remote& remote);
+class Cli;
 
-    Console& console;
-    Remote& remote;
-    Settings settings;
-    QString space = QStringLiteral("ent");
-
-    static QList<QCommandLineOption> globalOptions();
-    // The stored sign-in, then NB_SERVER and NB_TYPE, then --server and --type; the stored
-    // session only for the server and type it was made for. Applies -q, -v, --json, --retries.
-    void configure(const QCommandLineParser& parser);
-    // Starts the library for the server and type, with the session; `signedIn` asks for one.
-    void connect(bool signedIn);
-    void save();
-
-    DriveEndpoint drive() { return DriveEndpoint(remote, settings.server, space); }
-    // The server address with a scheme: a bare host is completed by probing https, then http.
-    static QString withScheme(const QString& address);
-
-private:
-    bool m_insecure = false;
-    QString m_caFile;
+// What a command needs before it runs.
+enum class Needs {
+    Nothing, // runs on its own (logout)
+    Server, // a server address (login, share, raw)
+    Session, // a signed-in session
 };
 
-// One verb of nbcli: its help and its options, and what it runs. `run` returns the exit
-// status, or throws a Failure.
+// One verb of nbcli: its help and options, its arguments, what it needs, and what it
+// runs. `run` reports through cli.output and throws the Failure that stops it.
 struct Command
 {
     QString name;
     QString syntax;
     QString summary;
     QString details; // more help text and examples, shown by --help
-    QList<QCommandLineOption> options;
+    QList<OptionSpec> options;
     int minArgs = 0;
     int maxArgs = -1;
-    std::function<int(Cli&, const QCommandLineParser&, const QStringList&)> run;
+    Needs needs = Needs::Session;
+    std::function<void(Cli&, const QCommandLineParser&, const QStringList&)> run;
+};
+
+class Cli
+{
+public:
+    Cli(Console& console, RequestRunner& runner);
+
+    Console& console;
+    RequestRunner& runner;
+    Output output;
+    Settings settings;
+    QString space = QStringLiteral("ent");
+    // This run's TLS choices: its options, else NB_CACERT, else what the login kept.
+    QString caFile;
+    bool insecure = false;
+
+    static QList<OptionSpec> globalOptions();
+    static QList<Command> commands();
+    static const char* exitTable();
+
+    // Runs one command line (the program's name first): the exit status.
+    int run(const QStringList& arguments);
+
+    // Starts the library for the server and type, with the session; `signedIn` asks for one.
+    void connect(bool signedIn);
+    void save();
+
+    DriveTree drive() { return DriveTree(runner, settings.server, space); }
+    // The server address with a scheme: a bare host is completed by probing https, then http.
+    static QString withScheme(const QString& address);
+
+    // The help of the whole program, and of one command.
+    static QString overview();
+    static QString help(const Command& command);
+    // The commands a mistyped verb may have meant.
+    static QStringList nearest(const QString& verb);
+
+private:
+    int runCommand(const QStringList& arguments);
+    // The stored sign-in, then NB_SERVER and NB_TYPE, then --server and --type; the stored
+    // session only for the server and type it was made for. Applies the global options.
+    void configure(const QCommandLineParser& parser);
 };
 
 QList<Command> accountCommands();

@@ -33,6 +33,8 @@ Settings Config::load(QString* error)
         settings.user = stored.value("user").toString();
         settings.session = stored.value("session").toString();
         settings.deviceUuid = stored.value("device_uuid").toString();
+        settings.caFile = stored.value("cacert").toString();
+        settings.insecure = stored.value("insecure").toBool();
         settings.cursors = stored.value("cursors").toObject();
     }
     if (settings.deviceUuid.isEmpty())
@@ -44,7 +46,7 @@ bool Config::save(const Settings& settings, QString* error)
 {
     const QJsonObject stored { { "server", settings.server }, { "type", settings.type },
         { "user", settings.user }, { "session", settings.session }, { "device_uuid", settings.deviceUuid },
-        { "cursors", settings.cursors } };
+        { "cacert", settings.caFile }, { "insecure", settings.insecure }, { "cursors", settings.cursors } };
     if (!QDir().mkpath(directory())
         || !QFile::setPermissions(
             directory(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {

@@ -1,7 +1,9 @@
 // Where nbcli keeps its sign-in between runs: $XDG_CONFIG_HOME/nbcli/session.json, mode
-// 0600 in a folder of mode 0700. The server address and deployment type may be
-// overridden by NB_SERVER and NB_TYPE, and both again by --server and --type; a stored
-// session is used only with the server and type it was made for.
+// 0600 in a folder of mode 0700: the server, its deployment type, the user and session,
+// and the TLS choices of the login (a CA file, by its absolute path, or no
+// verification). The server address and deployment type may be overridden by NB_SERVER
+// and NB_TYPE, and both again by --server and --type; a stored session is used only
+// with the server and type it was made for.
 #pragma once
 
 #include <QJsonObject>
@@ -14,6 +16,8 @@ struct Settings
     QString user;
     QString session;
     QString deviceUuid;
+    QString caFile; // absolute
+    bool insecure = false;
     QJsonObject cursors; // change-feed cursors of `watch`, by folder
 };
 

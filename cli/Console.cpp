@@ -1,10 +1,13 @@
 #include "Console.h"
 
+#include <INBSeverApi.h>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <cstdio>
 #include <cstdlib>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -17,6 +20,19 @@ Console::Console()
     m_err.setCodec("UTF-8");
 }
 
+QString Console::redacted(const QString& text)
+{
+    return ServerApi::RedactSecrets(text);
+}
+
+int Console::width() const
+{
+    winsize size {};
+    if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 10)
+        return size.ws_col;
+    return 80;
+}
+
 void Console::out(const QString& line)
 {
     endProgress();
@@ -26,8 +42,7 @@ void Console::out(const QString& line)
 
 void Console::outJson(const QJsonValue& value)
 {
-    const QJsonDocument document
-        = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
+    const QJsonDocument document = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
     m_out << QString::fromUtf8(document.toJson(QJsonDocument::Compact)) << '\n';
     m_out.flush();
 }
@@ -37,14 +52,14 @@ void Console::note(const QString& line)
     if (quiet)
         return;
     endProgress();
-    m_err << line << '\n';
+    m_err << redacted(line) << '\n';
     m_err.flush();
 }
 
 void Console::error(const QString& line)
 {
     endProgress();
-    m_err << "nbcli: " << line << '\n';
+    m_err << "nbcli: " << redacted(line) << '\n';
     m_err.flush();
 }
 
@@ -53,7 +68,12 @@ void Console::progress(const QString& text)
     if (quiet)
         return;
     if (m_errTerminal) {
-        m_err << '\r' << text << "\x1b[K";
+        // One line that fits, so that the next redraw replaces all of it.
+        QString shown = text;
+        const int room = width() - 1;
+        if (shown.size() > room)
+            shown = shown.left(qMax(0, room - 3)) + QStringLiteral("...");
+        m_err << '\r' << shown << "\x1b[K";
         m_progressShown = true;
     } else {
         m_err << text << '\n';
@@ -70,10 +90,26 @@ void Console::endProgress()
     m_progressShown = false;
 }
 
+void Console::status(const QString& line)
+{
+    if (quiet)
+        return;
+    if (m_errTerminal)
+        progress(redacted(line));
+    else
+        note(line);
+}
+
+bool Console::stdinIsTerminal() const
+{
+    return ::isatty(STDIN_FILENO) == 1;
+}
+
 QString Console::readSecret(const QString& prompt)
 {
-    if (::isatty(STDIN_FILENO) != 1)
-        return readLine(QString());
+    if (!stdinIsTerminal())
+        return QString();
+    endProgress();
     m_err << prompt;
     m_err.flush();
     termios saved {};
@@ -91,6 +127,7 @@ QString Console::readSecret(const QString& prompt)
 QString Console::readLine(const QString& prompt)
 {
     if (!prompt.isEmpty()) {
+        endProgress();
         m_err << prompt;
         m_err.flush();
     }

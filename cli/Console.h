@@ -1,7 +1,8 @@
-// The terminal side of nbcli: results on standard output (text or one JSON document),
-// notes, progress and errors on standard error. Progress is redrawn in place only on a
-// terminal; in a pipe it is a plain line now and then, never a carriage return or an
-// escape sequence.
+// The terminal side of nbcli: results on standard output, notes, progress and errors on
+// standard error. Progress is redrawn in place only on a terminal, cut to its width; in
+// a pipe it is a plain line now and then, never a carriage return or an escape
+// sequence. Every note and error goes out with its secrets hidden (sessions, tokens,
+// codes, passwords), as the library's log hides them.
 #pragma once
 
 #include <QJsonValue>
@@ -13,9 +14,10 @@ class Console
 public:
     Console();
 
-    bool quiet = false; // -q: no notes, no progress
+    bool quiet = false; // -q: no notes, no progress, no confirmations
     bool json = false; // --json: results as JSON on standard output
-    bool verbose = false; // -v: retries and the library's detailed trace
+    bool verbose = false; // -v: the library's detailed trace
+    bool progressInPipes = false; // --progress: a progress line a second even in a pipe
 
     bool errIsTerminal() const { return m_errTerminal; }
 
@@ -27,12 +29,21 @@ public:
     // A progress text: redrawn in place on a terminal, a line of its own elsewhere.
     void progress(const QString& text);
     void endProgress();
+    // Something happening now that people should see (a retry): on the progress line on a
+    // terminal, a plain line in a pipe; nothing with -q.
+    void status(const QString& line);
 
-    // A secret from the terminal without echo, or a line of standard input when it is not one.
+    // A secret from the terminal without echo; none when standard input is no terminal.
+    bool stdinIsTerminal() const;
     QString readSecret(const QString& prompt);
+    // A line of standard input (after the prompt, on a terminal).
     QString readLine(const QString& prompt);
 
+    static QString redacted(const QString& text);
+
 private:
+    int width() const;
+
     QTextStream m_out;
     QTextStream m_err;
     bool m_errTerminal;

@@ -7,23 +7,39 @@
 #include <QDateTime>
 #include <QDeadlineTimer>
 #include <QJsonArray>
+#include <QUuid>
 
 namespace {
 
+const OptionSpec DryRun = OptionSpec::flag({ "dry-run" }, "Check with the server and say what would change; change nothing.");
+
 QString when(qint64 seconds)
 {
-    return seconds > 0 ? QDateTime::fromSecsSinceEpoch(seconds).toString(QStringLiteral("yyyy-MM-dd HH:mm"))
-                       : QStringLiteral("-");
+    return seconds > 0 ? QDateTime::fromSecsSinceEpoch(seconds).toString(QStringLiteral("yyyy-MM-dd HH:mm")) : QStringLiteral("-");
 }
 
-QString longLine(const RemoteEntry& entry)
+QString size(qint64 bytes, bool human)
 {
-    return QStringLiteral("%1 %2  %3  %4  %5")
-        .arg(entry.dir ? QLatin1Char('d') : QLatin1Char('-'))
-        .arg(entry.dir ? QStringLiteral("-") : QString::number(entry.bytes), 12)
-        .arg(when(entry.modified))
-        .arg(entry.rev.isEmpty() ? QStringLiteral("-") : entry.rev, 4)
-        .arg(entry.dir ? entry.name + QLatin1Char('/') : entry.name);
+    return human ? Progress::bytes(bytes) : QString::number(bytes);
+}
+
+// " (locked by NAME until TIME)", or nothing.
+QString lockNote(const RemoteEntry& entry)
+{
+    if (!entry.locked)
+        return QString();
+    return entry.lockOwner.isEmpty() ? QStringLiteral(" (locked)")
+                                     : QStringLiteral(" (locked by ") + entry.lockOwner + QStringLiteral(" until ")
+            + when(entry.lockExpires) + QLatin1Char(')');
+}
+
+// Type, size, time, revision, name: joined, not substituted, so that a name is shown as it is.
+QString longLine(const RemoteEntry& entry, bool human)
+{
+    return (entry.dir ? QStringLiteral("d ") : entry.locked ? QStringLiteral("L ") : QStringLiteral("- "))
+        + (entry.dir ? QStringLiteral("-") : size(entry.bytes, human)).rightJustified(12) + QStringLiteral("  ")
+        + when(entry.modified) + QStringLiteral("  ") + (entry.rev.isEmpty() ? QStringLiteral("-") : entry.rev).rightJustified(4)
+        + QStringLiteral("  ") + entry.name + (entry.dir ? QStringLiteral("/") : QString()) + lockNote(entry);
 }
 
 QStringList normalised(const QStringList& paths)
@@ -34,328 +50,388 @@ QStringList normalised(const QStringList& paths)
     return all;
 }
 
-int ls(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+void ls(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
-    cli.connect(true);
-    DriveEndpoint drive = cli.drive();
-    const QString path = RemotePath::normalise(args.value(0, QStringLiteral("/")));
-    const RemoteEntry top = drive.entry(path);
-    const QList<RemoteEntry> entries = top.dir ? drive.list(path) : QList<RemoteEntry> { top };
-    if (cli.console.json) {
-        QJsonArray all;
-        for (const RemoteEntry& entry : entries)
-            all.append(entry.json);
-        cli.console.outJson(all);
-        return 0;
-    }
-    for (const RemoteEntry& entry : entries)
-        cli.console.out(parser.isSet("long") ? longLine(entry)
-                : entry.dir                  ? entry.name + QLatin1Char('/')
-                                             : entry.name);
-    return 0;
-}
-
-// "locked: by NAME until TIME" where the server says who holds the lock, "locked: yes" otherwise.
-QString lockLine(const QJsonObject& entry)
-{
-    if (!entry.value("locked").toBool())
-        return QString();
-    const QString holder = entry.value("lock_owner").toString();
-    if (holder.isEmpty())
-        return QStringLiteral("\n  locked: yes");
-    return QStringLiteral("\n  locked: by ") + holder + QStringLiteral(" until ")
-        + when(qint64(entry.value("lock_expires").toDouble()));
-}
-
-int stat(Cli& cli, const QCommandLineParser&, const QStringList& args)
-{
-    cli.connect(true);
-    DriveEndpoint drive = cli.drive();
-    for (const QString& path : normalised(args)) {
-        const RemoteEntry entry = drive.entry(path);
-        if (cli.console.json) {
-            cli.console.outJson(entry.json);
-            continue;
+    DriveTree drive = cli.drive();
+    const QStringList paths = normalised(args.isEmpty() ? QStringList { QStringLiteral("/") } : args);
+    const bool longForm = parser.isSet("long");
+    const bool human = parser.isSet("human-readable");
+    for (const QString& path : paths) {
+        try {
+            const RemoteEntry top = drive.entry(path);
+            if (paths.size() > 1 && top.dir && !cli.console.json)
+                cli.console.out(path + QLatin1Char(':'));
+            const QList<RemoteEntry> entries = top.dir ? drive.list(path) : QList<RemoteEntry> { top };
+            for (const RemoteEntry& entry : entries) {
+                const QString at = top.dir ? RemotePath::join(path, entry.name) : path;
+                cli.output.result(entry.report(at),
+                    longForm ? longLine(entry, human) : entry.name + (entry.dir ? QStringLiteral("/") : QString()));
+            }
+        } catch (const Failure& failure) {
+            if (failure.exit == Exit::Interrupted || paths.size() == 1)
+                throw;
+            cli.output.failed(QJsonObject { { "path", path } }, failure);
         }
-        cli.console.out(
-            QStringLiteral("%1\n  type: %2\n  bytes: %3\n  rev: %4\n  modified: %5\n  neid: %6%7%8")
-                .arg(path, entry.dir ? QStringLiteral("folder") : QStringLiteral("file"))
-                .arg(entry.bytes)
-                .arg(entry.rev, when(entry.modified), entry.json.value("neid").toVariant().toString())
-                .arg(entry.hash.isEmpty() ? QString() : QStringLiteral("\n  hash: %1").arg(entry.hash))
-                .arg(lockLine(entry.json)));
     }
-    return 0;
 }
 
-int mkdir(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+void stat(Cli& cli, const QCommandLineParser&, const QStringList& args)
 {
-    cli.connect(true);
-    DriveEndpoint drive = cli.drive();
+    DriveTree drive = cli.drive();
+    for (const QString& path : normalised(args)) {
+        try {
+            const RemoteEntry entry = drive.entry(path);
+            QString text = path + QStringLiteral("\n  type: ") + (entry.dir ? QStringLiteral("folder") : QStringLiteral("file"))
+                + QStringLiteral("\n  bytes: ") + QString::number(entry.bytes) + QStringLiteral("\n  rev: ") + entry.rev
+                + QStringLiteral("\n  modified: ") + when(entry.modified) + QStringLiteral("\n  neid: ")
+                + entry.json.value("neid").toVariant().toString();
+            if (!entry.hash.isEmpty())
+                text += QStringLiteral("\n  hash: ") + entry.hash;
+            if (entry.locked)
+                text += entry.lockOwner.isEmpty() ? QStringLiteral("\n  locked: yes")
+                                                  : QStringLiteral("\n  locked: by ") + entry.lockOwner + QStringLiteral(" until ")
+                        + when(entry.lockExpires);
+            cli.output.result(entry.report(path), text);
+        } catch (const Failure& failure) {
+            if (failure.exit == Exit::Interrupted)
+                throw;
+            cli.output.failed(QJsonObject { { "path", path } }, failure);
+        }
+    }
+}
+
+void mkdir(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+{
+    DriveTree drive = cli.drive();
     const bool parents = parser.isSet("parents");
-    QJsonArray created;
     for (const QString& path : normalised(args)) {
-        if (!parents && RemotePath::parent(path) != QLatin1String("/")) {
+        const QJsonObject item { { "path", path } };
+        try {
             const QString parent = RemotePath::parent(path);
-            const Reply above = cli.remote.fetch(QStringLiteral("stat %1").arg(parent), drive.stat(parent));
-            if (above.data.statusCode == 404)
-                throw Failure { Exit::Refused,
-                    QStringLiteral("cannot create %1: no folder %2 (-p creates it)").arg(path, parent) };
+            if (!parents && parent != QLatin1String("/") && !drive.find(parent))
+                throw Failure(Exit::Refused, QStringLiteral("cannot create %1: no folder %2 (-p creates it)").arg(path, parent),
+                    QStringLiteral("file/folder not found"));
+            const QString what = QStringLiteral("create folder %1").arg(path);
+            const Reply reply = cli.runner.fetch(what, drive.makeFolder(path));
+            if (!reply.ok()) {
+                NBBaseParse reading;
+                reading.ParseResp(reply.data);
+                if (parents && reading.errorCode() == CNBParseProcessor::TargetExists) {
+                    cli.output.done(QJsonObject { { "path", path }, { "created", false } }, QStringLiteral("exists ") + path);
+                    continue;
+                }
+                throw RequestRunner::failureOf(what, reply);
+            }
+            cli.output.done(QJsonObject { { "path", path }, { "created", true } }, QStringLiteral("created ") + path);
+        } catch (const Failure& failure) {
+            if (failure.exit == Exit::Interrupted)
+                throw;
+            cli.output.failed(item, failure);
         }
-        const QString what = QStringLiteral("create folder %1").arg(path);
-        const Reply reply = cli.remote.fetch(what, drive.makeFolder(path));
-        if (!reply.ok()) {
-            NBBaseParse reading;
-            reading.ParseResp(reply.data);
-            if (parents && reading.errorCode() == CNBParseProcessor::TargetExists)
-                continue;
-            throw Remote::failureOf(what, reply);
-        }
-        created.append(reply.json);
-        if (!cli.console.json)
-            cli.console.out(QStringLiteral("created %1").arg(path));
     }
-    if (cli.console.json)
-        cli.console.outJson(created);
-    return 0;
 }
 
-// Waits for a server task of copies, moves or deletions and reports each entry's outcome.
-int finishTask(Cli& cli, const QString& verb, const QString& what, const QJsonObject& started, int sources)
+// Waits for a server task of copies, moves or deletions: its results, one per entry.
+QJsonArray taskResults(Cli& cli, const QString& what, const QJsonObject& started)
 {
     const QString taskId = started.value("task_id").toString();
     QJsonObject state = started;
     const QDeadlineTimer deadline(10 * 60 * 1000);
-    for (int poll = 0;
-         state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
+    for (int poll = 0; state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
         if (taskId.isEmpty() || deadline.hasExpired())
-            throw Failure { Exit::Network,
-                QStringLiteral("%1: the server's task did not finish; look again later").arg(what) };
+            throw Failure(Exit::Network, QStringLiteral("%1: the server's task did not finish; look again later").arg(what),
+                QStringLiteral("timeout"));
         if (poll > 0)
-            cli.remote.sleep(qMin(250 * poll, 2000));
-        state = cli.remote
+            cli.runner.sleep(qMin(250 * poll, 2000));
+        state = cli.runner
                     .call(QStringLiteral("ask about task %1").arg(taskId),
-                        [taskId](NBCompletionCallback done) {
-                            return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done));
-                        })
+                        [taskId](NBCompletionCallback done) { return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done)); })
                     .json;
     }
-    const QJsonArray results = state.value("results").toArray();
-    QStringList failed;
+    return state.value("results").toArray();
+}
+
+// The failure of one entry of a task.
+Failure entryFailure(const QString& what, const QJsonObject& result)
+{
+    const QString code = result.value("code").toString();
+    const QString message = result.value("message").toString(code);
+    return Failure(Exit::Refused,
+        QStringLiteral("%1 failed for %2: %3").arg(what, result.value("path").toString(), message == code ? code : code + QStringLiteral(": ") + message),
+        code);
+}
+
+// Each entry's outcome of a task.
+void reportTask(Cli& cli, const QString& verb, const QString& what, const QJsonArray& results, bool missingIsFine = false)
+{
     for (const QJsonValue& value : results) {
         const QJsonObject result = value.toObject();
         const QString path = result.value("path").toString();
-        if (!result.value("ok").toBool())
-            failed << QStringLiteral("%1: %2").arg(path, result.value("code").toString());
-        else if (!cli.console.json)
-            cli.console.out(result.contains("to")
-                    ? QStringLiteral("%1 %2 -> %3").arg(verb, path, result.value("to").toString())
-                    : QStringLiteral("%1 %2").arg(verb, path));
+        QJsonObject item { { "path", path } };
+        if (!result.value("ok").toBool() && !(missingIsFine && result.value("code").toString() == QLatin1String("file/folder not found"))) {
+            cli.output.failed(item, entryFailure(what, result));
+            continue;
+        }
+        if (result.contains("to"))
+            item.insert("to", result.value("to").toString());
+        cli.output.done(item,
+            verb + QLatin1Char(' ') + path + (result.contains("to") ? QStringLiteral(" -> ") + result.value("to").toString() : QString()));
     }
-    if (cli.console.json)
-        cli.console.outJson(results);
-    if (failed.isEmpty())
-        return 0;
-    for (const QString& failure : failed)
-        cli.console.error(QStringLiteral("%1 failed for %2").arg(what, failure));
-    return int(sources == 1 ? Exit::Refused : Exit::Partial);
 }
 
 QList<NBServerApiEntryModel> entries(Cli& cli, const QStringList& paths)
 {
     QList<NBServerApiEntryModel> all;
-    for (const QString& path : normalised(paths))
+    for (const QString& path : paths)
         all.append(cli.drive().at<NBServerApiEntryModel>(path));
     return all;
 }
 
-// mv and cp of several entries, or into a folder: one server task.
-int batch(Cli& cli, const QCommandLineParser& parser, const QStringList& args, bool copy)
+// The sources of mv and cp, checked on the server: those missing are reported and left out.
+QStringList existingSources(Cli& cli, const QStringList& sources)
 {
-    const QStringList sources = normalised(args.mid(0, args.size() - 1));
-    const QString target = RemotePath::normalise(args.last());
-    const QString verb = copy ? QStringLiteral("copied") : QStringLiteral("moved");
-    if (parser.isSet("dry-run")) {
-        for (const QString& source : sources)
-            cli.console.out(QStringLiteral("would %1 %2 -> %3")
-                                .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source,
-                                    RemotePath::join(target, RemotePath::name(source))));
-        return 0;
+    DriveTree drive = cli.drive();
+    QStringList found;
+    for (const QString& source : sources) {
+        if (drive.find(source))
+            found << source;
+        else
+            cli.output.failed(QJsonObject { { "path", source } },
+                Failure(Exit::Refused, QStringLiteral("%1: no such file or folder").arg(source), QStringLiteral("file/folder not found")));
     }
-    cli.connect(true);
+    return found;
+}
+
+// A batch copy or move of the sources into the folder: the task's results.
+QJsonArray batchInto(Cli& cli, const QStringList& sources, const QString& target, bool copy, const QString& what)
+{
     NBServerApiBatchMoveModel model;
     model.from = entries(cli, sources);
     model.to = cli.drive().at<NBServerApiEntryModel>(target);
-    const QString what = QStringLiteral("%1 %2 to %3")
-                             .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"),
-                                 sources.join(QLatin1String(", ")), target);
-    const QJsonObject started = cli.remote
+    const QJsonObject started = cli.runner
                                     .call(what,
                                         [model, copy](NBCompletionCallback done) {
                                             return copy ? ServerApi::BatchCopy(model, std::move(done))
                                                         : ServerApi::BatchMove(model, std::move(done));
                                         })
                                     .json;
-    return finishTask(cli, verb, what, started, sources.size());
+    return taskResults(cli, what, started);
 }
 
-int mv(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+// mv and cp into a folder: one server task.
+void intoFolder(Cli& cli, const QStringList& sources, const QString& target, bool copy, bool dryRun)
 {
-    // One source and a target not spelled as a folder: a rename.
-    if (args.size() > 2 || RemotePath::spelledAsFolder(args.last()))
-        return batch(cli, parser, args, false);
-    const QString from = RemotePath::normalise(args.first());
-    const QString to = RemotePath::normalise(args.last());
-    if (parser.isSet("dry-run")) {
-        cli.console.out(QStringLiteral("would move %1 -> %2").arg(from, to));
-        return 0;
+    if (dryRun) {
+        for (const QString& source : sources) {
+            const QString to = RemotePath::join(target, RemotePath::name(source));
+            cli.output.done(QJsonObject { { "dry_run", true }, { "path", source }, { "to", to } },
+                QStringLiteral("would %1 %2 -> %3").arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source, to));
+        }
+        return;
     }
-    cli.connect(true);
+    const QString what = QStringLiteral("%1 %2 to %3")
+                             .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), sources.join(QLatin1String(", ")), target);
+    reportTask(cli, copy ? QStringLiteral("copied") : QStringLiteral("moved"), what, batchInto(cli, sources, target, copy, what));
+}
+
+QJsonObject moveEntry(Cli& cli, const QString& from, const QString& to)
+{
     NBServerApiMoveModel model;
     model.from = cli.drive().at<NBServerApiEntryModel>(from);
     model.to = cli.drive().at<NBServerApiEntryModel>(to);
-    const QJsonObject moved
-        = cli.remote
-              .call(QStringLiteral("move %1 to %2").arg(from, to),
-                  [model](NBCompletionCallback done) { return ServerApi::Move(model, std::move(done)); })
-              .json;
-    if (cli.console.json)
-        cli.console.outJson(moved);
-    else
-        cli.console.out(QStringLiteral("moved %1 -> %2").arg(from, to));
-    return 0;
+    return cli.runner
+        .call(QStringLiteral("move %1 to %2").arg(from, to),
+            [model](NBCompletionCallback done) { return ServerApi::Move(model, std::move(done)); })
+        .json;
 }
 
-int cp(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+// mv and cp: into DEST when it ends in "/", is an existing folder, or there are several
+// sources; otherwise one source becomes DEST (a rename, or a copy under that name).
+void moveOrCopy(Cli& cli, const QCommandLineParser& parser, const QStringList& args, bool copy)
 {
-    return batch(cli, parser, args, true);
-}
-
-int rm(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
-{
-    const QStringList paths = normalised(args);
-    if (parser.isSet("dry-run")) {
-        for (const QString& path : paths)
-            cli.console.out(QStringLiteral("would delete %1").arg(path));
-        return 0;
+    const bool dryRun = parser.isSet("dry-run");
+    const QStringList sources = existingSources(cli, normalised(args.mid(0, args.size() - 1)));
+    const QString target = RemotePath::normalise(args.last());
+    const std::optional<RemoteEntry> existing = cli.drive().find(target);
+    if (sources.isEmpty())
+        return;
+    if (args.size() > 2 || RemotePath::spelledAsFolder(args.last()) || (existing && existing->dir))
+        return intoFolder(cli, sources, target, copy, dryRun);
+    const QString source = sources.first();
+    if (existing)
+        throw Failure(Exit::Refused, QStringLiteral("%1 exists: give a new name, or a folder to put %2 into").arg(target, source),
+            QStringLiteral("target name exists"));
+    const QJsonObject item { { "path", source }, { "to", target } };
+    if (dryRun) {
+        QJsonObject json = item;
+        json.insert("dry_run", true);
+        cli.output.done(json, QStringLiteral("would %1 %2 -> %3").arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source, target));
+        return;
     }
-    cli.connect(true);
-    if (!parser.isSet("recursive")) {
-        DriveEndpoint drive = cli.drive();
-        for (const QString& path : paths) {
-            if (drive.entry(path).dir)
-                throw Failure { Exit::Usage,
-                    QStringLiteral("%1 is a folder: rm -r deletes it with what it holds").arg(path) };
+    if (copy) {
+        // The server copies into folders under the same name: a copy under another name
+        // goes through a folder of its own beside the target, then moves.
+        const QString staging = RemotePath::join(RemotePath::parent(target),
+            QStringLiteral(".nbcli-copy-") + QUuid::createUuid().toString(QUuid::Id128).left(12));
+        const QString what = QStringLiteral("copy %1 to %2").arg(source, target);
+        const QJsonArray staged = batchInto(cli, { source }, staging, true, what);
+        const auto removeStaging = [&] {
+            NBServerApiBatchDeleteModel cleanup;
+            cleanup.pathes = entries(cli, { staging });
+            cli.runner.fetch(QStringLiteral("remove %1").arg(staging),
+                [cleanup](NBCompletionCallback done) { return ServerApi::BatchDelete(cleanup, std::move(done)); });
+        };
+        if (!staged.first().toObject().value("ok").toBool()) {
+            removeStaging();
+            throw entryFailure(what, staged.first().toObject());
         }
+        try {
+            moveEntry(cli, RemotePath::join(staging, RemotePath::name(source)), target);
+        } catch (const Failure&) {
+            removeStaging();
+            throw;
+        }
+        removeStaging();
+        cli.output.done(item, QStringLiteral("copied %1 -> %2").arg(source, target));
+        return;
+    }
+    moveEntry(cli, source, target);
+    cli.output.done(item, QStringLiteral("moved %1 -> %2").arg(source, target));
+}
+
+void mv(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+{
+    moveOrCopy(cli, parser, args, false);
+}
+
+void cp(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+{
+    moveOrCopy(cli, parser, args, true);
+}
+
+void rm(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+{
+    const bool force = parser.isSet("force");
+    const bool recursive = parser.isSet("recursive");
+    DriveTree drive = cli.drive();
+    QStringList paths;
+    for (const QString& path : normalised(args)) {
+        const std::optional<RemoteEntry> entry = drive.find(path);
+        if (!entry) {
+            if (!force)
+                cli.output.failed(QJsonObject { { "path", path } },
+                    Failure(Exit::Refused, QStringLiteral("%1: no such file or folder").arg(path), QStringLiteral("file/folder not found")));
+            continue;
+        }
+        if (entry->dir && !recursive) {
+            cli.output.failed(QJsonObject { { "path", path } },
+                Failure(Exit::Usage, QStringLiteral("%1 is a folder: rm -r deletes it with what it holds").arg(path)));
+            continue;
+        }
+        paths << path;
+    }
+    if (paths.isEmpty())
+        return;
+    if (parser.isSet("dry-run")) {
+        for (const QString& path : qAsConst(paths))
+            cli.output.done(QJsonObject { { "dry_run", true }, { "path", path } }, QStringLiteral("would delete ") + path);
+        return;
     }
     NBServerApiBatchDeleteModel model;
     model.pathes = entries(cli, paths);
     const QString what = QStringLiteral("delete %1").arg(paths.join(QLatin1String(", ")));
-    const QJsonObject started = cli.remote
-                                    .call(what,
-                                        [model](NBCompletionCallback done) {
-                                            return ServerApi::BatchDelete(model, std::move(done));
-                                        })
-                                    .json;
-    return finishTask(cli, QStringLiteral("deleted"), what, started, paths.size());
+    const QJsonObject started
+        = cli.runner.call(what, [model](NBCompletionCallback done) { return ServerApi::BatchDelete(model, std::move(done)); }).json;
+    reportTask(cli, QStringLiteral("deleted"), what, taskResults(cli, what, started), force);
 }
 
-int revisions(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+void revisions(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
-    cli.connect(true);
     const QString path = RemotePath::normalise(args.first());
+    if (cli.drive().entry(path).dir)
+        throw Failure(Exit::Usage, QStringLiteral("%1 is a folder: revisions are kept for files").arg(path));
     auto model = cli.drive().at<NBServerApiRevisionsModel>(path);
-    model.revLimit = parser.value("limit").toInt();
+    model.revLimit = parser.isSet("limit") ? parser.value("limit").toInt() : 0;
     const QJsonObject reply
-        = cli.remote
+        = cli.runner
               .call(QStringLiteral("list the revisions of %1").arg(path),
                   [model](NBCompletionCallback done) { return ServerApi::Revisions(model, std::move(done)); })
               .json;
-    const QJsonArray all = reply.value("revisions").toArray();
-    if (cli.console.json) {
-        cli.console.outJson(all);
-        return 0;
-    }
-    for (const QJsonValue& value : all) {
+    for (const QJsonValue& value : reply.value("revisions").toArray()) {
         const QJsonObject revision = value.toObject();
-        cli.console.out(QStringLiteral("%1  %2  %3  %4")
-                            .arg(revision.value("rev").toVariant().toString(), 4)
-                            .arg(qint64(revision.value("bytes").toDouble()), 12)
-                            .arg(when(qint64(revision.value("modified").toDouble())),
-                                revision.value("hash").toString().left(16)));
+        const QString rev = revision.value("rev").toVariant().toString();
+        const qint64 bytes = qint64(revision.value("bytes").toDouble());
+        const qint64 modified = qint64(revision.value("modified").toDouble());
+        const QString hash = revision.value("hash").toString();
+        cli.output.result(QJsonObject { { "path", path }, { "rev", rev }, { "bytes", bytes }, { "modified", modified }, { "hash", hash } },
+            rev.rightJustified(4) + QStringLiteral("  ") + QString::number(bytes).rightJustified(12) + QStringLiteral("  ")
+                + when(modified) + QStringLiteral("  ") + hash.left(16));
     }
-    return 0;
 }
 
-int lock(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+void lock(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
-    cli.connect(true);
     const QString path = RemotePath::normalise(args.first());
     auto model = cli.drive().at<NBServerApiLockFileModel>(path);
     model.time = parser.value("time").toInt();
-    const QJsonObject reply
-        = cli.remote
-              .call(QStringLiteral("lock %1").arg(path),
-                  [model](NBCompletionCallback done) { return ServerApi::LockFile(model, std::move(done)); })
-              .json;
-    if (cli.console.json)
-        cli.console.outJson(reply);
-    else
-        cli.console.out(QStringLiteral("locked %1 for %2 s").arg(path).arg(model.time));
-    return 0;
+    const RemoteEntry entry = RemoteEntry::fromJson(
+        cli.runner
+            .call(QStringLiteral("lock %1").arg(path),
+                [model](NBCompletionCallback done) { return ServerApi::LockFile(model, std::move(done)); })
+            .json);
+    QJsonObject item { { "path", path }, { "locked", true } };
+    if (entry.lockExpires > 0)
+        item.insert("lock_expires", entry.lockExpires);
+    cli.output.done(item, QStringLiteral("locked %1 for %2 s").arg(path, QString::number(model.time)));
 }
 
-int unlock(Cli& cli, const QCommandLineParser&, const QStringList& args)
+void unlock(Cli& cli, const QCommandLineParser&, const QStringList& args)
 {
-    cli.connect(true);
     const QString path = RemotePath::normalise(args.first());
     const auto model = cli.drive().at<NBServerApiUnlockFileModel>(path);
-    const QJsonObject reply = cli.remote
-                                  .call(QStringLiteral("unlock %1").arg(path),
-                                      [model](NBCompletionCallback done) {
-                                          return ServerApi::UnlockFile(model, std::move(done));
-                                      })
-                                  .json;
-    if (cli.console.json)
-        cli.console.outJson(reply);
-    else
-        cli.console.out(QStringLiteral("unlocked %1").arg(path));
-    return 0;
+    cli.runner.call(QStringLiteral("unlock %1").arg(path),
+        [model](NBCompletionCallback done) { return ServerApi::UnlockFile(model, std::move(done)); });
+    cli.output.done(QJsonObject { { "path", path }, { "locked", false } }, QStringLiteral("unlocked ") + path);
 }
-
-const QCommandLineOption DryRun("dry-run", "Say what would change; send nothing.");
 
 } // namespace
 
 QList<Command> namespaceCommands()
 {
     return {
-        { "ls", "[-l] [PATH]", "List a folder (every page of it), or show a file.",
-            "  nbcli ls -l /docs\n  nbcli ls --json / | jq '.[].name'",
-            { { { "l", "long" }, "Type, size, time, revision and name." } }, 0, 1, ls },
-        { "stat", "PATH...", "Show an entry: type, size, revision, time, identifiers, hash.",
-            "  nbcli stat /docs/a.txt", {}, 1, -1, stat },
+        { "ls", "[-l] [-h] [PATH...]", "List folders (every page of them), or show files.",
+            "With several paths, each folder's listing comes under its name. -l shows type (d a folder, L a file locked by "
+            "someone), size, time, revision and name, and who holds a lock until when.\n\n"
+            "  nbcli ls -lh /docs\n  nbcli ls --json / | jq -r '.results[].name'",
+            { OptionSpec::flag({ "l", "long" }, "Type, size, time, revision and name."),
+                OptionSpec::flag({ "h", "human-readable" }, "Sizes in KiB, MiB, GiB."), OptionSpec::flag({ "a", "all" }, "Accepted for habit's sake: every entry is shown.") },
+            0, -1, Needs::Session, ls },
+        { "stat", "PATH...", "Show an entry: type, size, revision, time, identifiers, hash, lock.", "  nbcli stat /docs/a.txt", {}, 1, -1,
+            Needs::Session, stat },
         { "mkdir", "[-p] PATH...", "Create folders.", "  nbcli mkdir -p /docs/2026/reports",
-            { { { "p", "parents" }, "Create missing parents; a folder that exists is fine." } }, 1, -1,
-            mkdir },
+            { OptionSpec::flag({ "p", "parents" }, "Create missing parents; a folder that exists is fine.") }, 1, -1, Needs::Session, mkdir },
         { "mv", "SRC... DEST", "Move or rename entries.",
-            "One source and a DEST that does not end in \"/\" renames; otherwise the sources move into the "
-            "folder DEST, "
-            "as one server task whose outcome is reported per entry.\n\n  nbcli mv /a.txt /b.txt\n  nbcli mv "
-            "/a.txt /b.txt /archive/",
-            { DryRun }, 2, -1, mv },
-        { "cp", "SRC... FOLDER", "Copy entries into a folder (copies keep their names).",
-            "One server task; its outcome is reported per entry.\n\n  nbcli cp /docs/a.txt /docs/b.txt "
-            "/backup",
-            { DryRun }, 2, -1, cp },
-        { "rm", "[-r] PATH...", "Delete entries.",
-            "One server task; its outcome is reported per entry.\n\n  nbcli rm -r /old",
-            { { { "r", "recursive" }, "Delete folders too, with what they hold." }, DryRun }, 1, -1, rm },
+            "Into DEST when it ends in \"/\", is an existing folder, or several sources are given (one server task, its "
+            "outcome reported per entry); otherwise the one source is renamed DEST.\n\n"
+            "  nbcli mv /a.txt /b.txt\n  nbcli mv /a.txt /b.txt /archive",
+            { DryRun }, 2, -1, Needs::Session, mv },
+        { "cp", "SRC... DEST", "Copy entries.",
+            "Into DEST when it ends in \"/\", is an existing folder, or several sources are given; otherwise the one source "
+            "is copied under the name DEST (a file stays a file). Folders are copied with what they hold.\n\n"
+            "  nbcli cp /docs/a.txt /docs/b.txt\n  nbcli cp -r /docs /backup/",
+            { OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole."), DryRun }, 2, -1,
+            Needs::Session, cp },
+        { "rm", "[-r] [-f] PATH...", "Delete entries.",
+            "One server task; its outcome is reported per entry.\n\n  nbcli rm -rf /old",
+            { OptionSpec::flag({ "r", "recursive" }, "Delete folders too, with what they hold."),
+                OptionSpec::flag({ "f", "force" }, "What does not exist is no error."), DryRun },
+            1, -1, Needs::Session, rm },
         { "revisions", "PATH", "List a file's revisions, newest first.", "  nbcli revisions /docs/a.txt",
-            { { "limit", "At most N revisions (0: all).", "N", "0" } }, 1, 1, revisions },
-        { "lock", "[--time S] PATH", "Lock a file against other users' changes (yours go on).",
-            "  nbcli lock --time 600 /docs/a.txt",
-            { { "time", "Hold the lock S seconds (default 3600).", "S", "3600" } }, 1, 1, lock },
-        { "unlock", "PATH", "Release a lock.", "  nbcli unlock /docs/a.txt", {}, 1, 1, unlock },
+            { OptionSpec::value({ "limit" }, "At most N revisions (default: all).", "N", OptionSpec::Count) }, 1, 1, Needs::Session,
+            revisions },
+        { "lock", "[--time S] PATH", "Lock a file against other users' changes (yours go on).", "  nbcli lock --time 600 /docs/a.txt",
+            { OptionSpec::value({ "time" }, "Hold the lock S seconds (default 3600).", "S", OptionSpec::Count, "3600") }, 1, 1,
+            Needs::Session, lock },
+        { "unlock", "PATH", "Release a lock.", "  nbcli unlock /docs/a.txt", {}, 1, 1, Needs::Session, unlock },
     };
 }

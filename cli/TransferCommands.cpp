@@ -1,77 +1,83 @@
 // put, get, share.
 #include "Cli.h"
-#include "LinkEndpoint.h"
+#include "LinkTree.h"
 #include "Transfers.h"
 
-#include <QFileInfo>
 #include <QProcessEnvironment>
 #include <memory>
 
 namespace {
 
-const QCommandLineOption Jobs({ "j", "jobs" }, "Up to N chunk requests in flight (default 8).", "N", "8");
+const OptionSpec Jobs = OptionSpec::value({ "j", "jobs" }, "Up to N chunk requests in flight (default 8).", "N",
+    OptionSpec::Count, "8")
+                            .atMost(64);
+const OptionSpec DryRun = OptionSpec::flag({ "dry-run" }, "Check with the server and say what would be done; change nothing.");
+const OptionSpec Recursive = OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole.");
 
 int jobs(const QCommandLineParser& parser)
 {
-    const int count = parser.value("jobs").toInt();
-    if (count < 1 || count > 64)
-        throw Failure { Exit::Usage, QStringLiteral("-j wants a number from 1 to 64") };
-    return count;
+    return parser.value("jobs").toInt();
 }
 
-int put(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+void put(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
-    const bool dryRun = parser.isSet("dry-run");
-    if (!dryRun)
-        cli.connect(true);
-    DriveEndpoint drive = cli.drive();
-    return Transfers(cli, drive, jobs(parser)).put(args.mid(0, args.size() - 1), args.last(), dryRun);
+    DriveTree drive = cli.drive();
+    Transfers(cli, drive, jobs(parser)).put(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
 }
 
-int get(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+void get(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
-    cli.connect(true);
-    DriveEndpoint drive = cli.drive();
-    return Transfers(cli, drive, jobs(parser)).get(args.mid(0, args.size() - 1), args.last());
+    DriveTree drive = cli.drive();
+    Transfers(cli, drive, jobs(parser)).get(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
 }
 
-// share get CODE [PATH] LOCAL | share put LOCAL CODE [PATH]
-int share(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+// "CODE" or "CODE:PATH": the link's code, and the path inside its folder ("/" without one).
+std::pair<QString, QString> linkAndPath(const QString& text)
+{
+    const int colon = text.indexOf(QLatin1Char(':'));
+    const QString code = colon < 0 ? text : text.left(colon);
+    const QString path = colon < 0 ? QStringLiteral("/") : text.mid(colon + 1);
+    if (code.isEmpty())
+        throw Failure(Exit::Usage, QStringLiteral("\"%1\" names no link: CODE or CODE:PATH").arg(text));
+    return { code, path.isEmpty() ? QStringLiteral("/") : path };
+}
+
+// share get CODE[:PATH] LOCAL | share put LOCAL CODE[:PATH]
+void share(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
     const QString verb = args.first();
+    const QString grammar = QStringLiteral("nbcli share get CODE[:PATH] LOCAL, or nbcli share put LOCAL CODE[:PATH]");
     if (verb != QLatin1String("get") && verb != QLatin1String("put"))
-        throw Failure { Exit::Usage,
-            QStringLiteral("share get CODE [PATH] LOCAL, or share put LOCAL CODE [PATH]") };
-    if (args.size() < 3)
-        throw Failure { Exit::Usage,
-            QStringLiteral("share %1: too few arguments (see nbcli share --help)").arg(verb) };
-    const bool dryRun = parser.isSet("dry-run");
+        throw Failure(Exit::Usage, QStringLiteral("usage: %1").arg(grammar));
+    if (args.size() != 3)
+        throw Failure(Exit::Usage,
+            QStringLiteral("share %1 takes two arguments, the remote one as CODE[:PATH]: %2").arg(verb, grammar));
     QString password = QProcessEnvironment::systemEnvironment().value("NB_SHARE_PASSWORD");
     if (parser.isSet("password"))
         password = parser.value("password");
     else if (parser.isSet("password-stdin"))
         password = cli.console.readLine(QString());
-    cli.connect(false);
-    const auto open = [&](const QString& code) {
-        auto link = std::make_unique<LinkEndpoint>(cli.remote, cli.settings.server, code, password);
-        if (!dryRun)
-            link->open();
-        return link;
-    };
-    if (verb == QLatin1String("get")) {
-        if (args.size() > 4)
-            throw Failure { Exit::Usage, QStringLiteral("share get CODE [PATH] LOCAL") };
-        auto link = open(args.at(1));
-        return Transfers(cli, *link, jobs(parser))
-            .get({ args.size() == 4 ? args.at(2) : QStringLiteral("/") }, args.last());
+    const auto [code, path] = linkAndPath(verb == QLatin1String("get") ? args.at(1) : args.at(2));
+    auto link = std::make_unique<LinkTree>(cli.runner, cli.settings.server, code, password);
+    try {
+        link->open();
+    } catch (const Failure& failure) {
+        if (failure.code != QLatin1String("forbidden") || !password.isEmpty())
+            throw;
+        // The link wants a password and none was given: asked for on a terminal, never guessed.
+        if (!cli.console.stdinIsTerminal())
+            throw Failure(Exit::Usage,
+                QStringLiteral("the shared link %1 needs a password: give NB_SHARE_PASSWORD or --password-stdin, or run on a terminal")
+                    .arg(code),
+                QStringLiteral("needs password"));
+        password = cli.console.readSecret(QStringLiteral("password of the shared link %1: ").arg(code));
+        link = std::make_unique<LinkTree>(cli.runner, cli.settings.server, code, password);
+        link->open();
     }
-    // put LOCAL CODE [PATH]: into the link's folder unless PATH names the file.
-    if (args.size() > 4)
-        throw Failure { Exit::Usage,
-            QStringLiteral("share put LOCAL CODE [PATH]: one LOCAL (a file or a folder)") };
-    auto link = open(args.at(2));
-    return Transfers(cli, *link, jobs(parser))
-        .put({ args.at(1) }, args.value(3, QStringLiteral("/")), dryRun);
+    if (verb == QLatin1String("get"))
+        Transfers(cli, *link, jobs(parser)).get({ path }, args.at(2), parser.isSet("dry-run"));
+    else
+        Transfers(cli, *link, jobs(parser)).put({ args.at(1) }, path, parser.isSet("dry-run"));
 }
 
 } // namespace
@@ -79,37 +85,34 @@ int share(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 QList<Command> transferCommands()
 {
     return {
-        { "put", "LOCAL... REMOTE", "Upload files and folders.",
-            "A file of up to 4 MiB goes whole; a larger one in 4 MiB chunks (SHA-256), hashed while earlier "
-            "chunks are "
-            "sent, only the chunks the server lacks, -j at a time, then committed. A put that was "
-            "interrupted sends only "
-            "what is missing when run again. REMOTE is a folder when it ends in \"/\" or when several "
-            "sources or a folder "
-            "are given. Existing files get a new revision. The file's hash is checked with the server's at "
-            "the end.\n\n"
-            "  nbcli put big.iso /isos/\n  nbcli put -j 4 photos /backup/photos",
-            { Jobs, { "dry-run", "Say what would be uploaded; send nothing." } }, 2, -1, put },
-        { "get", "REMOTE... LOCAL", "Download files and folders.",
-            "Each file is written to a temporary file beside LOCAL and renamed once whole and checked (size "
-            "and hash); an "
-            "interrupted get continues from the bytes already there. LOCAL is a folder when it ends in "
-            "\"/\", exists as "
-            "one, or several sources are given.\n\n  nbcli get /isos/big.iso .\n  nbcli get /backup/photos "
-            "~/restore/",
-            { Jobs }, 2, -1, get },
-        { "share", "get CODE [PATH] LOCAL | put LOCAL CODE [PATH]",
-            "Download from or upload to a shared link.",
-            "The link's password comes from NB_SHARE_PASSWORD, from standard input with --password-stdin, or "
-            "from "
-            "--password (which other users of the machine can read in the process list). PATH is inside the "
-            "shared "
-            "folder (default: the folder itself; put then uploads into it).\n\n"
-            "  nbcli share get LINK9 /report.pdf .\n  NB_SHARE_PASSWORD=secret nbcli share put draft.docx "
-            "LINK9 /in/",
-            { Jobs, { "password", "The link's password (prefer NB_SHARE_PASSWORD).", "P" },
-                { "password-stdin", "Read the link's password from standard input." },
-                { "dry-run", "Say what share put would upload; send nothing." } },
-            3, 4, share },
+        { "put", "LOCAL... REMOTE", "Upload files and folders (\"-\": standard input).",
+            "Sources land as cp -r places them: into REMOTE (as REMOTE/NAME) when REMOTE ends in \"/\", is an existing "
+            "folder, or several sources are given; otherwise as REMOTE itself (a file's new name, or the folder a folder "
+            "becomes). A file of up to one chunk (4 MiB, or the server's size) goes whole; a larger one in chunks, hashed "
+            "(SHA-256) while earlier chunks are sent, only the chunks the server lacks, -j at a time, then committed. A put "
+            "that was interrupted sends only what is missing when run again. \"-\" reads standard input as it comes, in "
+            "chunks, into the file REMOTE. Existing files get a new revision; the file's hash is checked with the server's "
+            "at the end.\n\n"
+            "  nbcli put big.iso /isos/\n  nbcli put photos /backup/photos      (the folder becomes /backup/photos)\n"
+            "  tar c docs | nbcli put - /backup/docs.tar",
+            { Jobs, DryRun }, 2, -1, Needs::Session, put },
+        { "get", "REMOTE... LOCAL", "Download files and folders (\"-\": standard output).",
+            "Targets follow the same rule as put: into LOCAL when it ends in \"/\", is an existing folder, or several sources "
+            "are given; otherwise LOCAL itself. Each file is written to a temporary file beside LOCAL and renamed once whole "
+            "and checked (size and hash); an interrupted get continues from the bytes already there. A symlink is followed "
+            "to its file; a device or a FIFO (/dev/null) is written in place; \"-\" writes one file to standard output; the "
+            "hash is checked either way.\n\n"
+            "  nbcli get /isos/big.iso .\n  nbcli get /backup/photos ~/restore/\n  nbcli get /notes.txt - | less",
+            { Jobs, DryRun, Recursive }, 2, -1, Needs::Session, get },
+        { "share", "get CODE[:PATH] LOCAL | put LOCAL CODE[:PATH]", "Download from or upload to a shared link.",
+            "PATH is inside the link's folder (without one: the folder itself); LOCAL is always given, placed as get and put "
+            "place it. The link's password comes from NB_SHARE_PASSWORD, from standard input with --password-stdin, from "
+            "--password (which other users of the machine can read in the process list) or, when the link asks for one and "
+            "none was given, from a prompt on a terminal.\n\n"
+            "  nbcli share get LINK9:/report.pdf .\n  nbcli share get LINK9 ./shared-folder\n"
+            "  NB_SHARE_PASSWORD=secret nbcli share put draft.docx LINK9:/in/",
+            { Jobs, OptionSpec::value({ "password" }, "The link's password (prefer NB_SHARE_PASSWORD).", "P", OptionSpec::Text),
+                OptionSpec::flag({ "password-stdin" }, "Read the link's password from standard input."), DryRun },
+            3, -1, Needs::Server, share },
     };
 }

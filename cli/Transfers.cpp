@@ -1,7 +1,9 @@
 #include "Transfers.h"
 
+#include "ChunkHasher.h"
 #include "Cli.h"
 #include "Downloader.h"
+#include "Placement.h"
 #include "Progress.h"
 #include "RemotePath.h"
 #include "Uploader.h"
@@ -20,131 +22,198 @@ QString rate(qint64 bytes, qint64 ms)
 
 } // namespace
 
-Transfers::Transfers(Cli& cli, TransferEndpoint& endpoint, int jobs)
+Transfers::Transfers(Cli& cli, RemoteTree& tree, int jobs)
     : m_cli(cli)
-    , m_endpoint(endpoint)
+    , m_tree(tree)
     , m_jobs(jobs)
 {
 }
 
-void Transfers::planLocal(const QString& local, const QString& remote, QList<Item>* items, Outcome* outcome)
+QJsonObject Transfers::itemJson(const Item& item) const
+{
+    return QJsonObject { { "path", m_tree.describe(item.remote) }, { "local", item.local } };
+}
+
+void Transfers::planLocal(const QString& local, const QString& remote, QList<Item>* items)
 {
     const QFileInfo info(local);
-    if (!info.exists()) {
-        failed(outcome, Item { local, remote, false, 0, {} },
-            Failure { Exit::Local, QStringLiteral("no such file %1").arg(local) });
-        return;
-    }
     if (!info.isDir()) {
         items->append(Item { local, remote, false, info.size(), {} });
         return;
     }
     items->append(Item { local, remote, true, 0, {} });
+    // Walked by its absolute path, so that every path below is relative to the folder
+    // itself, whatever form the given path takes.
+    const QString base = QDir::cleanPath(QDir::current().absoluteFilePath(local));
     QStringList below;
-    QDirIterator walk(
-        local, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator walk(base, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
     while (walk.hasNext())
         below << walk.next();
     below.sort();
-    const QDir base(local);
+    const QDir root(base);
     for (const QString& path : qAsConst(below)) {
         const QFileInfo entry(path);
-        items->append(Item { path, RemotePath::join(remote, base.relativeFilePath(path)), entry.isDir(),
+        items->append(Item { path, RemotePath::join(remote, root.relativeFilePath(path)), entry.isDir(),
             entry.isDir() ? 0 : entry.size(), {} });
     }
 }
 
-int Transfers::put(const QStringList& locals, const QString& remote, bool dryRun)
+void Transfers::put(const QStringList& locals, const QString& remote, bool dryRun)
 {
-    const bool intoFolder
-        = locals.size() > 1 || RemotePath::spelledAsFolder(remote) || QFileInfo(locals.first()).isDir();
-    const bool folderAsTarget
-        = locals.size() == 1 && QFileInfo(locals.first()).isDir() && !RemotePath::spelledAsFolder(remote);
+    if (locals.contains(QStringLiteral("-")))
+        return locals.size() == 1 ? putStandardInput(remote, dryRun)
+                                  : throw Failure(Exit::Usage, QStringLiteral("put -: standard input is the only source"));
+    const QString target = RemotePath::normalise(remote);
+    const std::optional<RemoteEntry> existing = m_tree.find(target);
+    const bool into = Placement::intoFolder(locals.size(), remote, existing && existing->dir);
     QList<Item> items;
-    Outcome outcome;
     for (const QString& local : locals) {
-        const QString name = QFileInfo(QDir::cleanPath(local)).fileName();
-        const QString target = folderAsTarget ? RemotePath::normalise(remote)
-            : intoFolder                      ? RemotePath::join(remote, name)
-                                              : RemotePath::normalise(remote);
-        planLocal(local, target, &items, &outcome);
+        const QFileInfo info(local);
+        const QString destination = Placement::remoteFor(target, local, into);
+        const Item item { local, destination, info.isDir(), 0, {} };
+        if (!info.exists() && !info.isSymLink()) {
+            m_cli.output.failed(itemJson(item), Failure(Exit::Local, QStringLiteral("no such file %1").arg(local)));
+            continue;
+        }
+        if (Placement::localName(local).isEmpty()) {
+            m_cli.output.failed(itemJson(item), Failure(Exit::Usage, QStringLiteral("%1 has no name to put it under").arg(local)));
+            continue;
+        }
+        if (info.isDir() && !into && existing && !existing->dir) {
+            m_cli.output.failed(itemJson(item),
+                Failure(Exit::Refused, QStringLiteral("cannot put the folder %1 onto the file %2").arg(local, m_tree.describe(target)),
+                    QStringLiteral("not a folder")));
+            continue;
+        }
+        planLocal(local, destination, &items);
     }
     if (dryRun) {
+        if (into && !existing && target != QLatin1String("/"))
+            m_cli.output.done(QJsonObject { { "dry_run", true }, { "action", "create folder" }, { "path", m_tree.describe(target) } },
+                QStringLiteral("would create folder ") + m_tree.describe(target));
         for (const Item& item : qAsConst(items)) {
-            if (item.folder)
-                m_cli.console.out(
-                    QStringLiteral("would create folder %1").arg(m_endpoint.describe(item.remote)));
-            else
-                m_cli.console.out(
-                    QStringLiteral("would put %1 -> %2 (%3, %4)")
-                        .arg(item.local, m_endpoint.describe(item.remote), Progress::bytes(item.bytes),
-                            item.bytes > 4 << 20 ? QStringLiteral("in chunks") : QStringLiteral("whole")));
+            QJsonObject json = itemJson(item);
+            json.insert("dry_run", true);
+            json.insert("action", item.folder ? "create folder" : "put");
+            json.insert("bytes", item.bytes);
+            m_cli.output.done(json,
+                item.folder ? QStringLiteral("would create folder ") + m_tree.describe(item.remote)
+                            : QStringLiteral("would put %1 -> %2 (%3, %4)")
+                                  .arg(item.local, m_tree.describe(item.remote), Progress::bytes(item.bytes),
+                                      item.bytes > ChunkHasher::DefaultChunkSize ? QStringLiteral("in chunks") : QStringLiteral("whole")));
         }
-        return finish(outcome);
+        return;
     }
-    if (intoFolder && !folderAsTarget && RemotePath::normalise(remote) != QLatin1String("/"))
-        m_endpoint.ensureFolder(RemotePath::normalise(remote));
-    return run(
-        items, outcome, [this](const Item& item) { m_endpoint.ensureFolder(item.remote); },
+    if (into && !existing && target != QLatin1String("/") && !items.isEmpty())
+        m_tree.ensureFolder(target);
+    run(
+        items, [this](const Item& item) { m_tree.ensureFolder(item.remote); },
         [this](Progress& progress, const Item& item) {
-            const Uploader::Result result
-                = Uploader(m_endpoint, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
-            const QString how = result.chunks == 0
-                ? QStringLiteral("sent whole")
-                : QStringLiteral("%1 chunks, %2 sent").arg(result.chunks).arg(result.chunksSent);
-            return Step { result.json(),
+            const Uploader::Result result = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
+            QJsonObject json = result.json();
+            json.insert("path", m_tree.describe(item.remote));
+            m_cli.output.done(json,
                 QStringLiteral("put %1 -> %2: %3, %4%5, hash ok")
-                    .arg(item.local, m_endpoint.describe(item.remote), Progress::bytes(result.bytes), how,
-                        rate(result.bytes, result.ms)) };
+                    .arg(item.local, m_tree.describe(item.remote), Progress::bytes(result.bytes), result.how(),
+                        rate(result.bytesSent, result.ms)));
         });
 }
 
-void Transfers::planRemote(
-    const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
+void Transfers::putStandardInput(const QString& remote, bool dryRun)
+{
+    const QString target = RemotePath::normalise(remote);
+    const std::optional<RemoteEntry> existing = m_tree.find(target);
+    if (RemotePath::spelledAsFolder(remote) || (existing && existing->dir))
+        throw Failure(Exit::Usage, QStringLiteral("put - REMOTE: REMOTE names the file standard input becomes, not a folder"));
+    const Item item { QStringLiteral("-"), target, false, 0, {} };
+    if (dryRun) {
+        QJsonObject json = itemJson(item);
+        json.insert("dry_run", true);
+        json.insert("action", "put");
+        m_cli.output.done(json, QStringLiteral("would put standard input -> ") + m_tree.describe(target));
+        return;
+    }
+    Progress progress(m_cli.console, m_cli.runner, 0, 1);
+    attempt(item, [&] {
+        const Uploader::Result result = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).putStandardInput(target);
+        QJsonObject json = result.json();
+        json.insert("path", m_tree.describe(target));
+        m_cli.output.done(json,
+            QStringLiteral("put standard input -> %1: %2, %3%4, hash ok")
+                .arg(m_tree.describe(target), Progress::bytes(result.bytes), result.how(), rate(result.bytesSent, result.ms)));
+    });
+    progress.finish();
+}
+
+void Transfers::planRemote(const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
 {
     items->append(Item { local, remote, entry.dir, entry.dir ? 0 : entry.bytes, entry });
     if (!entry.dir)
         return;
-    for (const RemoteEntry& child : m_endpoint.list(remote))
+    for (const RemoteEntry& child : m_tree.list(remote))
         planRemote(RemotePath::join(remote, child.name), child, QDir(local).filePath(child.name), items);
 }
 
-int Transfers::get(const QStringList& remotes, const QString& local)
+void Transfers::get(const QStringList& remotes, const QString& local, bool dryRun)
 {
-    const bool intoFolder
-        = remotes.size() > 1 || local.endsWith(QLatin1Char('/')) || QFileInfo(local).isDir();
+    const bool toOutput = local == QLatin1String("-");
+    if (toOutput && remotes.size() != 1)
+        throw Failure(Exit::Usage, QStringLiteral("get REMOTE -: one remote file to standard output"));
+    if (toOutput && m_cli.console.json)
+        throw Failure(Exit::Usage, QStringLiteral("get REMOTE - writes the file to standard output, which --json cannot share"));
+    const bool into = !toOutput && Placement::intoFolder(remotes.size(), local, QFileInfo(local).isDir());
     QList<Item> items;
-    Outcome outcome;
     for (const QString& remote : remotes) {
         const QString path = RemotePath::normalise(remote);
-        attempt(outcome, Item { local, path, false, 0, {} }, [&] {
-            const RemoteEntry entry = m_endpoint.entry(path);
+        attempt(Item { local, path, false, 0, {} }, [&] {
+            const RemoteEntry entry = m_tree.entry(path);
+            if (toOutput && entry.dir)
+                throw Failure(Exit::Usage, QStringLiteral("%1 is a folder: standard output takes one file").arg(m_tree.describe(path)));
             // A root has no name of its own but may have one to show (a link's folder).
             const QString name = entry.name.isEmpty() ? RemotePath::name(path) : entry.name;
-            planRemote(path, entry, intoFolder ? QDir(local).filePath(name) : local, &items);
+            const QString destination = Placement::localFor(local, name, into);
+            const QFileInfo there(destination);
+            if (entry.dir && there.exists() && !there.isDir())
+                throw Failure(Exit::Local, QStringLiteral("cannot put the folder %1 onto the file %2").arg(m_tree.describe(path), destination));
+            planRemote(path, entry, destination, &items);
         });
     }
-    return run(
-        items, outcome,
+    if (dryRun) {
+        for (const Item& item : qAsConst(items)) {
+            QJsonObject json = itemJson(item);
+            json.insert("dry_run", true);
+            json.insert("action", item.folder ? "create folder" : "get");
+            json.insert("bytes", item.bytes);
+            m_cli.output.done(json,
+                item.folder ? QStringLiteral("would create folder ") + item.local
+                            : QStringLiteral("would get %1 -> %2 (%3)").arg(m_tree.describe(item.remote), item.local, Progress::bytes(item.bytes)));
+        }
+        return;
+    }
+    run(
+        items,
         [](const Item& item) {
             if (!QDir().mkpath(item.local))
-                throw Failure { Exit::Local, QStringLiteral("cannot create the folder %1").arg(item.local) };
+                throw Failure(Exit::Local, QStringLiteral("cannot create the folder %1").arg(item.local));
         },
-        [this](Progress& progress, const Item& item) {
-            const Downloader::Result result
-                = Downloader(m_endpoint, progress).get(item.remote, item.entry, item.local);
-            const QString resumed = result.resumedFrom > 0
-                ? QStringLiteral(", resumed after %1").arg(Progress::bytes(result.resumedFrom))
-                : QString();
-            return Step { result.json(),
-                QStringLiteral("got %1 -> %2: %3%4%5, hash ok")
-                    .arg(m_endpoint.describe(item.remote), item.local, Progress::bytes(result.bytes),
-                        rate(result.bytes - result.resumedFrom, result.ms), resumed) };
+        [this, toOutput](Progress& progress, const Item& item) {
+            const Downloader::Result result = Downloader(m_tree, progress).get(item.remote, item.entry, item.local);
+            QJsonObject json = result.json();
+            json.insert("path", m_tree.describe(item.remote));
+            const QString resumed = result.resumedFrom > 0 ? QStringLiteral(", resumed after ") + Progress::bytes(result.resumedFrom) : QString();
+            const QString line = QStringLiteral("got %1 -> %2: %3%4%5, hash ok")
+                                     .arg(m_tree.describe(item.remote), toOutput ? QStringLiteral("standard output") : item.local,
+                                         Progress::bytes(result.bytes), rate(result.bytes - result.resumedFrom, result.ms), resumed);
+            // Standard output holds the file itself: the confirmation is a note then.
+            if (toOutput)
+                m_cli.output.note(line);
+            else
+                m_cli.output.done(json, line);
         });
 }
 
-int Transfers::run(const QList<Item>& items, Outcome& outcome, const std::function<void(const Item&)>& folder,
-    const std::function<Step(Progress&, const Item&)>& file)
+void Transfers::run(const QList<Item>& items, const std::function<void(const Item&)>& folder,
+    const std::function<void(Progress&, const Item&)>& file)
 {
     qint64 total = 0;
     int files = 0;
@@ -152,51 +221,19 @@ int Transfers::run(const QList<Item>& items, Outcome& outcome, const std::functi
         total += item.bytes;
         files += item.folder ? 0 : 1;
     }
-    Progress progress(m_cli.console, total, files);
-    for (const Item& item : items) {
-        if (item.folder) {
-            attempt(outcome, item, [&] { folder(item); });
-            continue;
-        }
-        attempt(outcome, item, [&] {
-            const Step step = file(progress, item);
-            outcome.results.append(step.result);
-            if (!m_cli.console.json)
-                m_cli.console.out(step.line);
-        });
-    }
+    Progress progress(m_cli.console, m_cli.runner, total, files);
+    for (const Item& item : items)
+        attempt(item, [&] { item.folder ? folder(item) : file(progress, item); });
     progress.finish();
-    return finish(outcome);
 }
 
-void Transfers::attempt(Outcome& outcome, const Item& item, const std::function<void()>& step)
+void Transfers::attempt(const Item& item, const std::function<void()>& step)
 {
     try {
         step();
     } catch (const Failure& failure) {
         if (failure.exit == Exit::Interrupted)
             throw;
-        failed(&outcome, item, failure);
+        m_cli.output.failed(itemJson(item), failure);
     }
-}
-
-void Transfers::failed(Outcome* outcome, const Item& item, const Failure& failure)
-{
-    if (outcome->firstExit == Exit::Ok)
-        outcome->firstExit = failure.exit;
-    outcome->failures << failure.message;
-    outcome->results.append(QJsonObject { { "local", item.local }, { "remote", item.remote },
-        { "error", failure.message }, { "exit", int(failure.exit) } });
-}
-
-int Transfers::finish(const Outcome& outcome)
-{
-    if (m_cli.console.json)
-        m_cli.console.outJson(outcome.results);
-    if (outcome.failures.isEmpty())
-        return 0;
-    for (const QString& failure : outcome.failures)
-        m_cli.console.error(failure);
-    // One file that failed keeps its own status; some of several is a partial failure.
-    return int(outcome.results.size() == 1 ? outcome.firstExit : Exit::Partial);
 }

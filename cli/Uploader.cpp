@@ -4,21 +4,33 @@
 #include "Progress.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QSet>
+#include <QSocketNotifier>
+
 #include <deque>
+#include <fcntl.h>
 #include <optional>
+#include <unistd.h>
 
 QJsonObject Uploader::Result::json() const
 {
-    return QJsonObject { { "local", local }, { "remote", remote }, { "bytes", bytes }, { "chunks", chunks },
+    return QJsonObject { { "local", local }, { "path", remote }, { "bytes", bytes }, { "chunks", chunks },
         { "chunks_sent", chunksSent }, { "bytes_sent", bytesSent }, { "hash", hash }, { "ms", ms } };
 }
 
-Uploader::Uploader(TransferEndpoint& endpoint, Progress& progress, int jobs, const QString& server)
-    : m_endpoint(endpoint)
+QString Uploader::Result::how() const
+{
+    if (chunks == 0)
+        return QStringLiteral("sent whole");
+    if (chunksSent == 0)
+        return QStringLiteral("0 B sent: all %1 chunks already on the server").arg(QString::number(chunks));
+    return QStringLiteral("%1 of %2 chunks sent").arg(QString::number(chunksSent), QString::number(chunks));
+}
+
+Uploader::Uploader(RemoteTree& tree, Progress& progress, int jobs, const QString& server)
+    : m_tree(tree)
     , m_progress(progress)
     , m_jobs(qMax(1, jobs))
     , m_server(server)
@@ -32,58 +44,126 @@ Uploader::Result Uploader::put(const QString& localPath, const QString& remotePa
     result.remote = remotePath;
     const QFileInfo info(localPath);
     if (!info.isFile() || !info.isReadable())
-        throw Failure { Exit::Local, QStringLiteral("cannot read %1").arg(localPath) };
+        throw Failure(Exit::Local, QStringLiteral("cannot read %1").arg(localPath));
     result.bytes = info.size();
     QElapsedTimer clock;
     clock.start();
     m_progress.beginFile(info.fileName(), result.bytes);
-    if (result.bytes <= ChunkHasher::ChunkSize)
-        putWhole(result);
-    else
-        putChunked(result);
+    const RemoteTree::Upload upload = m_tree.authorised(remotePath, result.bytes, m_server);
+    const qint64 chunkSize = ChunkHasher::chunkSizeOf(upload.chunkSize);
+    if (result.bytes <= chunkSize) {
+        putWhole(result, upload, chunkSize);
+    } else {
+        QFile file(localPath);
+        if (!file.open(QIODevice::ReadOnly))
+            throw Failure(Exit::Local, QStringLiteral("cannot read %1: %2").arg(localPath, file.errorString()));
+        // The file is hashed on worker threads; its chunks are read again when sent.
+        auto hasher = std::make_shared<std::unique_ptr<ChunkHasher>>();
+        const Producer producer { [&, hasher](const auto& add, const auto& end) {
+                                     *hasher = std::make_unique<ChunkHasher>(
+                                         localPath,
+                                         [add](const ChunkHasher::Chunk& chunk) {
+                                             add(Piece { chunk.index, chunk.offset, chunk.length, chunk.hash, {} });
+                                         },
+                                         end);
+                                     (*hasher)->setChunkSize(chunkSize);
+                                     (*hasher)->start();
+                                 },
+            {} };
+        putChunks(result, upload, &file, producer);
+    }
     result.ms = clock.elapsed();
     m_progress.endFile();
     return result;
 }
 
-void Uploader::putWhole(Result& result)
+Uploader::Result Uploader::putStandardInput(const QString& remotePath)
+{
+    Result result;
+    result.local = QStringLiteral("-");
+    result.remote = remotePath;
+    QElapsedTimer clock;
+    clock.start();
+    m_progress.beginFile(QStringLiteral("standard input"), 0);
+    const RemoteTree::Upload upload = m_tree.authorised(remotePath, 0, m_server);
+    const qint64 chunkSize = ChunkHasher::chunkSizeOf(upload.chunkSize);
+    // Read as it arrives, without blocking the requests in flight: a chunk is cut each
+    // time one is full, and at the end.
+    ::fcntl(STDIN_FILENO, F_SETFL, ::fcntl(STDIN_FILENO, F_GETFL) | O_NONBLOCK);
+    QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
+    notifier.setEnabled(false);
+    QByteArray current;
+    int index = 0;
+    qint64 offset = 0;
+    const Producer producer { [&](const auto& add, const auto& end) {
+                                 QObject::connect(&notifier, &QSocketNotifier::activated, [&, add, end] {
+                                     const auto cut = [&] {
+                                         add(Piece { index++, offset, current.size(), ChunkHasher::chunkHash(current), current });
+                                         offset += current.size();
+                                         current.clear();
+                                     };
+                                     for (;;) {
+                                         const qint64 room = chunkSize - current.size();
+                                         const int at = current.size();
+                                         current.resize(int(chunkSize));
+                                         const ssize_t got = ::read(STDIN_FILENO, current.data() + at, size_t(room));
+                                         current.resize(at + int(qMax<ssize_t>(got, 0)));
+                                         if (got > 0) {
+                                             if (current.size() == chunkSize)
+                                                 cut();
+                                             if (!notifier.isEnabled())
+                                                 return; // held back: too many chunks wait
+                                             continue;
+                                         }
+                                         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+                                             return;
+                                         notifier.setEnabled(false);
+                                         if (got < 0)
+                                             return end(qt_error_string(errno));
+                                         if (!current.isEmpty())
+                                             cut();
+                                         return end(QString());
+                                     }
+                                 });
+                                 notifier.setEnabled(true);
+                             },
+        [&](bool paused) { notifier.setEnabled(!paused); } };
+    putChunks(result, upload, nullptr, producer);
+    result.bytes = offset;
+    result.ms = clock.elapsed();
+    m_progress.endFile();
+    return result;
+}
+
+void Uploader::putWhole(Result& result, const RemoteTree::Upload& upload, qint64 chunkSize)
 {
     QFile file(result.local);
     if (!file.open(QIODevice::ReadOnly))
-        throw Failure { Exit::Local,
-            QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) };
-    const QByteArray content = file.readAll();
-    result.hash = ChunkHasher::fileHash(
-        content.isEmpty() ? QStringList() : QStringList { ChunkHasher::chunkHash(content) });
-    const TransferEndpoint::Upload upload = m_endpoint.authorised(result.remote, result.bytes, m_server);
-    const Reply reply
-        = m_endpoint.remote().call(QStringLiteral("upload %1").arg(m_endpoint.describe(result.remote)),
-            m_endpoint.uploadWhole(
-                upload, result.remote, result.local, [this](const UploadProgressData& progress) {
-                    if (progress.bytesTotal > 0)
-                        m_progress.setDone(progress.bytesSent);
-                }));
+        throw Failure(Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()));
+    const QByteArray content = file.read(chunkSize + 1);
+    result.hash = ChunkHasher::fileHash(content.isEmpty() ? QStringList() : QStringList { ChunkHasher::chunkHash(content) });
+    const Reply reply = m_tree.runner().call(QStringLiteral("upload %1").arg(m_tree.describe(result.remote)),
+        m_tree.uploadWhole(upload, result.remote, result.local, [this](const UploadProgressData& progress) {
+            if (progress.bytesTotal > 0)
+                m_progress.setDone(progress.bytesSent);
+        }));
     result.bytesSent = result.bytes;
     checkHash(result, reply.json);
 }
 
-void Uploader::putChunked(Result& result)
+void Uploader::putChunks(Result& result, const RemoteTree::Upload& upload, QFile* file, const Producer& producer)
 {
-    const TransferEndpoint::Upload upload = m_endpoint.authorised(result.remote, result.bytes, m_server);
-    QFile file(result.local);
-    if (!file.open(QIODevice::ReadOnly))
-        throw Failure { Exit::Local,
-            QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) };
-    Remote& remote = m_endpoint.remote();
-    const QString target = m_endpoint.describe(result.remote);
+    RequestRunner& runner = m_tree.runner();
+    const QString target = m_tree.describe(result.remote);
 
-    QList<ChunkHasher::Chunk> chunks; // in file order, as the hasher reports them
-    bool hashed = false;
+    QList<Piece> pieces; // in file order, as produced; bytes dropped once sent or not needed
+    bool produced = false;
     std::deque<int> toQuery;
     std::deque<int> toSend;
     QSet<QString> claimed; // a chunk that repeats within the file is sent once
     int queries = 0;
     int sends = 0;
+    int held = 0; // pieces whose bytes are kept
     std::optional<Failure> failure;
     qint64 done = 0;
     QHash<int, qint64> sending;
@@ -92,30 +172,37 @@ void Uploader::putChunked(Result& result)
         qint64 partial = 0;
         for (qint64 bytes : qAsConst(sending))
             partial += bytes;
-        m_progress.setDone(done + partial);
+        m_progress.setDone(done + partial, result.bytesSent + partial);
     };
     const auto fail = [&](const Failure& reason) {
         if (!failure)
             failure = reason;
     };
+    const auto release = [&](int index) {
+        if (!pieces[index].data.isNull()) {
+            pieces[index].data = QByteArray();
+            if (--held < 2 * m_jobs && producer.hold)
+                producer.hold(false);
+        }
+    };
     std::function<void()> pump = [&] {
         while (!failure && queries < m_jobs && !toQuery.empty()) {
             const int index = toQuery.front();
             toQuery.pop_front();
-            const ChunkHasher::Chunk chunk = chunks.at(index);
+            const Piece piece = pieces.at(index);
             ++queries;
             const QString what = QStringLiteral("ask which chunks of %1 the server lacks").arg(target);
-            remote.start(what, m_endpoint.queryChunk(upload, result.remote, result.bytes, chunk.hash),
-                [&, what, index, chunk](const Reply& reply) {
+            runner.start(what, m_tree.queryChunk(upload, result.remote, result.bytes, piece.hash),
+                [&, what, index, piece](const Reply& reply) {
                     --queries;
                     if (!reply.ok())
-                        return fail(Remote::failureOf(what, reply));
-                    if (reply.json.value("needed").toArray().contains(chunk.hash)
-                        && !claimed.contains(chunk.hash)) {
-                        claimed.insert(chunk.hash);
+                        return fail(RequestRunner::failureOf(what, reply));
+                    if (reply.json.value("needed").toArray().contains(piece.hash) && !claimed.contains(piece.hash)) {
+                        claimed.insert(piece.hash);
                         toSend.push_back(index);
                     } else {
-                        done += chunk.length;
+                        done += piece.length;
+                        release(index);
                     }
                     pump();
                     report();
@@ -124,18 +211,18 @@ void Uploader::putChunked(Result& result)
         while (!failure && sends < m_jobs && !toSend.empty()) {
             const int index = toSend.front();
             toSend.pop_front();
-            const ChunkHasher::Chunk chunk = chunks.at(index);
-            QByteArray data;
-            if (file.seek(chunk.offset))
-                data = file.read(chunk.length);
-            if (data.size() != chunk.length)
-                return fail(Failure { Exit::Local,
-                    QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()) });
+            const Piece& piece = pieces.at(index);
+            QByteArray data = piece.data;
+            if (file && file->seek(piece.offset))
+                data = file->read(piece.length);
+            if (data.size() != piece.length)
+                return fail(Failure(Exit::Local,
+                    QStringLiteral("cannot read %1: %2").arg(result.local, file ? file->errorString() : QStringLiteral("short read"))));
             ++sends;
             sending.insert(index, 0);
-            const QString what = QStringLiteral("upload chunk %1 of %2").arg(index + 1).arg(target);
-            remote.start(what,
-                m_endpoint.uploadChunk(upload, chunk.hash, data,
+            const QString what = QStringLiteral("upload chunk %1 of %2").arg(QString::number(index + 1), target);
+            runner.start(what,
+                m_tree.uploadChunk(upload, piece.hash, data,
                     // Qt ends an upload with a report of 0 of 0; a retry starts again from 0.
                     [&, index](const UploadProgressData& progress) {
                         if (progress.bytesTotal > 0 && sending.contains(index)) {
@@ -143,47 +230,52 @@ void Uploader::putChunked(Result& result)
                             report();
                         }
                     }),
-                [&, what, index, chunk](const Reply& reply) {
+                [&, what, index](const Reply& reply) {
                     --sends;
                     sending.remove(index);
                     if (!reply.ok())
-                        return fail(Remote::failureOf(what, reply));
-                    done += chunk.length;
-                    result.bytesSent += chunk.length;
+                        return fail(RequestRunner::failureOf(what, reply));
+                    const qint64 length = pieces.at(index).length;
+                    done += length;
+                    result.bytesSent += length;
                     ++result.chunksSent;
+                    release(index);
                     pump();
                     report();
                 });
         }
     };
-    ChunkHasher hasher(
-        result.local,
-        [&](const ChunkHasher::Chunk& chunk) {
-            chunks.append(chunk);
-            toQuery.push_back(chunk.index);
+    producer.start(
+        [&](Piece piece) {
+            if (!piece.data.isNull() && ++held >= 2 * m_jobs && producer.hold)
+                producer.hold(true);
+            pieces.append(std::move(piece));
+            toQuery.push_back(pieces.size() - 1);
             pump();
         },
         [&](const QString& error) {
-            hashed = true;
+            produced = true;
             if (!error.isEmpty())
-                fail(Failure { Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, error) });
-            remote.wake();
+                fail(Failure(Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, error)));
+            runner.wake();
         });
-    hasher.start();
-    remote.waitFor([&] {
-        const bool settled = failure || (hashed && toQuery.empty() && toSend.empty());
+    runner.waitFor([&] {
+        const bool settled = failure || (produced && toQuery.empty() && toSend.empty());
         return settled && queries == 0 && sends == 0;
     });
     if (failure)
         throw *failure;
 
     QStringList hashes;
-    for (const ChunkHasher::Chunk& chunk : qAsConst(chunks))
-        hashes << chunk.hash;
+    qint64 bytes = 0;
+    for (const Piece& piece : qAsConst(pieces)) {
+        hashes << piece.hash;
+        bytes += piece.length;
+    }
     result.chunks = hashes.size();
+    result.bytes = bytes;
     result.hash = ChunkHasher::fileHash(hashes);
-    const Reply reply = remote.call(QStringLiteral("commit %1").arg(target),
-        m_endpoint.commit(upload, result.remote, result.bytes, hashes));
+    const Reply reply = runner.call(QStringLiteral("commit %1").arg(target), m_tree.commit(upload, result.remote, bytes, hashes));
     checkHash(result, reply.json);
 }
 
@@ -191,7 +283,8 @@ void Uploader::checkHash(const Result& result, const QJsonObject& entry)
 {
     const QString stored = entry.value("hash").toString();
     if (!stored.isEmpty() && stored != result.hash)
-        throw Failure { Exit::Network,
+        throw Failure(Exit::Network,
             QStringLiteral("%1 arrived damaged (the server's hash %2 is not the local %3): run put again")
-                .arg(m_endpoint.describe(result.remote), stored, result.hash) };
+                .arg(m_tree.describe(result.remote), stored, result.hash),
+            QStringLiteral("damaged"));
 }

@@ -216,6 +216,11 @@ bool ServerApi::logRedaction()
     return NBLogRedactor::enabled();
 }
 
+QString ServerApi::RedactSecrets(const QString& text)
+{
+    return NBLogRedactor::hide(text);
+}
+
 void ServerApi::proxy(bool autoDetect, int scheme, const char* host, int port, const char* user,
     const char* password, bool open)
 {

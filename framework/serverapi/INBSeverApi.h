@@ -95,6 +95,9 @@ public:
     // in every line of the library's log.
     static void setLogRedaction(bool redact);
     static bool logRedaction();
+    // `text` with every secret hidden as the log hides them, whether the log's redaction
+    // is on or not: for a host that shows server replies or addresses to people.
+    static QString RedactSecrets(const QString& text);
 
     // Completes an address typed without a scheme ("host:port" or "/host") with the one of
     // "http://" and "https://" that answers a plain GET with 200: FillUrlProtocol probes

@@ -75,8 +75,11 @@ void NBLogRedactor::remember(Secret secret, const QString& value)
 
 QString NBLogRedactor::apply(const QString& line)
 {
-    if (!s_enabled)
-        return line;
+    return s_enabled ? hide(line) : line;
+}
+
+QString NBLogRedactor::hide(const QString& line)
+{
     QString text = hideCaptures(hideCaptures(hideCaptures(line, pairs()), lines()), fields());
     QStringList known;
     {

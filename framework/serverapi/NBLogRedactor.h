@@ -17,6 +17,9 @@ public:
     // The current value of a secret known by its value rather than by a name on the wire.
     static void remember(Secret secret, const QString& value);
 
+    // The line as the log writes it: hidden when redaction is on.
     static QString apply(const QString& line);
+    // The line with every secret hidden, redaction on or not.
+    static QString hide(const QString& line);
     static QString hidden(int length) { return QStringLiteral("***(%1)").arg(length); }
 };

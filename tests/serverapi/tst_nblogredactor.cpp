@@ -55,6 +55,15 @@ private slots:
         QCOMPARE(NBLogRedactor::apply(line), line);
     }
 
+    // For a host that shows replies to people: the same hiding, the log's switch off.
+    void redactSecretsHidesWhateverTheLogDoes()
+    {
+        QVERIFY(!ServerApi::logRedaction());
+        QCOMPARE(ServerApi::RedactSecrets(QStringLiteral("{\"X-NIMBRA-SESS-ID\":\"abcdef\",\"user\":\"a\"} token=t0k")),
+            QStringLiteral("{\"X-NIMBRA-SESS-ID\":\"***(6)\",\"user\":\"a\"} token=***(3)"));
+        QVERIFY(!ServerApi::logRedaction());
+    }
+
     void lineRules_data()
     {
         QTest::addColumn<QString>("line");

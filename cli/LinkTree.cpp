@@ -1,18 +1,18 @@
-#include "LinkEndpoint.h"
+#include "LinkTree.h"
 
-LinkEndpoint::LinkEndpoint(
-    Remote& remote, const QString& server, const QString& code, const QString& password)
-    : TransferEndpoint(remote)
+LinkTree::LinkTree(
+    RequestRunner& runner, const QString& server, const QString& code, const QString& password)
+    : RemoteTree(runner)
     , m_server(server)
     , m_code(code)
     , m_password(password)
 {
 }
 
-void LinkEndpoint::open()
+void LinkTree::open()
 {
     const NBServerApiDeliveryAuthModel model { m_code, m_password, m_server };
-    const QJsonObject reply = m_remote
+    const QJsonObject reply = m_runner
                                   .call(QStringLiteral("open shared link %1").arg(m_code),
                                       [model](NBCompletionCallback done) {
                                           return ServerApi::DeliveryAuth(model, std::move(done));
@@ -23,22 +23,22 @@ void LinkEndpoint::open()
     m_root = reply.value("root").toString();
 }
 
-QString LinkEndpoint::describe(const QString& path) const
+QString LinkTree::describe(const QString& path) const
 {
     return QStringLiteral("%1:%2").arg(m_code, path);
 }
 
-QString LinkEndpoint::outside(const QString& path) const
+QString LinkTree::outside(const QString& path) const
 {
     return RemotePath::join(QLatin1Char('/') + m_root, path);
 }
 
-Remote::Start LinkEndpoint::stat(const QString& path)
+RequestRunner::Start LinkTree::stat(const QString& path)
 {
     return listPage(path, 0, 1);
 }
 
-Remote::Start LinkEndpoint::listPage(const QString& folder, int offset, int limit)
+RequestRunner::Start LinkTree::listPage(const QString& folder, int offset, int limit)
 {
     auto model = pageByName(linked<NBServerApiDeliveryMetadataModel>(folder), offset, limit);
     model.password = m_password;
@@ -47,7 +47,7 @@ Remote::Start LinkEndpoint::listPage(const QString& folder, int offset, int limi
     };
 }
 
-Remote::Start LinkEndpoint::makeFolder(const QString& path)
+RequestRunner::Start LinkTree::makeFolder(const QString& path)
 {
     const NBServerApiDeliveryCreateFolder model { m_server, m_code, RemotePath::normalise(path), QString(),
         m_token, m_session };
@@ -56,7 +56,7 @@ Remote::Start LinkEndpoint::makeFolder(const QString& path)
     };
 }
 
-Remote::Start LinkEndpoint::authorise(const QString& path, qint64 bytes)
+RequestRunner::Start LinkTree::authorise(const QString& path, qint64 bytes)
 {
     auto model = linked<NBServerApiDeliveryAuthUploadModel>(path);
     model.bytes = QString::number(bytes);
@@ -65,7 +65,7 @@ Remote::Start LinkEndpoint::authorise(const QString& path, qint64 bytes)
     };
 }
 
-Remote::Start LinkEndpoint::uploadWhole(
+RequestRunner::Start LinkTree::uploadWhole(
     const Upload& upload, const QString& path, const QString& localPath, NBUploadProgressCallback onProgress)
 {
     auto model = linked<NBServerApiDeliveryUploadFileModel>(path);
@@ -77,7 +77,7 @@ Remote::Start LinkEndpoint::uploadWhole(
     };
 }
 
-Remote::Start LinkEndpoint::queryChunk(
+RequestRunner::Start LinkTree::queryChunk(
     const Upload& upload, const QString& path, qint64 bytes, const QString& hash)
 {
     auto model = chunked<NBServerApiDeliveryQueryHashModel>(upload, path);
@@ -88,7 +88,7 @@ Remote::Start LinkEndpoint::queryChunk(
     };
 }
 
-Remote::Start LinkEndpoint::uploadChunk(
+RequestRunner::Start LinkTree::uploadChunk(
     const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress)
 {
     return [model = NBServerApiDeliveryChunkedUploadModel { upload.server, upload.uploadId, hash, data },
@@ -97,7 +97,7 @@ Remote::Start LinkEndpoint::uploadChunk(
     };
 }
 
-Remote::Start LinkEndpoint::commit(
+RequestRunner::Start LinkTree::commit(
     const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
 {
     auto model = chunked<NBServerApiDeliveryCommitHashModel>(upload, path);
@@ -110,7 +110,7 @@ Remote::Start LinkEndpoint::commit(
     };
 }
 
-Remote::Start LinkEndpoint::downloadWhole(
+RequestRunner::Start LinkTree::downloadWhole(
     const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress)
 {
     auto model = linked<NBServerApiDeliveryDownloadFileModel>(path);
@@ -120,7 +120,7 @@ Remote::Start LinkEndpoint::downloadWhole(
     };
 }
 
-Remote::Start LinkEndpoint::downloadRange(
+RequestRunner::Start LinkTree::downloadRange(
     const QString& path, const QString& range, NBDataCallback onData, NBDownloadProgressCallback onProgress)
 {
     auto model = linked<NBSeverApiDeliveryDLRouterModel>(path);

@@ -4,30 +4,30 @@
 #pragma once
 
 #include "RemotePath.h"
-#include "TransferEndpoint.h"
+#include "RemoteTree.h"
 
-class LinkEndpoint : public TransferEndpoint
+class LinkTree : public RemoteTree
 {
 public:
-    LinkEndpoint(Remote& remote, const QString& server, const QString& code, const QString& password);
+    LinkTree(RequestRunner& remote, const QString& server, const QString& code, const QString& password);
 
     // The link's authorisation: the token, the link's session and its folder's name.
     void open();
 
     QString describe(const QString& path) const override;
-    Remote::Start stat(const QString& path) override;
-    Remote::Start listPage(const QString& folder, int offset, int limit) override;
-    Remote::Start makeFolder(const QString& path) override;
-    Remote::Start authorise(const QString& path, qint64 bytes) override;
-    Remote::Start uploadWhole(const Upload& upload, const QString& path, const QString& localPath,
+    RequestRunner::Start stat(const QString& path) override;
+    RequestRunner::Start listPage(const QString& folder, int offset, int limit) override;
+    RequestRunner::Start makeFolder(const QString& path) override;
+    RequestRunner::Start authorise(const QString& path, qint64 bytes) override;
+    RequestRunner::Start uploadWhole(const Upload& upload, const QString& path, const QString& localPath,
         NBUploadProgressCallback onProgress) override;
-    Remote::Start queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash) override;
-    Remote::Start uploadChunk(
+    RequestRunner::Start queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash) override;
+    RequestRunner::Start uploadChunk(
         const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress) override;
-    Remote::Start commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
-    Remote::Start downloadWhole(
+    RequestRunner::Start commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
+    RequestRunner::Start downloadWhole(
         const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress) override;
-    Remote::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,
+    RequestRunner::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,
         NBDownloadProgressCallback onProgress) override;
 
 private:

@@ -1,25 +1,25 @@
-#include "DriveEndpoint.h"
+#include "DriveTree.h"
 
-DriveEndpoint::DriveEndpoint(Remote& remote, const QString& server, const QString& pathType)
-    : TransferEndpoint(remote)
+DriveTree::DriveTree(RequestRunner& runner, const QString& server, const QString& pathType)
+    : RemoteTree(runner)
     , m_server(server)
     , m_pathType(pathType)
 {
 }
 
-QString DriveEndpoint::describe(const QString& path) const
+QString DriveTree::describe(const QString& path) const
 {
     return path;
 }
 
-Remote::Start DriveEndpoint::stat(const QString& path)
+RequestRunner::Start DriveTree::stat(const QString& path)
 {
     return [model = at<NBServerApiMetaEntryModel>(path)](NBCompletionCallback done) {
         return ServerApi::MetaData(model, std::move(done));
     };
 }
 
-Remote::Start DriveEndpoint::listPage(const QString& folder, int offset, int limit)
+RequestRunner::Start DriveTree::listPage(const QString& folder, int offset, int limit)
 {
     auto model = pageByName(at<NBServerApiMetaEntryModel>(folder), offset, limit);
     model.list = true;
@@ -28,21 +28,21 @@ Remote::Start DriveEndpoint::listPage(const QString& folder, int offset, int lim
     };
 }
 
-Remote::Start DriveEndpoint::makeFolder(const QString& path)
+RequestRunner::Start DriveTree::makeFolder(const QString& path)
 {
     return [model = at<NBServerApiCreateFolderModel>(path)](NBCompletionCallback done) {
         return ServerApi::CreateFolder(model, std::move(done));
     };
 }
 
-Remote::Start DriveEndpoint::authorise(const QString& path, qint64 bytes)
+RequestRunner::Start DriveTree::authorise(const QString& path, qint64 bytes)
 {
     return [model = at<NBServerApiEntryModel>(path), bytes](NBCompletionCallback done) {
         return ServerApi::AuthUpload(model, bytes, std::move(done));
     };
 }
 
-Remote::Start DriveEndpoint::uploadWhole(
+RequestRunner::Start DriveTree::uploadWhole(
     const Upload& upload, const QString& path, const QString& localPath, NBUploadProgressCallback onProgress)
 {
     auto model = at<NBServerApiUploadFileModel>(path);
@@ -54,14 +54,14 @@ Remote::Start DriveEndpoint::uploadWhole(
     };
 }
 
-Remote::Start DriveEndpoint::queryChunk(const Upload& upload, const QString&, qint64, const QString& hash)
+RequestRunner::Start DriveTree::queryChunk(const Upload& upload, const QString&, qint64, const QString& hash)
 {
     return [model = NBServerApiQueryHashModel { upload.server, hash }](NBCompletionCallback done) {
         return ServerApi::QueryHash(model, std::move(done));
     };
 }
 
-Remote::Start DriveEndpoint::uploadChunk(
+RequestRunner::Start DriveTree::uploadChunk(
     const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress)
 {
     return [model = NBServerApiChunkedUploadModel { upload.server, upload.uploadId, hash, data }, onProgress](
@@ -70,7 +70,7 @@ Remote::Start DriveEndpoint::uploadChunk(
     };
 }
 
-Remote::Start DriveEndpoint::commit(
+RequestRunner::Start DriveTree::commit(
     const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
 {
     auto model = at<NBServerApiCommitHashModel>(path);
@@ -84,7 +84,7 @@ Remote::Start DriveEndpoint::commit(
     };
 }
 
-Remote::Start DriveEndpoint::downloadWhole(
+RequestRunner::Start DriveTree::downloadWhole(
     const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress)
 {
     auto model = at<NBServerApiDownloadFileModel>(path);
@@ -95,7 +95,7 @@ Remote::Start DriveEndpoint::downloadWhole(
     };
 }
 
-Remote::Start DriveEndpoint::downloadRange(
+RequestRunner::Start DriveTree::downloadRange(
     const QString& path, const QString& range, NBDataCallback onData, NBDownloadProgressCallback onProgress)
 {
     auto model = at<NBSeverApiDLRouterModel>(path);

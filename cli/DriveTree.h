@@ -1,0 +1,39 @@
+// The signed-in account's own drive, in one space ("ent" unless --space says otherwise).
+#pragma once
+
+#include "RemoteTree.h"
+
+class DriveTree : public RemoteTree
+{
+public:
+    DriveTree(RequestRunner& remote, const QString& server, const QString& pathType);
+
+    QString describe(const QString& path) const override;
+    RequestRunner::Start stat(const QString& path) override;
+    RequestRunner::Start listPage(const QString& folder, int offset, int limit) override;
+    RequestRunner::Start makeFolder(const QString& path) override;
+    RequestRunner::Start authorise(const QString& path, qint64 bytes) override;
+    RequestRunner::Start uploadWhole(const Upload& upload, const QString& path, const QString& localPath,
+        NBUploadProgressCallback onProgress) override;
+    RequestRunner::Start queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash) override;
+    RequestRunner::Start uploadChunk(
+        const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress) override;
+    RequestRunner::Start commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
+    RequestRunner::Start downloadWhole(
+        const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress) override;
+    RequestRunner::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,
+        NBDownloadProgressCallback onProgress) override;
+
+    // An entry model of this space: path and path type set.
+    template<typename Model> Model at(const QString& path) const
+    {
+        Model model;
+        model.path = path;
+        model.pathType = m_pathType;
+        return model;
+    }
+
+private:
+    QString m_server;
+    QString m_pathType;
+};

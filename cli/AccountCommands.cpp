@@ -33,13 +33,15 @@ QString ask(Cli& cli, const char* variable, const QString& what, bool secret = f
         return given;
     QString typed;
     if (cli.console.stdinIsTerminal())
-        typed = secret ? cli.console.readSecret(what + QStringLiteral(": ")) : cli.console.readLine(what + QStringLiteral(": "));
+        typed = secret ? cli.console.readSecret(what + QStringLiteral(": "))
+                       : cli.console.readLine(what + QStringLiteral(": "));
     else if (fromPipe)
         typed = cli.console.readLine(QString());
     if (typed.isEmpty())
         throw Failure(Exit::Usage,
             QStringLiteral("no %1: give %2%3, or run on a terminal to be asked; nothing was sent")
-                .arg(what, QLatin1String(variable), fromPipe ? QStringLiteral(" or a line of standard input") : QString()));
+                .arg(what, QLatin1String(variable),
+                    fromPipe ? QStringLiteral(" or a line of standard input") : QString()));
     return typed;
 }
 
@@ -60,7 +62,9 @@ QString secondFactor(Cli& cli, const QCommandLineParser& parser, const QJsonObje
             }));
     }
     if (method == QLatin1String("sms")) {
-        const QString mobile = parser.isSet("mobile") ? parser.value("mobile") : ask(cli, "NB_MOBILE", QStringLiteral("mobile number"));
+        const QString mobile = parser.isSet("mobile")
+            ? parser.value("mobile")
+            : ask(cli, "NB_MOBILE", QStringLiteral("mobile number"));
         remote.call(QStringLiteral("send the SMS code"), [=](NBCompletionCallback done) {
             return ServerApi::SendSmsCode(mobile, tfaId, QStringLiteral("tfa"), QString(), QString(),
                 QString(), QString(), std::move(done));
@@ -117,7 +121,8 @@ void login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
     if (cli.settings.server.isEmpty())
         throw Failure(Exit::Usage, QStringLiteral("give the server: nbcli login --server URL"));
     // Every credential is at hand before anything is sent.
-    const QString user = parser.isSet("user") ? parser.value("user") : ask(cli, "NB_USER", QStringLiteral("user"));
+    const QString user
+        = parser.isSet("user") ? parser.value("user") : ask(cli, "NB_USER", QStringLiteral("user"));
     QString password;
     if (parser.isSet("password-stdin"))
         password = cli.console.readLine(QString());
@@ -135,7 +140,8 @@ void login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
     model.deviceName = QSysInfo::machineHostName();
     model.deviceUuid = cli.settings.deviceUuid;
     const QString what = QStringLiteral("sign in to %1 as %2").arg(cli.settings.server, user);
-    const Reply reply = cli.runner.fetch(what, [model](NBCompletionCallback done) { return ServerApi::Login(model, std::move(done)); });
+    const Reply reply = cli.runner.fetch(
+        what, [model](NBCompletionCallback done) { return ServerApi::Login(model, std::move(done)); });
     QString session;
     if (reply.ok())
         session = sessionOf(reply);
@@ -152,8 +158,10 @@ void login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
     cli.settings.caFile = cli.caFile;
     cli.settings.insecure = cli.insecure;
     cli.save();
-    cli.output.done(QJsonObject { { "server", cli.settings.server }, { "type", cli.settings.type }, { "user", user } },
-        QStringLiteral("signed in to %1 as %2 (%3)").arg(cli.settings.server, user, Config::typeName(cli.settings.type)));
+    cli.output.done(
+        QJsonObject { { "server", cli.settings.server }, { "type", cli.settings.type }, { "user", user } },
+        QStringLiteral("signed in to %1 as %2 (%3)")
+            .arg(cli.settings.server, user, Config::typeName(cli.settings.type)));
 }
 
 void logout(Cli& cli, const QCommandLineParser&, const QStringList&)
@@ -163,7 +171,8 @@ void logout(Cli& cli, const QCommandLineParser&, const QStringList&)
     cli.save();
     // The library offers no sign-out request: the server's session lasts until it expires.
     cli.output.done(QJsonObject { { "server", server }, { "ended_on_server", false } },
-        QStringLiteral("signed out here: the session is forgotten on this machine; the server has no sign-out, so its session "
+        QStringLiteral("signed out here: the session is forgotten on this machine; the server has no "
+                       "sign-out, so its session "
                        "ends when it expires"));
 }
 
@@ -171,7 +180,8 @@ void whoami(Cli& cli, const QCommandLineParser&, const QStringList&)
 {
     const QJsonObject info
         = cli.runner
-              .call(QStringLiteral("read the account"), [](NBCompletionCallback done) { return ServerApi::UserInfo({}, std::move(done)); })
+              .call(QStringLiteral("read the account"),
+                  [](NBCompletionCallback done) { return ServerApi::UserInfo({}, std::move(done)); })
               .json;
     const QString user = info.value("user").toString(cli.settings.user);
     cli.output.result(QJsonObject { { "user", user }, { "uid", info.value("uid").toVariant().toString() },
@@ -185,22 +195,32 @@ QList<Command> accountCommands()
 {
     return {
         { "login", "[--user NAME] [--tfa otp|sms|qr]", "Sign in and keep the session.",
-            "The password comes from standard input with --password-stdin, from NB_PASSWORD, or from a prompt without echo "
-            "on a terminal; never from an argument, and never empty: without a source, nothing is sent. A bare host "
-            "(\"drive.example:8443\") gets the scheme that answers, https first. --cacert and --insecure given here stay "
-            "with the session. A second factor, when the server asks for one: a one-time password (NB_OTP or a prompt), an "
-            "SMS code (--mobile, then NB_SMS_CODE or a prompt) or a QR code to scan, polled until approved.\n\n"
+            "The password comes from standard input with --password-stdin, from NB_PASSWORD, or from a "
+            "prompt without echo "
+            "on a terminal; never from an argument, and never empty: without a source, nothing is sent. A "
+            "bare host "
+            "(\"drive.example:8443\") gets the scheme that answers, https first. --cacert and --insecure "
+            "given here stay "
+            "with the session. A second factor, when the server asks for one: a one-time password (NB_OTP or "
+            "a prompt), an "
+            "SMS code (--mobile, then NB_SMS_CODE or a prompt) or a QR code to scan, polled until "
+            "approved.\n\n"
             "  nbcli login --server http://127.0.0.1:8080 --type cloud --user alice\n"
             "  printf '%s\\n' \"$PW\" | nbcli login --server drive.example --user alice --password-stdin",
-            { OptionSpec::value({ "user" }, "The account to sign in as (or NB_USER).", "NAME", OptionSpec::Text),
-                OptionSpec::flag({ "password-stdin" }, "Read the password from the first line of standard input."),
+            { OptionSpec::value(
+                  { "user" }, "The account to sign in as (or NB_USER).", "NAME", OptionSpec::Text),
+                OptionSpec::flag(
+                    { "password-stdin" }, "Read the password from the first line of standard input."),
                 OptionSpec::choice({ "tfa" }, "The second factor to use: otp (default), sms or qr.", "METHOD",
                     { "otp", "sms", "qr" }),
-                OptionSpec::value({ "mobile" }, "The mobile number for --tfa sms (or NB_MOBILE).", "NUMBER", OptionSpec::Text),
-                OptionSpec::value({ "qr-timeout" }, "Give up waiting for the QR approval after S seconds (default 300).", "S",
+                OptionSpec::value({ "mobile" }, "The mobile number for --tfa sms (or NB_MOBILE).", "NUMBER",
+                    OptionSpec::Text),
+                OptionSpec::value({ "qr-timeout" },
+                    "Give up waiting for the QR approval after S seconds (default 300).", "S",
                     OptionSpec::Duration, "300") },
             0, 0, Needs::Nothing, login },
         { "logout", "", "Forget the stored session.", "  nbcli logout", {}, 0, 0, Needs::Nothing, logout },
-        { "whoami", "", "Show the signed-in account.", "  nbcli whoami --json", {}, 0, 0, Needs::Session, whoami },
+        { "whoami", "", "Show the signed-in account.", "  nbcli whoami --json", {}, 0, 0, Needs::Session,
+            whoami },
     };
 }

@@ -1,17 +1,14 @@
 // The drive's stored form of a file: SHA-256 over chunks (4 MiB unless the server names
 // another size; the last one shorter), each as lower-case hex, and the file's hash as
-// SHA-256 over the raw chunk digests in order (an empty file has no chunk). A hasher reads the file on worker threads, one per
-// core (one for a file that is still growing), and reports each chunk in file order on
-// the thread that owns it, so that uploads of earlier chunks run while later ones are
-// hashed.
+// SHA-256 over the raw chunk digests in order (an empty file has no chunk). A hasher reads the file on worker
+// threads, one per core (one for a file that is still growing), and reports each chunk in file order on the
+// thread that owns it, so that uploads of earlier chunks run while later ones are hashed.
 #pragma once
 
+#include <QMap>
 #include <QObject>
 #include <QString>
 #include <QStringList>
-
-#include <QMap>
-
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -22,7 +19,10 @@ class ChunkHasher : public QObject
 public:
     // The one rule of chunk sizes: the server's when its upload authorisation names one.
     static constexpr qint64 DefaultChunkSize = 4 << 20;
-    static qint64 chunkSizeOf(qint64 serverChunkSize) { return serverChunkSize > 0 ? serverChunkSize : DefaultChunkSize; }
+    static qint64 chunkSizeOf(qint64 serverChunkSize)
+    {
+        return serverChunkSize > 0 ? serverChunkSize : DefaultChunkSize;
+    }
 
     struct Chunk
     {

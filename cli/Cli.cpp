@@ -1,12 +1,12 @@
 #include "Cli.h"
 
 #include <INBSeverApi.h>
-
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QProcessEnvironment>
-
+#include <QTcpSocket>
+#include <QUrl>
 #include <algorithm>
 
 namespace {
@@ -54,30 +54,42 @@ Cli::Cli(Console& console, RequestRunner& runner)
 
 const char* Cli::exitTable()
 {
-    return "Exit status: 0 success; 1 usage (bad arguments, an operation this deployment type does not offer, a server "
-           "that cannot be used as given); 2 the server refused (a wrong password, a lock, not found); 3 try again "
-           "later (no answer, a lost connection, a time-out, a damaged transfer, a server error or 429 after the "
-           "retries); 4 a local file could not be read or written; 5 some entries or files failed, others did not; "
+    return "Exit status: 0 success; 1 usage (bad arguments, an operation this deployment type does not "
+           "offer, a server "
+           "that cannot be used as given); 2 the server refused (a wrong password, a lock, not found); 3 try "
+           "again "
+           "later (no answer, a lost connection, a time-out, a damaged transfer, a server error or 429 after "
+           "the "
+           "retries); 4 a local file could not be read or written; 5 some entries or files failed, others "
+           "did not; "
            "130 interrupted.";
 }
 
 QList<OptionSpec> Cli::globalOptions()
 {
     return {
-        OptionSpec::value({ "server" }, "The server's address (default: the one of the last login, or NB_SERVER).", "URL",
+        OptionSpec::value({ "server" },
+            "The server's address (default: the one of the last login, or NB_SERVER).", "URL",
             OptionSpec::Text),
-        OptionSpec::choice({ "type" }, "Deployment type: 0 or private, 1 or cloud, 2 or six (default: the last login's, or NB_TYPE).",
+        OptionSpec::choice({ "type" },
+            "Deployment type: 0 or private, 1 or cloud, 2 or six (default: the last login's, or NB_TYPE).",
             "TYPE", Types),
-        OptionSpec::choice({ "space" }, "The path type of remote paths: ent (default), self, share_in, share_out, book_mark, trans, recycle.",
+        OptionSpec::choice({ "space" },
+            "The path type of remote paths: ent (default), self, share_in, share_out, book_mark, trans, "
+            "recycle.",
             "PATH_TYPE", Spaces, "ent"),
-        OptionSpec::flag({ "json" }, "Results as one JSON document on standard output (watch: one object per line)."),
+        OptionSpec::flag(
+            { "json" }, "Results as one JSON document on standard output (watch: one object per line)."),
         OptionSpec::flag({ "q", "quiet" }, "No progress, notes or confirmations; results and errors only."),
         OptionSpec::flag({ "v", "verbose" }, "Let the library log in detail."),
-        OptionSpec::value({ "retries" }, "Retry a request that may succeed later up to N times (default 5; 0: never).", "N",
+        OptionSpec::value({ "retries" },
+            "Retry a request that may succeed later up to N times (default 5; 0: never).", "N",
             OptionSpec::CountFromZero, "5"),
-        OptionSpec::value({ "timeout" }, "Give up a request that receives nothing for S seconds (default 120, or NB_TIMEOUT).",
-            "S", OptionSpec::Duration),
-        OptionSpec::value({ "cacert" }, "Trust the CA certificates of FILE (PEM) besides the system's (or NB_CACERT); kept by login.",
+        OptionSpec::value({ "timeout" },
+            "Give up a request that receives nothing for S seconds (default 120, or NB_TIMEOUT).", "S",
+            OptionSpec::Duration),
+        OptionSpec::value({ "cacert" },
+            "Trust the CA certificates of FILE (PEM) besides the system's (or NB_CACERT); kept by login.",
             "FILE", OptionSpec::File),
         OptionSpec::flag({ "insecure" }, "Do not verify the server's TLS certificate; kept by login."),
         OptionSpec::flag({ "progress" }, "Show progress in a pipe too, a line a second."),
@@ -91,29 +103,34 @@ QList<Command> Cli::commands()
 
 QString Cli::overview()
 {
-    QString text = QStringLiteral("Usage: nbcli [global options] COMMAND [options] [arguments]\n"
-                                  "A command-line client of the cloud drive. nbcli COMMAND --help explains each command.\n\n"
-                                  "Commands:\n");
+    QString text = QStringLiteral(
+        "Usage: nbcli [global options] COMMAND [options] [arguments]\n"
+        "A command-line client of the cloud drive. nbcli COMMAND --help explains each command.\n\n"
+        "Commands:\n");
     for (const Command& command : commands())
         text += QStringLiteral("  %1 %2\n").arg(command.name.leftJustified(10), command.summary);
     text += QStringLiteral("\nGlobal options (before or after the command):\n");
     for (const OptionSpec& spec : globalOptions())
         text += optionLine(spec) + QLatin1Char('\n');
-    text += QStringLiteral("  --help                   This help; nbcli COMMAND --help, a command's.\n"
-                           "  --version                The version.\n\n"
-                           "Environment: NB_SERVER, NB_TYPE, NB_USER, NB_PASSWORD, NB_OTP, NB_MOBILE, NB_SMS_CODE, "
-                           "NB_SHARE_PASSWORD, NB_TIMEOUT, NB_CACERT.\n"
-                           "The session is kept in ")
+    text += QStringLiteral(
+                "  --help                   This help; nbcli COMMAND --help, a command's.\n"
+                "  --version                The version.\n\n"
+                "Environment: NB_SERVER, NB_TYPE, NB_USER, NB_PASSWORD, NB_OTP, NB_MOBILE, NB_SMS_CODE, "
+                "NB_SHARE_PASSWORD, NB_TIMEOUT, NB_CACERT.\n"
+                "The session is kept in ")
         + Config::file()
-        + QStringLiteral(" (mode 0600). Server certificates are verified (the system's CAs, and --cacert). The library's log "
-                         "(Transfer.log) hides passwords, codes, tokens and sessions, and so does everything nbcli prints.\n")
+        + QStringLiteral(" (mode 0600). Server certificates are verified (the system's CAs, and --cacert). "
+                         "The library's log "
+                         "(Transfer.log) hides passwords, codes, tokens and sessions, and so does everything "
+                         "nbcli prints.\n")
         + QLatin1String(exitTable());
     return text;
 }
 
 QString Cli::help(const Command& command)
 {
-    QString text = QStringLiteral("Usage: nbcli %1 [options] %2\n%3\n").arg(command.name, command.syntax, command.summary);
+    QString text = QStringLiteral("Usage: nbcli %1 [options] %2\n%3\n")
+                       .arg(command.name, command.syntax, command.summary);
     if (!command.details.isEmpty())
         text += QLatin1Char('\n') + command.details + QLatin1Char('\n');
     if (!command.options.isEmpty()) {
@@ -124,8 +141,8 @@ QString Cli::help(const Command& command)
     QStringList global;
     for (const OptionSpec& spec : globalOptions())
         global << spec.synopsis();
-    text += QStringLiteral("\nGlobal options (nbcli --help explains them): ") + global.join(QStringLiteral("; ")) + QLatin1String(".\n\n")
-        + QLatin1String(exitTable());
+    text += QStringLiteral("\nGlobal options (nbcli --help explains them): ")
+        + global.join(QStringLiteral("; ")) + QLatin1String(".\n\n") + QLatin1String(exitTable());
     return text;
 }
 
@@ -145,8 +162,29 @@ int Cli::run(const QStringList& arguments)
     try {
         return runCommand(arguments);
     } catch (const Failure& failure) {
+        // A TLS handshake that failed on a port that answers in plain HTTP: say that.
+        if (failure.code == QLatin1String("tls") && speaksPlainHttp(QUrl(settings.server)))
+            return output.fail(Failure(Exit::Usage,
+                QStringLiteral("%1 answers plain HTTP, not TLS: give the address with http://")
+                    .arg(settings.server),
+                QStringLiteral("tls")));
         return output.fail(failure);
     }
+}
+
+bool Cli::speaksPlainHttp(const QUrl& server)
+{
+    if (server.scheme() != QLatin1String("https") || server.host().isEmpty())
+        return false;
+    QTcpSocket socket;
+    socket.connectToHost(server.host(), quint16(server.port(443)));
+    if (!socket.waitForConnected(2000))
+        return false;
+    socket.write("HEAD / HTTP/1.0\r\n\r\n");
+    QByteArray answer;
+    while (answer.size() < 5 && socket.waitForReadyRead(2000))
+        answer += socket.readAll();
+    return answer.startsWith("HTTP/");
 }
 
 int Cli::runCommand(const QStringList& arguments)
@@ -177,13 +215,17 @@ int Cli::runCommand(const QStringList& arguments)
         }
         throw Failure(Exit::Usage, QStringLiteral("no command given (nbcli --help lists them)"));
     }
-    const auto found = std::find_if(all.cbegin(), all.cend(), [&](const Command& c) { return c.name == verb; });
+    const auto found
+        = std::find_if(all.cbegin(), all.cend(), [&](const Command& c) { return c.name == verb; });
     output.setCommand(verb);
     if (found == all.cend()) {
         const QStringList near = nearest(verb);
         throw Failure(Exit::Usage,
             QStringLiteral("unknown command \"%1\"%2 (nbcli --help lists them)")
-                .arg(verb, near.isEmpty() ? QString() : QStringLiteral("; did you mean %1?").arg(near.join(QStringLiteral(" or ")))));
+                .arg(verb,
+                    near.isEmpty()
+                        ? QString()
+                        : QStringLiteral("; did you mean %1?").arg(near.join(QStringLiteral(" or ")))));
     }
     const Command& command = *found;
 
@@ -203,7 +245,9 @@ int Cli::runCommand(const QStringList& arguments)
     Options::validate(parser, globalOptions() + command.options);
     const QStringList args = parser.positionalArguments().mid(1);
     if (args.size() < command.minArgs || (command.maxArgs >= 0 && args.size() > command.maxArgs))
-        throw Failure(Exit::Usage, QStringLiteral("usage: nbcli %1 %2 (nbcli %1 --help explains)").arg(command.name, command.syntax));
+        throw Failure(Exit::Usage,
+            QStringLiteral("usage: nbcli %1 %2 (nbcli %1 --help explains)")
+                .arg(command.name, command.syntax));
     configure(parser);
     if (command.needs != Needs::Nothing)
         connect(command.needs == Needs::Session);
@@ -223,7 +267,8 @@ void Cli::configure(const QCommandLineParser& parser)
         timeout = environment("NB_TIMEOUT");
         if (!Options::durationMs(timeout))
             throw Failure(Exit::Usage,
-                QStringLiteral("NB_TIMEOUT takes a number of seconds above 0 (decimals allowed), not \"%1\"").arg(timeout));
+                QStringLiteral("NB_TIMEOUT takes a number of seconds above 0 (decimals allowed), not \"%1\"")
+                    .arg(timeout));
     }
     runner.setTimeout(timeout.isEmpty() ? 0 : *Options::durationMs(timeout));
     space = parser.value("space").toLower();
@@ -240,7 +285,8 @@ void Cli::configure(const QCommandLineParser& parser)
     if (!type.isEmpty()) {
         settings.type = Config::parseType(type);
         if (settings.type < 0)
-            throw Failure(Exit::Usage, QStringLiteral("NB_TYPE is 0, 1 or 2 (or private, cloud, six), not \"%1\"").arg(type));
+            throw Failure(Exit::Usage,
+                QStringLiteral("NB_TYPE is 0, 1 or 2 (or private, cloud, six), not \"%1\"").arg(type));
     }
     // "host:port", "http://host:port/" and "https://host:port" name one server here.
     const auto bare = [](QString address) {
@@ -282,16 +328,19 @@ QString Cli::withScheme(const QString& address)
         return address;
     QString filled;
     if (!ServerApi::FillUrlProtocolByStep(address, filled))
-        throw Failure(Exit::Network, QStringLiteral("%1 answers neither https nor http; check the address").arg(address));
+        throw Failure(Exit::Network,
+            QStringLiteral("%1 answers neither https nor http; check the address").arg(address));
     return filled;
 }
 
 void Cli::connect(bool signedIn)
 {
     if (settings.server.isEmpty())
-        throw Failure(Exit::Usage, QStringLiteral("no server: run nbcli login --server URL, or give --server"));
+        throw Failure(
+            Exit::Usage, QStringLiteral("no server: run nbcli login --server URL, or give --server"));
     if (signedIn && settings.session.isEmpty())
-        throw Failure(Exit::Refused, QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server),
+        throw Failure(Exit::Refused,
+            QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server),
             QStringLiteral("not signed in"));
     settings.server = withScheme(settings.server);
     ServerApi::setLogLevel(console.verbose);
@@ -300,7 +349,8 @@ void Cli::connect(bool signedIn)
         if (insecure)
             console.note(QStringLiteral("TLS: the server's certificate is not verified (--insecure)"));
         else if (!caFile.isEmpty())
-            console.note(QStringLiteral("TLS: verifying the server against the system's CAs and %1").arg(caFile));
+            console.note(
+                QStringLiteral("TLS: verifying the server against the system's CAs and %1").arg(caFile));
     }
     ServerApi::init(ServerApi::NBServerApiType(settings.type));
     ServerApi::setBaseUrlString(settings.server);

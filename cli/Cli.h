@@ -13,7 +13,7 @@
 
 #include <QCommandLineParser>
 #include <QList>
-
+#include <QUrl>
 #include <functional>
 
 class Cli;
@@ -74,6 +74,9 @@ public:
     static QString help(const Command& command);
     // The commands a mistyped verb may have meant.
     static QStringList nearest(const QString& verb);
+
+    // Whether an https:// server's port answers in plain HTTP.
+    static bool speaksPlainHttp(const QUrl& server);
 
 private:
     int runCommand(const QStringList& arguments);

@@ -1,7 +1,6 @@
 #include "Console.h"
 
 #include <INBSeverApi.h>
-
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -42,7 +41,8 @@ void Console::out(const QString& line)
 
 void Console::outJson(const QJsonValue& value)
 {
-    const QJsonDocument document = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
+    const QJsonDocument document
+        = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
     m_out << QString::fromUtf8(document.toJson(QJsonDocument::Compact)) << '\n';
     m_out.flush();
 }

@@ -9,8 +9,8 @@
 #include <QFileInfo>
 #include <cstdio>
 #include <fcntl.h>
-#include <unistd.h>
 #include <optional>
+#include <unistd.h>
 
 namespace {
 
@@ -22,8 +22,8 @@ constexpr qint64 RangeSpan = 64 << 20;
 
 QJsonObject Downloader::Result::json() const
 {
-    return QJsonObject { { "path", remote }, { "local", local }, { "bytes", bytes }, { "resumed_from", resumedFrom },
-        { "hash", hash }, { "ms", ms } };
+    return QJsonObject { { "path", remote }, { "local", local }, { "bytes", bytes },
+        { "resumed_from", resumedFrom }, { "hash", hash }, { "ms", ms } };
 }
 
 Downloader::Downloader(RemoteTree& endpoint, Progress& progress)
@@ -38,7 +38,8 @@ QString Downloader::partPath(const QString& localPath, const QString& rev)
     return target.absoluteDir().filePath(QStringLiteral(".%1.nbcli-%2.part").arg(target.fileName(), rev));
 }
 
-Downloader::Result Downloader::get(const QString& remotePath, const RemoteEntry& entry, const QString& givenPath)
+Downloader::Result Downloader::get(
+    const QString& remotePath, const RemoteEntry& entry, const QString& givenPath)
 {
     Result result;
     result.remote = remotePath;
@@ -60,7 +61,8 @@ Downloader::Result Downloader::get(const QString& remotePath, const RemoteEntry&
     if (target.exists() && !target.isFile() && !target.isDir()) {
         const int fd = ::open(QFile::encodeName(localPath).constData(), O_WRONLY | O_CLOEXEC);
         if (fd < 0)
-            throw Failure(Exit::Local, QStringLiteral("cannot write %1: %2").arg(givenPath, qt_error_string(errno)));
+            throw Failure(
+                Exit::Local, QStringLiteral("cannot write %1: %2").arg(givenPath, qt_error_string(errno)));
         try {
             stream(remotePath, entry, fd, givenPath, result);
         } catch (...) {
@@ -122,7 +124,8 @@ Downloader::Result Downloader::get(const QString& remotePath, const RemoteEntry&
     }
     // rename(2) replaces the target in one step: it is the old file or the whole new one.
     if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(localPath).constData()) != 0)
-        throw Failure(Exit::Local, QStringLiteral("cannot write %1: %2").arg(givenPath, qt_error_string(errno)));
+        throw Failure(
+            Exit::Local, QStringLiteral("cannot write %1: %2").arg(givenPath, qt_error_string(errno)));
     result.ms = clock.elapsed();
     m_progress.endFile();
     return result;
@@ -218,7 +221,8 @@ QString Downloader::Hashing::result()
     return ChunkHasher::fileHash(hashes);
 }
 
-void Downloader::stream(const QString& remotePath, const RemoteEntry& entry, int fd, const QString& shown, Result& result)
+void Downloader::stream(
+    const QString& remotePath, const RemoteEntry& entry, int fd, const QString& shown, Result& result)
 {
     const QString what = QStringLiteral("download %1").arg(m_tree.describe(remotePath));
     m_progress.beginFile(shown, entry.bytes);
@@ -231,7 +235,8 @@ void Downloader::stream(const QString& remotePath, const RemoteEntry& entry, int
         QByteArray piece;
         const RequestRunner::Start ranged = [&](NBCompletionCallback done) {
             piece.clear();
-            return m_tree.downloadRange(remotePath, QStringLiteral("bytes=%1-%2").arg(QString::number(written), QString::number(end)),
+            return m_tree.downloadRange(remotePath,
+                QStringLiteral("bytes=%1-%2").arg(QString::number(written), QString::number(end)),
                 [&](const QByteArray& data) {
                     piece += data;
                     m_progress.setDone(written + piece.size());
@@ -242,14 +247,16 @@ void Downloader::stream(const QString& remotePath, const RemoteEntry& entry, int
         if (!reply.ok())
             throw RequestRunner::failureOf(what, reply);
         if (reply.data.statusCode != 206 || piece.size() != end - written + 1)
-            throw Failure(Exit::Network, QStringLiteral("%1: the server did not send the range asked for").arg(what),
+            throw Failure(Exit::Network,
+                QStringLiteral("%1: the server did not send the range asked for").arg(what),
                 QStringLiteral("damaged"));
         for (qint64 at = 0; at < piece.size();) {
             const ssize_t n = ::write(fd, piece.constData() + at, size_t(piece.size() - at));
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
-                throw Failure(Exit::Local, QStringLiteral("cannot write %1: %2").arg(shown, qt_error_string(errno)));
+                throw Failure(
+                    Exit::Local, QStringLiteral("cannot write %1: %2").arg(shown, qt_error_string(errno)));
             at += n;
         }
         hash.add(piece.constData(), piece.size());
@@ -258,7 +265,8 @@ void Downloader::stream(const QString& remotePath, const RemoteEntry& entry, int
     result.hash = hash.result();
     if (!entry.hash.isEmpty() && entry.hash != result.hash)
         throw Failure(Exit::Network,
-            QStringLiteral("%1 arrived damaged (hash %2, the server's %3): what was written to %4 is not the file")
+            QStringLiteral(
+                "%1 arrived damaged (hash %2, the server's %3): what was written to %4 is not the file")
                 .arg(m_tree.describe(remotePath), result.hash, entry.hash, shown),
             QStringLiteral("damaged"));
     m_progress.endFile();

@@ -37,7 +37,8 @@ public:
 
 private:
     // Into a device, a FIFO or standard output (`fd`), without a temporary file.
-    void stream(const QString& remotePath, const RemoteEntry& entry, int fd, const QString& shown, Result& result);
+    void stream(
+        const QString& remotePath, const RemoteEntry& entry, int fd, const QString& shown, Result& result);
     void fetchWhole(const QString& remotePath, const QString& part);
     void fetchRest(const QString& remotePath, const QString& part, qint64 total);
     QString hashOf(const QString& path);

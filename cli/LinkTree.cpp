@@ -1,7 +1,6 @@
 #include "LinkTree.h"
 
-LinkTree::LinkTree(
-    RequestRunner& runner, const QString& server, const QString& code, const QString& password)
+LinkTree::LinkTree(RequestRunner& runner, const QString& server, const QString& code, const QString& password)
     : RemoteTree(runner)
     , m_server(server)
     , m_code(code)

@@ -21,10 +21,12 @@ public:
     RequestRunner::Start authorise(const QString& path, qint64 bytes) override;
     RequestRunner::Start uploadWhole(const Upload& upload, const QString& path, const QString& localPath,
         NBUploadProgressCallback onProgress) override;
-    RequestRunner::Start queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash) override;
-    RequestRunner::Start uploadChunk(
-        const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress) override;
-    RequestRunner::Start commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
+    RequestRunner::Start queryChunk(
+        const Upload& upload, const QString& path, qint64 bytes, const QString& hash) override;
+    RequestRunner::Start uploadChunk(const Upload& upload, const QString& hash, const QByteArray& data,
+        NBUploadProgressCallback onProgress) override;
+    RequestRunner::Start commit(
+        const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
     RequestRunner::Start downloadWhole(
         const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress) override;
     RequestRunner::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,

@@ -11,11 +11,13 @@
 
 namespace {
 
-const OptionSpec DryRun = OptionSpec::flag({ "dry-run" }, "Check with the server and say what would change; change nothing.");
+const OptionSpec DryRun
+    = OptionSpec::flag({ "dry-run" }, "Check with the server and say what would change; change nothing.");
 
 QString when(qint64 seconds)
 {
-    return seconds > 0 ? QDateTime::fromSecsSinceEpoch(seconds).toString(QStringLiteral("yyyy-MM-dd HH:mm")) : QStringLiteral("-");
+    return seconds > 0 ? QDateTime::fromSecsSinceEpoch(seconds).toString(QStringLiteral("yyyy-MM-dd HH:mm"))
+                       : QStringLiteral("-");
 }
 
 QString size(qint64 bytes, bool human)
@@ -29,17 +31,20 @@ QString lockNote(const RemoteEntry& entry)
     if (!entry.locked)
         return QString();
     return entry.lockOwner.isEmpty() ? QStringLiteral(" (locked)")
-                                     : QStringLiteral(" (locked by ") + entry.lockOwner + QStringLiteral(" until ")
-            + when(entry.lockExpires) + QLatin1Char(')');
+                                     : QStringLiteral(" (locked by ") + entry.lockOwner
+            + QStringLiteral(" until ") + when(entry.lockExpires) + QLatin1Char(')');
 }
 
 // Type, size, time, revision, name: joined, not substituted, so that a name is shown as it is.
 QString longLine(const RemoteEntry& entry, bool human)
 {
-    return (entry.dir ? QStringLiteral("d ") : entry.locked ? QStringLiteral("L ") : QStringLiteral("- "))
-        + (entry.dir ? QStringLiteral("-") : size(entry.bytes, human)).rightJustified(12) + QStringLiteral("  ")
-        + when(entry.modified) + QStringLiteral("  ") + (entry.rev.isEmpty() ? QStringLiteral("-") : entry.rev).rightJustified(4)
-        + QStringLiteral("  ") + entry.name + (entry.dir ? QStringLiteral("/") : QString()) + lockNote(entry);
+    return (entry.dir             ? QStringLiteral("d ")
+                   : entry.locked ? QStringLiteral("L ")
+                                  : QStringLiteral("- "))
+        + (entry.dir ? QStringLiteral("-") : size(entry.bytes, human)).rightJustified(12)
+        + QStringLiteral("  ") + when(entry.modified) + QStringLiteral("  ")
+        + (entry.rev.isEmpty() ? QStringLiteral("-") : entry.rev).rightJustified(4) + QStringLiteral("  ")
+        + entry.name + (entry.dir ? QStringLiteral("/") : QString()) + lockNote(entry);
 }
 
 QStringList normalised(const QStringList& paths)
@@ -65,7 +70,8 @@ void ls(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
             for (const RemoteEntry& entry : entries) {
                 const QString at = top.dir ? RemotePath::join(path, entry.name) : path;
                 cli.output.result(entry.report(at),
-                    longForm ? longLine(entry, human) : entry.name + (entry.dir ? QStringLiteral("/") : QString()));
+                    longForm ? longLine(entry, human)
+                             : entry.name + (entry.dir ? QStringLiteral("/") : QString()));
             }
         } catch (const Failure& failure) {
             if (failure.exit == Exit::Interrupted || paths.size() == 1)
@@ -81,16 +87,17 @@ void stat(Cli& cli, const QCommandLineParser&, const QStringList& args)
     for (const QString& path : normalised(args)) {
         try {
             const RemoteEntry entry = drive.entry(path);
-            QString text = path + QStringLiteral("\n  type: ") + (entry.dir ? QStringLiteral("folder") : QStringLiteral("file"))
-                + QStringLiteral("\n  bytes: ") + QString::number(entry.bytes) + QStringLiteral("\n  rev: ") + entry.rev
-                + QStringLiteral("\n  modified: ") + when(entry.modified) + QStringLiteral("\n  neid: ")
-                + entry.json.value("neid").toVariant().toString();
+            QString text = path + QStringLiteral("\n  type: ")
+                + (entry.dir ? QStringLiteral("folder") : QStringLiteral("file"))
+                + QStringLiteral("\n  bytes: ") + QString::number(entry.bytes) + QStringLiteral("\n  rev: ")
+                + entry.rev + QStringLiteral("\n  modified: ") + when(entry.modified)
+                + QStringLiteral("\n  neid: ") + entry.json.value("neid").toVariant().toString();
             if (!entry.hash.isEmpty())
                 text += QStringLiteral("\n  hash: ") + entry.hash;
             if (entry.locked)
                 text += entry.lockOwner.isEmpty() ? QStringLiteral("\n  locked: yes")
-                                                  : QStringLiteral("\n  locked: by ") + entry.lockOwner + QStringLiteral(" until ")
-                        + when(entry.lockExpires);
+                                                  : QStringLiteral("\n  locked: by ") + entry.lockOwner
+                        + QStringLiteral(" until ") + when(entry.lockExpires);
             cli.output.result(entry.report(path), text);
         } catch (const Failure& failure) {
             if (failure.exit == Exit::Interrupted)
@@ -109,7 +116,8 @@ void mkdir(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         try {
             const QString parent = RemotePath::parent(path);
             if (!parents && parent != QLatin1String("/") && !drive.find(parent))
-                throw Failure(Exit::Refused, QStringLiteral("cannot create %1: no folder %2 (-p creates it)").arg(path, parent),
+                throw Failure(Exit::Refused,
+                    QStringLiteral("cannot create %1: no folder %2 (-p creates it)").arg(path, parent),
                     QStringLiteral("file/folder not found"));
             const QString what = QStringLiteral("create folder %1").arg(path);
             const Reply reply = cli.runner.fetch(what, drive.makeFolder(path));
@@ -117,12 +125,14 @@ void mkdir(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
                 NBBaseParse reading;
                 reading.ParseResp(reply.data);
                 if (parents && reading.errorCode() == CNBParseProcessor::TargetExists) {
-                    cli.output.done(QJsonObject { { "path", path }, { "created", false } }, QStringLiteral("exists ") + path);
+                    cli.output.done(QJsonObject { { "path", path }, { "created", false } },
+                        QStringLiteral("exists ") + path);
                     continue;
                 }
                 throw RequestRunner::failureOf(what, reply);
             }
-            cli.output.done(QJsonObject { { "path", path }, { "created", true } }, QStringLiteral("created ") + path);
+            cli.output.done(
+                QJsonObject { { "path", path }, { "created", true } }, QStringLiteral("created ") + path);
         } catch (const Failure& failure) {
             if (failure.exit == Exit::Interrupted)
                 throw;
@@ -137,15 +147,19 @@ QJsonArray taskResults(Cli& cli, const QString& what, const QJsonObject& started
     const QString taskId = started.value("task_id").toString();
     QJsonObject state = started;
     const QDeadlineTimer deadline(10 * 60 * 1000);
-    for (int poll = 0; state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
+    for (int poll = 0;
+         state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
         if (taskId.isEmpty() || deadline.hasExpired())
-            throw Failure(Exit::Network, QStringLiteral("%1: the server's task did not finish; look again later").arg(what),
+            throw Failure(Exit::Network,
+                QStringLiteral("%1: the server's task did not finish; look again later").arg(what),
                 QStringLiteral("timeout"));
         if (poll > 0)
             cli.runner.sleep(qMin(250 * poll, 2000));
         state = cli.runner
                     .call(QStringLiteral("ask about task %1").arg(taskId),
-                        [taskId](NBCompletionCallback done) { return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done)); })
+                        [taskId](NBCompletionCallback done) {
+                            return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done));
+                        })
                     .json;
     }
     return state.value("results").toArray();
@@ -157,25 +171,32 @@ Failure entryFailure(const QString& what, const QJsonObject& result)
     const QString code = result.value("code").toString();
     const QString message = result.value("message").toString(code);
     return Failure(Exit::Refused,
-        QStringLiteral("%1 failed for %2: %3").arg(what, result.value("path").toString(), message == code ? code : code + QStringLiteral(": ") + message),
+        QStringLiteral("%1 failed for %2: %3")
+            .arg(what, result.value("path").toString(),
+                message == code ? code : code + QStringLiteral(": ") + message),
         code);
 }
 
 // Each entry's outcome of a task.
-void reportTask(Cli& cli, const QString& verb, const QString& what, const QJsonArray& results, bool missingIsFine = false)
+void reportTask(
+    Cli& cli, const QString& verb, const QString& what, const QJsonArray& results, bool missingIsFine = false)
 {
     for (const QJsonValue& value : results) {
         const QJsonObject result = value.toObject();
         const QString path = result.value("path").toString();
         QJsonObject item { { "path", path } };
-        if (!result.value("ok").toBool() && !(missingIsFine && result.value("code").toString() == QLatin1String("file/folder not found"))) {
+        if (!result.value("ok").toBool()
+            && !(
+                missingIsFine && result.value("code").toString() == QLatin1String("file/folder not found"))) {
             cli.output.failed(item, entryFailure(what, result));
             continue;
         }
         if (result.contains("to"))
             item.insert("to", result.value("to").toString());
         cli.output.done(item,
-            verb + QLatin1Char(' ') + path + (result.contains("to") ? QStringLiteral(" -> ") + result.value("to").toString() : QString()));
+            verb + QLatin1Char(' ') + path
+                + (result.contains("to") ? QStringLiteral(" -> ") + result.value("to").toString()
+                                         : QString()));
     }
 }
 
@@ -197,13 +218,15 @@ QStringList existingSources(Cli& cli, const QStringList& sources)
             found << source;
         else
             cli.output.failed(QJsonObject { { "path", source } },
-                Failure(Exit::Refused, QStringLiteral("%1: no such file or folder").arg(source), QStringLiteral("file/folder not found")));
+                Failure(Exit::Refused, QStringLiteral("%1: no such file or folder").arg(source),
+                    QStringLiteral("file/folder not found")));
     }
     return found;
 }
 
 // A batch copy or move of the sources into the folder: the task's results.
-QJsonArray batchInto(Cli& cli, const QStringList& sources, const QString& target, bool copy, const QString& what)
+QJsonArray batchInto(
+    Cli& cli, const QStringList& sources, const QString& target, bool copy, const QString& what)
 {
     NBServerApiBatchMoveModel model;
     model.from = entries(cli, sources);
@@ -225,13 +248,16 @@ void intoFolder(Cli& cli, const QStringList& sources, const QString& target, boo
         for (const QString& source : sources) {
             const QString to = RemotePath::join(target, RemotePath::name(source));
             cli.output.done(QJsonObject { { "dry_run", true }, { "path", source }, { "to", to } },
-                QStringLiteral("would %1 %2 -> %3").arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source, to));
+                QStringLiteral("would %1 %2 -> %3")
+                    .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source, to));
         }
         return;
     }
     const QString what = QStringLiteral("%1 %2 to %3")
-                             .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), sources.join(QLatin1String(", ")), target);
-    reportTask(cli, copy ? QStringLiteral("copied") : QStringLiteral("moved"), what, batchInto(cli, sources, target, copy, what));
+                             .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"),
+                                 sources.join(QLatin1String(", ")), target);
+    reportTask(cli, copy ? QStringLiteral("copied") : QStringLiteral("moved"), what,
+        batchInto(cli, sources, target, copy, what));
 }
 
 QJsonObject moveEntry(Cli& cli, const QString& from, const QString& to)
@@ -259,13 +285,16 @@ void moveOrCopy(Cli& cli, const QCommandLineParser& parser, const QStringList& a
         return intoFolder(cli, sources, target, copy, dryRun);
     const QString source = sources.first();
     if (existing)
-        throw Failure(Exit::Refused, QStringLiteral("%1 exists: give a new name, or a folder to put %2 into").arg(target, source),
+        throw Failure(Exit::Refused,
+            QStringLiteral("%1 exists: give a new name, or a folder to put %2 into").arg(target, source),
             QStringLiteral("target name exists"));
     const QJsonObject item { { "path", source }, { "to", target } };
     if (dryRun) {
         QJsonObject json = item;
         json.insert("dry_run", true);
-        cli.output.done(json, QStringLiteral("would %1 %2 -> %3").arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source, target));
+        cli.output.done(json,
+            QStringLiteral("would %1 %2 -> %3")
+                .arg(copy ? QStringLiteral("copy") : QStringLiteral("move"), source, target));
         return;
     }
     if (copy) {
@@ -278,8 +307,9 @@ void moveOrCopy(Cli& cli, const QCommandLineParser& parser, const QStringList& a
         const auto removeStaging = [&] {
             NBServerApiBatchDeleteModel cleanup;
             cleanup.pathes = entries(cli, { staging });
-            cli.runner.fetch(QStringLiteral("remove %1").arg(staging),
-                [cleanup](NBCompletionCallback done) { return ServerApi::BatchDelete(cleanup, std::move(done)); });
+            cli.runner.fetch(QStringLiteral("remove %1").arg(staging), [cleanup](NBCompletionCallback done) {
+                return ServerApi::BatchDelete(cleanup, std::move(done));
+            });
         };
         if (!staged.first().toObject().value("ok").toBool()) {
             removeStaging();
@@ -320,12 +350,14 @@ void rm(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         if (!entry) {
             if (!force)
                 cli.output.failed(QJsonObject { { "path", path } },
-                    Failure(Exit::Refused, QStringLiteral("%1: no such file or folder").arg(path), QStringLiteral("file/folder not found")));
+                    Failure(Exit::Refused, QStringLiteral("%1: no such file or folder").arg(path),
+                        QStringLiteral("file/folder not found")));
             continue;
         }
         if (entry->dir && !recursive) {
             cli.output.failed(QJsonObject { { "path", path } },
-                Failure(Exit::Usage, QStringLiteral("%1 is a folder: rm -r deletes it with what it holds").arg(path)));
+                Failure(Exit::Usage,
+                    QStringLiteral("%1 is a folder: rm -r deletes it with what it holds").arg(path)));
             continue;
         }
         paths << path;
@@ -334,14 +366,19 @@ void rm(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         return;
     if (parser.isSet("dry-run")) {
         for (const QString& path : qAsConst(paths))
-            cli.output.done(QJsonObject { { "dry_run", true }, { "path", path } }, QStringLiteral("would delete ") + path);
+            cli.output.done(QJsonObject { { "dry_run", true }, { "path", path } },
+                QStringLiteral("would delete ") + path);
         return;
     }
     NBServerApiBatchDeleteModel model;
     model.pathes = entries(cli, paths);
     const QString what = QStringLiteral("delete %1").arg(paths.join(QLatin1String(", ")));
-    const QJsonObject started
-        = cli.runner.call(what, [model](NBCompletionCallback done) { return ServerApi::BatchDelete(model, std::move(done)); }).json;
+    const QJsonObject started = cli.runner
+                                    .call(what,
+                                        [model](NBCompletionCallback done) {
+                                            return ServerApi::BatchDelete(model, std::move(done));
+                                        })
+                                    .json;
     reportTask(cli, QStringLiteral("deleted"), what, taskResults(cli, what, started), force);
 }
 
@@ -363,9 +400,10 @@ void revisions(Cli& cli, const QCommandLineParser& parser, const QStringList& ar
         const qint64 bytes = qint64(revision.value("bytes").toDouble());
         const qint64 modified = qint64(revision.value("modified").toDouble());
         const QString hash = revision.value("hash").toString();
-        cli.output.result(QJsonObject { { "path", path }, { "rev", rev }, { "bytes", bytes }, { "modified", modified }, { "hash", hash } },
-            rev.rightJustified(4) + QStringLiteral("  ") + QString::number(bytes).rightJustified(12) + QStringLiteral("  ")
-                + when(modified) + QStringLiteral("  ") + hash.left(16));
+        cli.output.result(QJsonObject { { "path", path }, { "rev", rev }, { "bytes", bytes },
+                              { "modified", modified }, { "hash", hash } },
+            rev.rightJustified(4) + QStringLiteral("  ") + QString::number(bytes).rightJustified(12)
+                + QStringLiteral("  ") + when(modified) + QStringLiteral("  ") + hash.left(16));
     }
 }
 
@@ -391,7 +429,8 @@ void unlock(Cli& cli, const QCommandLineParser&, const QStringList& args)
     const auto model = cli.drive().at<NBServerApiUnlockFileModel>(path);
     cli.runner.call(QStringLiteral("unlock %1").arg(path),
         [model](NBCompletionCallback done) { return ServerApi::UnlockFile(model, std::move(done)); });
-    cli.output.done(QJsonObject { { "path", path }, { "locked", false } }, QStringLiteral("unlocked ") + path);
+    cli.output.done(
+        QJsonObject { { "path", path }, { "locked", false } }, QStringLiteral("unlocked ") + path);
 }
 
 } // namespace
@@ -400,38 +439,47 @@ QList<Command> namespaceCommands()
 {
     return {
         { "ls", "[-l] [-h] [PATH...]", "List folders (every page of them), or show files.",
-            "With several paths, each folder's listing comes under its name. -l shows type (d a folder, L a file locked by "
+            "With several paths, each folder's listing comes under its name. -l shows type (d a folder, L a "
+            "file locked by "
             "someone), size, time, revision and name, and who holds a lock until when.\n\n"
             "  nbcli ls -lh /docs\n  nbcli ls --json / | jq -r '.results[].name'",
             { OptionSpec::flag({ "l", "long" }, "Type, size, time, revision and name."),
-                OptionSpec::flag({ "h", "human-readable" }, "Sizes in KiB, MiB, GiB."), OptionSpec::flag({ "a", "all" }, "Accepted for habit's sake: every entry is shown.") },
+                OptionSpec::flag({ "h", "human-readable" }, "Sizes in KiB, MiB, GiB."),
+                OptionSpec::flag({ "a", "all" }, "Accepted for habit's sake: every entry is shown.") },
             0, -1, Needs::Session, ls },
-        { "stat", "PATH...", "Show an entry: type, size, revision, time, identifiers, hash, lock.", "  nbcli stat /docs/a.txt", {}, 1, -1,
-            Needs::Session, stat },
+        { "stat", "PATH...", "Show an entry: type, size, revision, time, identifiers, hash, lock.",
+            "  nbcli stat /docs/a.txt", {}, 1, -1, Needs::Session, stat },
         { "mkdir", "[-p] PATH...", "Create folders.", "  nbcli mkdir -p /docs/2026/reports",
-            { OptionSpec::flag({ "p", "parents" }, "Create missing parents; a folder that exists is fine.") }, 1, -1, Needs::Session, mkdir },
+            { OptionSpec::flag({ "p", "parents" }, "Create missing parents; a folder that exists is fine.") },
+            1, -1, Needs::Session, mkdir },
         { "mv", "SRC... DEST", "Move or rename entries.",
-            "Into DEST when it ends in \"/\", is an existing folder, or several sources are given (one server task, its "
+            "Into DEST when it ends in \"/\", is an existing folder, or several sources are given (one "
+            "server task, its "
             "outcome reported per entry); otherwise the one source is renamed DEST.\n\n"
             "  nbcli mv /a.txt /b.txt\n  nbcli mv /a.txt /b.txt /archive",
             { DryRun }, 2, -1, Needs::Session, mv },
         { "cp", "SRC... DEST", "Copy entries.",
-            "Into DEST when it ends in \"/\", is an existing folder, or several sources are given; otherwise the one source "
+            "Into DEST when it ends in \"/\", is an existing folder, or several sources are given; otherwise "
+            "the one source "
             "is copied under the name DEST (a file stays a file). Folders are copied with what they hold.\n\n"
             "  nbcli cp /docs/a.txt /docs/b.txt\n  nbcli cp -r /docs /backup/",
-            { OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole."), DryRun }, 2, -1,
-            Needs::Session, cp },
+            { OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole."),
+                DryRun },
+            2, -1, Needs::Session, cp },
         { "rm", "[-r] [-f] PATH...", "Delete entries.",
             "One server task; its outcome is reported per entry.\n\n  nbcli rm -rf /old",
             { OptionSpec::flag({ "r", "recursive" }, "Delete folders too, with what they hold."),
                 OptionSpec::flag({ "f", "force" }, "What does not exist is no error."), DryRun },
             1, -1, Needs::Session, rm },
         { "revisions", "PATH", "List a file's revisions, newest first.", "  nbcli revisions /docs/a.txt",
-            { OptionSpec::value({ "limit" }, "At most N revisions (default: all).", "N", OptionSpec::Count) }, 1, 1, Needs::Session,
-            revisions },
-        { "lock", "[--time S] PATH", "Lock a file against other users' changes (yours go on).", "  nbcli lock --time 600 /docs/a.txt",
-            { OptionSpec::value({ "time" }, "Hold the lock S seconds (default 3600).", "S", OptionSpec::Count, "3600") }, 1, 1,
-            Needs::Session, lock },
-        { "unlock", "PATH", "Release a lock.", "  nbcli unlock /docs/a.txt", {}, 1, 1, Needs::Session, unlock },
+            { OptionSpec::value({ "limit" }, "At most N revisions (default: all).", "N", OptionSpec::Count) },
+            1, 1, Needs::Session, revisions },
+        { "lock", "[--time S] PATH", "Lock a file against other users' changes (yours go on).",
+            "  nbcli lock --time 600 /docs/a.txt",
+            { OptionSpec::value(
+                { "time" }, "Hold the lock S seconds (default 3600).", "S", OptionSpec::Count, "3600") },
+            1, 1, Needs::Session, lock },
+        { "unlock", "PATH", "Release a lock.", "  nbcli unlock /docs/a.txt", {}, 1, 1, Needs::Session,
+            unlock },
     };
 }

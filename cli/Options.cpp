@@ -4,7 +4,6 @@
 
 #include <QDir>
 #include <QRegularExpression>
-
 #include <cmath>
 
 OptionSpec OptionSpec::flag(QStringList names, QString description)
@@ -15,7 +14,8 @@ OptionSpec OptionSpec::flag(QStringList names, QString description)
     return spec;
 }
 
-OptionSpec OptionSpec::value(QStringList names, QString description, QString valueName, Kind kind, QString defaultValue)
+OptionSpec OptionSpec::value(
+    QStringList names, QString description, QString valueName, Kind kind, QString defaultValue)
 {
     OptionSpec spec;
     spec.names = std::move(names);
@@ -26,10 +26,11 @@ OptionSpec OptionSpec::value(QStringList names, QString description, QString val
     return spec;
 }
 
-OptionSpec OptionSpec::choice(QStringList names, QString description, QString valueName, QStringList choices,
-    QString defaultValue)
+OptionSpec OptionSpec::choice(
+    QStringList names, QString description, QString valueName, QStringList choices, QString defaultValue)
 {
-    OptionSpec spec = value(std::move(names), std::move(description), std::move(valueName), Choice, std::move(defaultValue));
+    OptionSpec spec = value(
+        std::move(names), std::move(description), std::move(valueName), Choice, std::move(defaultValue));
     spec.choices = std::move(choices);
     return spec;
 }
@@ -54,7 +55,8 @@ QString OptionSpec::synopsis() const
     QStringList spelled;
     for (const QString& name : names)
         spelled << (name.size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + name;
-    return spelled.join(QStringLiteral(", ")) + (valueName.isEmpty() ? QString() : QLatin1Char(' ') + valueName);
+    return spelled.join(QStringLiteral(", "))
+        + (valueName.isEmpty() ? QString() : QLatin1Char(' ') + valueName);
 }
 
 void OptionSpec::check(const QString& text, const QString& source) const
@@ -73,8 +75,10 @@ void OptionSpec::check(const QString& text, const QString& source) const
     case Count:
     case CountFromZero:
         if (!Options::count(text, kind == Count ? 1 : 0, most))
-            refuse(most > 0 ? QStringLiteral("a whole number from %1 to %2").arg(QString::number(kind == Count ? 1 : 0), QString::number(most))
-                            : QStringLiteral("a whole number from %1").arg(QString::number(kind == Count ? 1 : 0)));
+            refuse(most > 0
+                    ? QStringLiteral("a whole number from %1 to %2")
+                          .arg(QString::number(kind == Count ? 1 : 0), QString::number(most))
+                    : QStringLiteral("a whole number from %1").arg(QString::number(kind == Count ? 1 : 0)));
         return;
     case Duration:
         if (!Options::durationMs(text))

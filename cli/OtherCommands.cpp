@@ -22,18 +22,21 @@ void watch(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
     const QString path = RemotePath::normalise(args.value(0, QStringLiteral("/")));
     // The cursor is kept per server, account, space and folder, so each watch goes on
     // from where the last one of the same folder stopped.
-    const QString key = cli.settings.server + QLatin1Char(' ') + cli.settings.user + QLatin1Char(' ') + cli.space + QLatin1Char(':') + path;
+    const QString key = cli.settings.server + QLatin1Char(' ') + cli.settings.user + QLatin1Char(' ')
+        + cli.space + QLatin1Char(':') + path;
     QString cursor = parser.isSet("reset") ? QString() : cli.settings.cursors.value(key).toString();
     const int interval = *Options::durationMs(parser.value("interval"));
     auto model = cli.drive().at<NBServerApiDeltaModel>(path);
     for (;;) {
         model.cursor = cursor;
-        const QJsonObject page = cli.runner
-                                     .call(QStringLiteral("read the changes of %1").arg(path),
-                                         [model](NBCompletionCallback done) { return ServerApi::Delta(model, std::move(done)); })
-                                     .json;
+        const QJsonObject page
+            = cli.runner
+                  .call(QStringLiteral("read the changes of %1").arg(path),
+                      [model](NBCompletionCallback done) { return ServerApi::Delta(model, std::move(done)); })
+                  .json;
         if (page.value("reset").toBool())
-            cli.output.note(QStringLiteral("the server no longer knows where the last watch stopped: the whole state follows"));
+            cli.output.note(QStringLiteral(
+                "the server no longer knows where the last watch stopped: the whole state follows"));
         for (const QJsonValue& value : page.value("entries").toArray()) {
             const QJsonObject change = value.toObject();
             QJsonObject item = RemoteEntry::fromJson(change).report(change.value("path").toString());
@@ -70,7 +73,8 @@ void raw(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         address = cli.settings.server + address;
     const QUrl url(address);
     if (!url.isValid() || url.host().isEmpty())
-        throw Failure(Exit::Usage, QStringLiteral("\"%1\" is neither a path on the server nor an address").arg(args.at(1)));
+        throw Failure(Exit::Usage,
+            QStringLiteral("\"%1\" is neither a path on the server nor an address").arg(args.at(1)));
     QList<QPair<QString, QString>> params;
     for (const QString& pair : args.mid(2)) {
         if (!pair.contains(QLatin1Char('=')))
@@ -84,22 +88,28 @@ void raw(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         if (ownServer)
             params.append({ QStringLiteral("X-NIMBRA-SESS-ID"), cli.settings.session });
         else
-            cli.output.note(QStringLiteral("%1 is not the signed-in server: sent without the session").arg(originOf(url)));
+            cli.output.note(QStringLiteral("%1 is not the signed-in server: sent without the session")
+                                .arg(originOf(url)));
     }
     RequestRunner::Start start;
     if (method == QLatin1String("GET")) {
         QUrl withQuery(url);
         QUrlQuery query(withQuery);
         for (const auto& pair : qAsConst(params))
-            query.addQueryItem(QString::fromLatin1(QUrl::toPercentEncoding(pair.first)), QString::fromLatin1(QUrl::toPercentEncoding(pair.second)));
+            query.addQueryItem(QString::fromLatin1(QUrl::toPercentEncoding(pair.first)),
+                QString::fromLatin1(QUrl::toPercentEncoding(pair.second)));
         withQuery.setQuery(query);
         const QString full = withQuery.toString(QUrl::FullyEncoded);
-        start = [full](NBCompletionCallback done) { return ServerApi::GET(full, std::move(done)); };
+        start = [full](NBCompletionCallback done) {
+            return ServerApi::GET(full, std::move(done));
+        };
     } else {
         QMap<QString, QString> form;
         for (const auto& pair : qAsConst(params))
             form.insert(pair.first, pair.second);
-        start = [address, form](NBCompletionCallback done) { return ServerApi::POST(address, form, std::move(done)); };
+        start = [address, form](NBCompletionCallback done) {
+            return ServerApi::POST(address, form, std::move(done));
+        };
     }
     const Reply reply = cli.runner.fetch(QStringLiteral("%1 %2").arg(method, args.at(1)), start);
     const ResponseData& data = reply.data;
@@ -109,7 +119,8 @@ void raw(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
     QList<QByteArray> names = data.headers.keys();
     std::sort(names.begin(), names.end());
     for (const QByteArray& name : qAsConst(names)) {
-        const QString value = Console::redacted(QString::fromLatin1(name) + QStringLiteral(": ") + QString::fromLatin1(data.headers.value(name)))
+        const QString value = Console::redacted(
+            QString::fromLatin1(name) + QStringLiteral(": ") + QString::fromLatin1(data.headers.value(name)))
                                   .mid(name.size() + 2);
         headers.insert(QString::fromLatin1(name), value);
         headerText += QString::fromLatin1(name) + QStringLiteral(": ") + value + QLatin1Char('\n');
@@ -117,14 +128,16 @@ void raw(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
     const QString body = Console::redacted(data.body);
     const QJsonObject record { { "status", data.statusCode }, { "network_error", data.networkError },
         { "error", data.errorString }, { "headers", headers }, { "body", body } };
-    const QString text = QStringLiteral("status: ") + QString::number(data.statusCode) + QStringLiteral("\nnetwork error: ")
-        + QString::number(data.networkError) + (data.networkError == 0 ? QString() : QStringLiteral(" (") + data.errorString + QLatin1Char(')'))
+    const QString text = QStringLiteral("status: ") + QString::number(data.statusCode)
+        + QStringLiteral("\nnetwork error: ") + QString::number(data.networkError)
+        + (data.networkError == 0 ? QString() : QStringLiteral(" (") + data.errorString + QLatin1Char(')'))
         + QLatin1Char('\n') + headerText + QLatin1Char('\n') + body;
     if (reply.ok())
         return cli.output.result(record, text);
     if (!cli.console.json)
         cli.console.out(text);
-    cli.output.failed(record, RequestRunner::failureOf(QStringLiteral("%1 %2").arg(method, args.at(1)), reply));
+    cli.output.failed(
+        record, RequestRunner::failureOf(QStringLiteral("%1 %2").arg(method, args.at(1)), reply));
 }
 
 } // namespace
@@ -133,18 +146,24 @@ QList<Command> otherCommands()
 {
     return {
         { "watch", "[--once] [PATH]", "Print changes below a folder as they happen.",
-            "Follows the change feed from where the last watch of the same folder stopped (the first time: the whole state, "
-            "as creations). One line per change: create, modify, move (FROM -> TO) or delete; with --json one JSON object per "
+            "Follows the change feed from where the last watch of the same folder stopped (the first time: "
+            "the whole state, "
+            "as creations). One line per change: create, modify, move (FROM -> TO) or delete; with --json "
+            "one JSON object per "
             "line. Ctrl-C ends it.\n\n  nbcli watch --once /docs\n  nbcli watch --json / | jq -c .",
             { OptionSpec::flag({ "once" }, "Print what is pending and exit."),
-                OptionSpec::value({ "interval" }, "Poll every S seconds (default 2).", "S", OptionSpec::Duration, "2"),
+                OptionSpec::value(
+                    { "interval" }, "Poll every S seconds (default 2).", "S", OptionSpec::Duration, "2"),
                 OptionSpec::flag({ "reset" }, "Start from the whole state again.") },
             0, 1, Needs::Session, watch },
         { "raw", "GET|POST ADDRESS [key=value...]", "Send a generic request and print the whole record.",
-            "ADDRESS may be a path on the server (\"/v2/region/get\"). The pairs go in the query of a GET or the form of a "
-            "POST, with the session (as \"X-NIMBRA-SESS-ID\") when ADDRESS is on the signed-in server (never to another), "
+            "ADDRESS may be a path on the server (\"/v2/region/get\"). The pairs go in the query of a GET or "
+            "the form of a "
+            "POST, with the session (as \"X-NIMBRA-SESS-ID\") when ADDRESS is on the signed-in server (never "
+            "to another), "
             "unless --no-session. Sessions, tokens, codes and passwords in the reply are shown as ***(N).\n\n"
             "  nbcli raw GET /v2/user/info/get\n  nbcli raw POST /v2/log/logging action=open --json",
-            { OptionSpec::flag({ "no-session" }, "Send the request without the session.") }, 2, -1, Needs::Server, raw },
+            { OptionSpec::flag({ "no-session" }, "Send the request without the session.") }, 2, -1,
+            Needs::Server, raw },
     };
 }

@@ -56,7 +56,8 @@ void Output::note(const QString& line)
 
 QJsonObject Output::errorJson(const Failure& failure)
 {
-    return QJsonObject { { "code", failure.code }, { "message", failure.message }, { "exit", int(failure.exit) } };
+    return QJsonObject { { "code", failure.code }, { "message", failure.message },
+        { "exit", int(failure.exit) } };
 }
 
 int Output::finish()
@@ -65,8 +66,9 @@ int Output::finish()
         return end(std::nullopt);
     if (m_succeeded == 0)
         return end(m_firstFailure);
-    return end(Failure(Exit::Partial, QStringLiteral("%1 of %2 failed").arg(QString::number(m_failed),
-                                          QString::number(m_failed + m_succeeded))));
+    return end(Failure(Exit::Partial,
+        QStringLiteral("%1 of %2 failed")
+            .arg(QString::number(m_failed), QString::number(m_failed + m_succeeded))));
 }
 
 int Output::fail(const Failure& failure)
@@ -86,10 +88,12 @@ int Output::end(const std::optional<Failure>& failure)
     if (m_streamed) {
         // A stream ends with a line of its own only when it failed.
         if (failure)
-            m_console.outJson(QJsonObject { { "ok", false }, { "exit", exit }, { "error", errorJson(*failure) } });
+            m_console.outJson(
+                QJsonObject { { "ok", false }, { "exit", exit }, { "error", errorJson(*failure) } });
         return exit;
     }
-    QJsonObject document { { "command", m_command }, { "ok", !failure }, { "exit", exit }, { "results", m_results } };
+    QJsonObject document { { "command", m_command }, { "ok", !failure }, { "exit", exit },
+        { "results", m_results } };
     if (failure)
         document.insert("error", errorJson(*failure));
     m_console.outJson(document);

@@ -12,7 +12,6 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
-
 #include <optional>
 
 class Console;

@@ -68,7 +68,8 @@ void Progress::show(bool force)
     // for transfers shorter than that (with --progress a line a second from the start).
     const bool terminal = m_console.errIsTerminal();
     const qint64 interval = terminal ? 100 : m_console.progressInPipes ? 1000 : 5000;
-    const bool due = m_lastShown < 0 ? (terminal || m_console.progressInPipes || now >= interval) : now - m_lastShown >= interval;
+    const bool due = m_lastShown < 0 ? (terminal || m_console.progressInPipes || now >= interval)
+                                     : now - m_lastShown >= interval;
     if (!(due || (force && terminal)))
         return;
     m_lastShown = now;
@@ -77,15 +78,17 @@ void Progress::show(bool force)
     QString left = QStringLiteral("--:--");
     if (done > 0 && now > 0) {
         const qint64 seconds = (m_totalBytes - done) * now / done / 1000;
-        left = QString::number(seconds / 60) + QLatin1Char(':') + QStringLiteral("%1").arg(seconds % 60, 2, 10, QLatin1Char('0'));
+        left = QString::number(seconds / 60) + QLatin1Char(':')
+            + QStringLiteral("%1").arg(seconds % 60, 2, 10, QLatin1Char('0'));
     }
     const int percent = m_fileBytes > 0 ? int(m_fileDone * 100 / m_fileBytes) : 100;
     // The name is joined, not substituted: no text in it is read as a placeholder.
-    QString text = m_name + QLatin1Char(' ') + bytes(m_fileDone) + QLatin1Char('/') + bytes(m_fileBytes) + QLatin1Char(' ')
-        + QString::number(percent) + QStringLiteral("% | ");
+    QString text = m_name + QLatin1Char(' ') + bytes(m_fileDone) + QLatin1Char('/') + bytes(m_fileBytes)
+        + QLatin1Char(' ') + QString::number(percent) + QStringLiteral("% | ");
     if (m_totalFiles > 1)
         text += QStringLiteral("file %1 of %2, %3/%4 | ")
-                    .arg(QString::number(m_file), QString::number(m_totalFiles), bytes(done), bytes(m_totalBytes));
+                    .arg(QString::number(m_file), QString::number(m_totalFiles), bytes(done),
+                        bytes(m_totalBytes));
     text += QStringLiteral("%1 sent, %2, %3 left").arg(bytes(moved), rate(moved, now), left);
     m_console.progress(text);
 }

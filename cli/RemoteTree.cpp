@@ -27,7 +27,8 @@ RemoteEntry RemoteEntry::fromJson(const QJsonObject& object)
 
 QJsonObject RemoteEntry::report(const QString& path) const
 {
-    QJsonObject object { { "path", path }, { "name", name.isEmpty() ? path.mid(path.lastIndexOf(QLatin1Char('/')) + 1) : name },
+    QJsonObject object { { "path", path },
+        { "name", name.isEmpty() ? path.mid(path.lastIndexOf(QLatin1Char('/')) + 1) : name },
         { "type", dir ? "folder" : "file" }, { "bytes", bytes }, { "rev", rev }, { "modified", modified },
         { "hash", hash }, { "locked", locked } };
     if (!lockOwner.isEmpty()) {
@@ -75,8 +76,7 @@ QList<RemoteEntry> RemoteTree::list(const QString& folder)
     }
 }
 
-RemoteTree::Upload RemoteTree::authorised(
-    const QString& path, qint64 bytes, const QString& fallbackServer)
+RemoteTree::Upload RemoteTree::authorised(const QString& path, qint64 bytes, const QString& fallbackServer)
 {
     const QJsonObject reply
         = m_runner

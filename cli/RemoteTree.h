@@ -9,7 +9,6 @@
 #include <QList>
 #include <QString>
 #include <QStringList>
-
 #include <optional>
 
 struct RemoteEntry
@@ -55,16 +54,24 @@ public:
     virtual RequestRunner::Start listPage(const QString& folder, int offset, int limit) = 0;
     virtual RequestRunner::Start makeFolder(const QString& path) = 0;
     virtual RequestRunner::Start authorise(const QString& path, qint64 bytes) = 0;
-    virtual RequestRunner::Start uploadWhole(const Upload& upload, const QString& path, const QString& localPath,
-        NBUploadProgressCallback onProgress) = 0;
-    virtual RequestRunner::Start queryChunk(const Upload& upload, const QString& path, qint64 bytes, const QString& hash) = 0;
-    virtual RequestRunner::Start uploadChunk(
-        const Upload& upload, const QString& hash, const QByteArray& data, NBUploadProgressCallback onProgress) = 0;
-    virtual RequestRunner::Start commit(const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) = 0;
+    virtual RequestRunner::Start uploadWhole(const Upload& upload, const QString& path,
+        const QString& localPath, NBUploadProgressCallback onProgress)
+        = 0;
+    virtual RequestRunner::Start queryChunk(
+        const Upload& upload, const QString& path, qint64 bytes, const QString& hash)
+        = 0;
+    virtual RequestRunner::Start uploadChunk(const Upload& upload, const QString& hash,
+        const QByteArray& data, NBUploadProgressCallback onProgress)
+        = 0;
+    virtual RequestRunner::Start commit(
+        const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
+        = 0;
     virtual RequestRunner::Start downloadWhole(
-        const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress) = 0;
-    virtual RequestRunner::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,
-        NBDownloadProgressCallback onProgress) = 0;
+        const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress)
+        = 0;
+    virtual RequestRunner::Start downloadRange(const QString& path, const QString& range,
+        NBDataCallback onData, NBDownloadProgressCallback onProgress)
+        = 0;
 
     // Waited for; a refusal throws its Failure.
     RemoteEntry entry(const QString& path);

@@ -144,9 +144,10 @@ void RequestRunner::finish(const std::shared_ptr<Attempt>& attempt, const Respon
         && attempt->clock.elapsed() < m_budgetMs) {
         const int delay = retryDelay(data, attempt->tries);
         if (m_notify)
-            m_notify(QStringLiteral("retrying in %1 s: %2, attempt %3 of %4 (%5)")
-                         .arg(QString::number(delay / 1000.0, 'f', 1), reasonOf(data),
-                             QString::number(attempt->tries + 1), QString::number(m_retries + 1), attempt->what));
+            m_notify(
+                QStringLiteral("retrying in %1 s: %2, attempt %3 of %4 (%5)")
+                    .arg(QString::number(delay / 1000.0, 'f', 1), reasonOf(data),
+                        QString::number(attempt->tries + 1), QString::number(m_retries + 1), attempt->what));
         QTimer::singleShot(delay, this, [this, attempt] { launch(attempt); });
         return;
     }
@@ -166,7 +167,8 @@ bool RequestRunner::isLocalFileError(const ResponseData& data)
 
 bool RequestRunner::worthRetry(const ResponseData& data)
 {
-    if (data.statusCode == 429 || (data.statusCode >= 500 && data.statusCode != 501 && data.statusCode != 505))
+    if (data.statusCode == 429
+        || (data.statusCode >= 500 && data.statusCode != 501 && data.statusCode != 505))
         return true;
     if (data.statusCode >= 300 || isLocalFileError(data))
         return false;
@@ -268,13 +270,16 @@ QString RequestRunner::reasonOf(const ResponseData& data)
     case 7:
         return QStringLiteral("temporary network failure");
     }
-    return data.errorString.isEmpty() ? QStringLiteral("error %1").arg(QString::number(data.networkError)) : data.errorString;
+    return data.errorString.isEmpty() ? QStringLiteral("error %1").arg(QString::number(data.networkError))
+                                      : data.errorString;
 }
 
 Failure RequestRunner::failureOf(const QString& what, const Reply& reply)
 {
     const ResponseData& data = reply.data;
-    const auto say = [&what](const QString& text) { return what.isEmpty() ? text : what + QStringLiteral(": ") + text; };
+    const auto say = [&what](const QString& text) {
+        return what.isEmpty() ? text : what + QStringLiteral(": ") + text;
+    };
     if (!reply.served)
         return Failure(Exit::Usage, say(QStringLiteral("not offered by this server's deployment type")),
             QStringLiteral("not offered"));
@@ -282,42 +287,60 @@ Failure RequestRunner::failureOf(const QString& what, const Reply& reply)
         return Failure(Exit::Interrupted, say(QStringLiteral("cancelled")));
     if (isLocalFileError(data))
         return Failure(Exit::Local, say(data.errorString));
-    const QString tries = reply.attempts > 1 ? QStringLiteral(", %1 attempts").arg(QString::number(reply.attempts)) : QString();
+    const QString tries = reply.attempts > 1
+        ? QStringLiteral(", %1 attempts").arg(QString::number(reply.attempts))
+        : QString();
     if (data.statusCode == 0 || (data.statusCode < 300 && data.networkError != 0)) {
         if (data.networkError == 6) { // SslHandshakeFailedError
             const QString error = data.errorString.toLower();
-            if (error.contains(QLatin1String("wrong version number")) || error.contains(QLatin1String("http request"))
+            if (error.contains(QLatin1String("wrong version number"))
+                || error.contains(QLatin1String("http request"))
                 || error.contains(QLatin1String("packet length too long")))
                 return Failure(Exit::Usage,
-                    say(QStringLiteral("the server answers plain HTTP, not TLS, on that port: give its address with http://")),
+                    say(QStringLiteral("the server answers plain HTTP, not TLS, on that port: give its "
+                                       "address with http://")),
                     QStringLiteral("tls"));
             return Failure(Exit::Usage,
-                say(QStringLiteral("the server's TLS certificate is not trusted (%1); give --cacert FILE with its CA, or --insecure")
+                say(QStringLiteral("the server's TLS certificate is not trusted (%1); give --cacert FILE "
+                                   "with its CA, or --insecure")
                         .arg(data.errorString)),
                 QStringLiteral("tls"));
         }
         if (data.errorString == QLatin1String("TimeOut") || data.networkError == 4)
-            return Failure(Exit::Network, say(QStringLiteral("the server sent nothing in time (time-out%1); try again later").arg(tries)),
+            return Failure(Exit::Network,
+                say(QStringLiteral("the server sent nothing in time (time-out%1); try again later")
+                        .arg(tries)),
                 QStringLiteral("timeout"));
         if (data.networkError == 2)
-            return Failure(Exit::Network, say(QStringLiteral("the server closed the connection%1; try again later").arg(tries)));
+            return Failure(Exit::Network,
+                say(QStringLiteral("the server closed the connection%1; try again later").arg(tries)));
         if (data.networkError == 1)
             return Failure(Exit::Network,
-                say(QStringLiteral("cannot reach the server (connection refused%1); check the address and that the server runs").arg(tries)));
+                say(QStringLiteral("cannot reach the server (connection refused%1); check the address and "
+                                   "that the server runs")
+                        .arg(tries)));
         if (data.networkError == 3)
-            return Failure(Exit::Network, say(QStringLiteral("cannot find the server's host (%1)").arg(data.errorString)));
-        return Failure(Exit::Network, say(QStringLiteral("the connection failed (%1%2)").arg(reasonOf(data), tries)));
+            return Failure(Exit::Network,
+                say(QStringLiteral("cannot find the server's host (%1)").arg(data.errorString)));
+        return Failure(
+            Exit::Network, say(QStringLiteral("the connection failed (%1%2)").arg(reasonOf(data), tries)));
     }
     NBBaseParse reading;
     reading.ParseResp(data);
     const TransferErrorMessage error = reading.errorMsg();
-    const QString code = !error.code.isEmpty() ? error.code : !error.message.isEmpty() ? error.message : reasonOf(data);
-    const QString detail = !error.message.isEmpty() && error.message != code ? QStringLiteral(": ") + error.message : QString();
-    const QString status = QStringLiteral(" (HTTP %1, error %2)").arg(QString::number(data.statusCode), QString::number(reading.errorCode()));
+    const QString code = !error.code.isEmpty() ? error.code
+        : !error.message.isEmpty()             ? error.message
+                                               : reasonOf(data);
+    const QString detail = !error.message.isEmpty() && error.message != code
+        ? QStringLiteral(": ") + error.message
+        : QString();
+    const QString status = QStringLiteral(" (HTTP %1, error %2)")
+                               .arg(QString::number(data.statusCode), QString::number(reading.errorCode()));
     // What a server that failed or asked for patience says may go away.
-    if (data.statusCode >= 500 || data.statusCode == 429)
+    if (worthRetry(data))
         return Failure(Exit::Network,
-            say(code + detail + status + QStringLiteral("; the server failed%1, try again later").arg(tries)), code);
+            say(code + detail + status + QStringLiteral("; the server failed%1, try again later").arg(tries)),
+            code);
     QString hint;
     switch (reading.errorCode()) {
     case CNBParseProcessor::InvalidSession:
@@ -327,8 +350,9 @@ Failure RequestRunner::failureOf(const QString& what, const Reply& reply)
     case CNBParseProcessor::FileLocked: {
         // Locks are per user: the holder, where the server names them.
         const QString holder = reply.json.value("lock_owner").toString();
-        hint = holder.isEmpty() ? QStringLiteral("; another user holds the lock: try again when it is released")
-                                : QStringLiteral("; ask %1 to unlock it, or try again once the lock expires").arg(holder);
+        hint = holder.isEmpty()
+            ? QStringLiteral("; another user holds the lock: try again when it is released")
+            : QStringLiteral("; ask %1 to unlock it, or try again once the lock expires").arg(holder);
         break;
     }
     }

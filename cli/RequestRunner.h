@@ -8,12 +8,10 @@
 #include "Failure.h"
 
 #include <INBSeverApi.h>
-
 #include <QElapsedTimer>
 #include <QJsonObject>
 #include <QObject>
 #include <QSet>
-
 #include <functional>
 #include <memory>
 

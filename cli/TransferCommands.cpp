@@ -8,11 +8,13 @@
 
 namespace {
 
-const OptionSpec Jobs = OptionSpec::value({ "j", "jobs" }, "Up to N chunk requests in flight (default 8).", "N",
-    OptionSpec::Count, "8")
+const OptionSpec Jobs = OptionSpec::value(
+    { "j", "jobs" }, "Up to N chunk requests in flight (default 8).", "N", OptionSpec::Count, "8")
                             .atMost(64);
-const OptionSpec DryRun = OptionSpec::flag({ "dry-run" }, "Check with the server and say what would be done; change nothing.");
-const OptionSpec Recursive = OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole.");
+const OptionSpec DryRun
+    = OptionSpec::flag({ "dry-run" }, "Check with the server and say what would be done; change nothing.");
+const OptionSpec Recursive
+    = OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole.");
 
 int jobs(const QCommandLineParser& parser)
 {
@@ -22,13 +24,15 @@ int jobs(const QCommandLineParser& parser)
 void put(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
     DriveTree drive = cli.drive();
-    Transfers(cli, drive, jobs(parser)).put(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
+    Transfers(cli, drive, jobs(parser))
+        .put(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
 }
 
 void get(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
     DriveTree drive = cli.drive();
-    Transfers(cli, drive, jobs(parser)).get(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
+    Transfers(cli, drive, jobs(parser))
+        .get(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
 }
 
 // "CODE" or "CODE:PATH": the link's code, and the path inside its folder ("/" without one).
@@ -46,12 +50,14 @@ std::pair<QString, QString> linkAndPath(const QString& text)
 void share(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
     const QString verb = args.first();
-    const QString grammar = QStringLiteral("nbcli share get CODE[:PATH] LOCAL, or nbcli share put LOCAL CODE[:PATH]");
+    const QString grammar
+        = QStringLiteral("nbcli share get CODE[:PATH] LOCAL, or nbcli share put LOCAL CODE[:PATH]");
     if (verb != QLatin1String("get") && verb != QLatin1String("put"))
         throw Failure(Exit::Usage, QStringLiteral("usage: %1").arg(grammar));
     if (args.size() != 3)
         throw Failure(Exit::Usage,
-            QStringLiteral("share %1 takes two arguments, the remote one as CODE[:PATH]: %2").arg(verb, grammar));
+            QStringLiteral("share %1 takes two arguments, the remote one as CODE[:PATH]: %2")
+                .arg(verb, grammar));
     QString password = QProcessEnvironment::systemEnvironment().value("NB_SHARE_PASSWORD");
     if (parser.isSet("password"))
         password = parser.value("password");
@@ -67,7 +73,8 @@ void share(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         // The link wants a password and none was given: asked for on a terminal, never guessed.
         if (!cli.console.stdinIsTerminal())
             throw Failure(Exit::Usage,
-                QStringLiteral("the shared link %1 needs a password: give NB_SHARE_PASSWORD or --password-stdin, or run on a terminal")
+                QStringLiteral("the shared link %1 needs a password: give NB_SHARE_PASSWORD or "
+                               "--password-stdin, or run on a terminal")
                     .arg(code),
                 QStringLiteral("needs password"));
         password = cli.console.readSecret(QStringLiteral("password of the shared link %1: ").arg(code));
@@ -86,33 +93,52 @@ QList<Command> transferCommands()
 {
     return {
         { "put", "LOCAL... REMOTE", "Upload files and folders (\"-\": standard input).",
-            "Sources land as cp -r places them: into REMOTE (as REMOTE/NAME) when REMOTE ends in \"/\", is an existing "
-            "folder, or several sources are given; otherwise as REMOTE itself (a file's new name, or the folder a folder "
-            "becomes). A file of up to one chunk (4 MiB, or the server's size) goes whole; a larger one in chunks, hashed "
-            "(SHA-256) while earlier chunks are sent, only the chunks the server lacks, -j at a time, then committed. A put "
-            "that was interrupted sends only what is missing when run again. \"-\" reads standard input as it comes, in "
-            "chunks, into the file REMOTE. Existing files get a new revision; the file's hash is checked with the server's "
+            "Sources land as cp -r places them: into REMOTE (as REMOTE/NAME) when REMOTE ends in \"/\", is "
+            "an existing "
+            "folder, or several sources are given; otherwise as REMOTE itself (a file's new name, or the "
+            "folder a folder "
+            "becomes). A file of up to one chunk (4 MiB, or the server's size) goes whole; a larger one in "
+            "chunks, hashed "
+            "(SHA-256) while earlier chunks are sent, only the chunks the server lacks, -j at a time, then "
+            "committed. A put "
+            "that was interrupted sends only what is missing when run again. \"-\" reads standard input as "
+            "it comes, in "
+            "chunks, into the file REMOTE. Existing files get a new revision; the file's hash is checked "
+            "with the server's "
             "at the end.\n\n"
-            "  nbcli put big.iso /isos/\n  nbcli put photos /backup/photos      (the folder becomes /backup/photos)\n"
+            "  nbcli put big.iso /isos/\n  nbcli put photos /backup/photos      (the folder becomes "
+            "/backup/photos)\n"
             "  tar c docs | nbcli put - /backup/docs.tar",
             { Jobs, DryRun }, 2, -1, Needs::Session, put },
         { "get", "REMOTE... LOCAL", "Download files and folders (\"-\": standard output).",
-            "Targets follow the same rule as put: into LOCAL when it ends in \"/\", is an existing folder, or several sources "
-            "are given; otherwise LOCAL itself. Each file is written to a temporary file beside LOCAL and renamed once whole "
-            "and checked (size and hash); an interrupted get continues from the bytes already there. A symlink is followed "
-            "to its file; a device or a FIFO (/dev/null) is written in place; \"-\" writes one file to standard output; the "
+            "Targets follow the same rule as put: into LOCAL when it ends in \"/\", is an existing folder, "
+            "or several sources "
+            "are given; otherwise LOCAL itself. Each file is written to a temporary file beside LOCAL and "
+            "renamed once whole "
+            "and checked (size and hash); an interrupted get continues from the bytes already there. A "
+            "symlink is followed "
+            "to its file; a device or a FIFO (/dev/null) is written in place; \"-\" writes one file to "
+            "standard output; the "
             "hash is checked either way.\n\n"
-            "  nbcli get /isos/big.iso .\n  nbcli get /backup/photos ~/restore/\n  nbcli get /notes.txt - | less",
+            "  nbcli get /isos/big.iso .\n  nbcli get /backup/photos ~/restore/\n  nbcli get /notes.txt - | "
+            "less",
             { Jobs, DryRun, Recursive }, 2, -1, Needs::Session, get },
-        { "share", "get CODE[:PATH] LOCAL | put LOCAL CODE[:PATH]", "Download from or upload to a shared link.",
-            "PATH is inside the link's folder (without one: the folder itself); LOCAL is always given, placed as get and put "
-            "place it. The link's password comes from NB_SHARE_PASSWORD, from standard input with --password-stdin, from "
-            "--password (which other users of the machine can read in the process list) or, when the link asks for one and "
+        { "share", "get CODE[:PATH] LOCAL | put LOCAL CODE[:PATH]",
+            "Download from or upload to a shared link.",
+            "PATH is inside the link's folder (without one: the folder itself); LOCAL is always given, "
+            "placed as get and put "
+            "place it. The link's password comes from NB_SHARE_PASSWORD, from standard input with "
+            "--password-stdin, from "
+            "--password (which other users of the machine can read in the process list) or, when the link "
+            "asks for one and "
             "none was given, from a prompt on a terminal.\n\n"
             "  nbcli share get LINK9:/report.pdf .\n  nbcli share get LINK9 ./shared-folder\n"
             "  NB_SHARE_PASSWORD=secret nbcli share put draft.docx LINK9:/in/",
-            { Jobs, OptionSpec::value({ "password" }, "The link's password (prefer NB_SHARE_PASSWORD).", "P", OptionSpec::Text),
-                OptionSpec::flag({ "password-stdin" }, "Read the link's password from standard input."), DryRun },
+            { Jobs,
+                OptionSpec::value(
+                    { "password" }, "The link's password (prefer NB_SHARE_PASSWORD).", "P", OptionSpec::Text),
+                OptionSpec::flag({ "password-stdin" }, "Read the link's password from standard input."),
+                DryRun },
             3, -1, Needs::Server, share },
     };
 }

@@ -46,7 +46,8 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
     // itself, whatever form the given path takes.
     const QString base = QDir::cleanPath(QDir::current().absoluteFilePath(local));
     QStringList below;
-    QDirIterator walk(base, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator walk(
+        base, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
     while (walk.hasNext())
         below << walk.next();
     below.sort();
@@ -61,8 +62,9 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
 void Transfers::put(const QStringList& locals, const QString& remote, bool dryRun)
 {
     if (locals.contains(QStringLiteral("-")))
-        return locals.size() == 1 ? putStandardInput(remote, dryRun)
-                                  : throw Failure(Exit::Usage, QStringLiteral("put -: standard input is the only source"));
+        return locals.size() == 1
+            ? putStandardInput(remote, dryRun)
+            : throw Failure(Exit::Usage, QStringLiteral("put -: standard input is the only source"));
     const QString target = RemotePath::normalise(remote);
     const std::optional<RemoteEntry> existing = m_tree.find(target);
     const bool into = Placement::intoFolder(locals.size(), remote, existing && existing->dir);
@@ -72,16 +74,20 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
         const QString destination = Placement::remoteFor(target, local, into);
         const Item item { local, destination, info.isDir(), 0, {} };
         if (!info.exists() && !info.isSymLink()) {
-            m_cli.output.failed(itemJson(item), Failure(Exit::Local, QStringLiteral("no such file %1").arg(local)));
+            m_cli.output.failed(
+                itemJson(item), Failure(Exit::Local, QStringLiteral("no such file %1").arg(local)));
             continue;
         }
         if (Placement::localName(local).isEmpty()) {
-            m_cli.output.failed(itemJson(item), Failure(Exit::Usage, QStringLiteral("%1 has no name to put it under").arg(local)));
+            m_cli.output.failed(itemJson(item),
+                Failure(Exit::Usage, QStringLiteral("%1 has no name to put it under").arg(local)));
             continue;
         }
         if (info.isDir() && !into && existing && !existing->dir) {
             m_cli.output.failed(itemJson(item),
-                Failure(Exit::Refused, QStringLiteral("cannot put the folder %1 onto the file %2").arg(local, m_tree.describe(target)),
+                Failure(Exit::Refused,
+                    QStringLiteral("cannot put the folder %1 onto the file %2")
+                        .arg(local, m_tree.describe(target)),
                     QStringLiteral("not a folder")));
             continue;
         }
@@ -89,7 +95,8 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
     }
     if (dryRun) {
         if (into && !existing && target != QLatin1String("/"))
-            m_cli.output.done(QJsonObject { { "dry_run", true }, { "action", "create folder" }, { "path", m_tree.describe(target) } },
+            m_cli.output.done(QJsonObject { { "dry_run", true }, { "action", "create folder" },
+                                  { "path", m_tree.describe(target) } },
                 QStringLiteral("would create folder ") + m_tree.describe(target));
         for (const Item& item : qAsConst(items)) {
             QJsonObject json = itemJson(item);
@@ -100,7 +107,8 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
                 item.folder ? QStringLiteral("would create folder ") + m_tree.describe(item.remote)
                             : QStringLiteral("would put %1 -> %2 (%3, %4)")
                                   .arg(item.local, m_tree.describe(item.remote), Progress::bytes(item.bytes),
-                                      item.bytes > ChunkHasher::DefaultChunkSize ? QStringLiteral("in chunks") : QStringLiteral("whole")));
+                                      item.bytes > ChunkHasher::DefaultChunkSize ? QStringLiteral("in chunks")
+                                                                                 : QStringLiteral("whole")));
         }
         return;
     }
@@ -109,13 +117,14 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
     run(
         items, [this](const Item& item) { m_tree.ensureFolder(item.remote); },
         [this](Progress& progress, const Item& item) {
-            const Uploader::Result result = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
+            const Uploader::Result result
+                = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
             QJsonObject json = result.json();
             json.insert("path", m_tree.describe(item.remote));
             m_cli.output.done(json,
                 QStringLiteral("put %1 -> %2: %3, %4%5, hash ok")
-                    .arg(item.local, m_tree.describe(item.remote), Progress::bytes(result.bytes), result.how(),
-                        rate(result.bytesSent, result.ms)));
+                    .arg(item.local, m_tree.describe(item.remote), Progress::bytes(result.bytes),
+                        result.how(), rate(result.bytesSent, result.ms)));
         });
 }
 
@@ -124,7 +133,8 @@ void Transfers::putStandardInput(const QString& remote, bool dryRun)
     const QString target = RemotePath::normalise(remote);
     const std::optional<RemoteEntry> existing = m_tree.find(target);
     if (RemotePath::spelledAsFolder(remote) || (existing && existing->dir))
-        throw Failure(Exit::Usage, QStringLiteral("put - REMOTE: REMOTE names the file standard input becomes, not a folder"));
+        throw Failure(Exit::Usage,
+            QStringLiteral("put - REMOTE: REMOTE names the file standard input becomes, not a folder"));
     const Item item { QStringLiteral("-"), target, false, 0, {} };
     if (dryRun) {
         QJsonObject json = itemJson(item);
@@ -135,17 +145,20 @@ void Transfers::putStandardInput(const QString& remote, bool dryRun)
     }
     Progress progress(m_cli.console, m_cli.runner, 0, 1);
     attempt(item, [&] {
-        const Uploader::Result result = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).putStandardInput(target);
+        const Uploader::Result result
+            = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).putStandardInput(target);
         QJsonObject json = result.json();
         json.insert("path", m_tree.describe(target));
         m_cli.output.done(json,
             QStringLiteral("put standard input -> %1: %2, %3%4, hash ok")
-                .arg(m_tree.describe(target), Progress::bytes(result.bytes), result.how(), rate(result.bytesSent, result.ms)));
+                .arg(m_tree.describe(target), Progress::bytes(result.bytes), result.how(),
+                    rate(result.bytesSent, result.ms)));
     });
     progress.finish();
 }
 
-void Transfers::planRemote(const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
+void Transfers::planRemote(
+    const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
 {
     items->append(Item { local, remote, entry.dir, entry.dir ? 0 : entry.bytes, entry });
     if (!entry.dir)
@@ -160,7 +173,8 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
     if (toOutput && remotes.size() != 1)
         throw Failure(Exit::Usage, QStringLiteral("get REMOTE -: one remote file to standard output"));
     if (toOutput && m_cli.console.json)
-        throw Failure(Exit::Usage, QStringLiteral("get REMOTE - writes the file to standard output, which --json cannot share"));
+        throw Failure(Exit::Usage,
+            QStringLiteral("get REMOTE - writes the file to standard output, which --json cannot share"));
     const bool into = !toOutput && Placement::intoFolder(remotes.size(), local, QFileInfo(local).isDir());
     QList<Item> items;
     for (const QString& remote : remotes) {
@@ -168,13 +182,17 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
         attempt(Item { local, path, false, 0, {} }, [&] {
             const RemoteEntry entry = m_tree.entry(path);
             if (toOutput && entry.dir)
-                throw Failure(Exit::Usage, QStringLiteral("%1 is a folder: standard output takes one file").arg(m_tree.describe(path)));
+                throw Failure(Exit::Usage,
+                    QStringLiteral("%1 is a folder: standard output takes one file")
+                        .arg(m_tree.describe(path)));
             // A root has no name of its own but may have one to show (a link's folder).
             const QString name = entry.name.isEmpty() ? RemotePath::name(path) : entry.name;
             const QString destination = Placement::localFor(local, name, into);
             const QFileInfo there(destination);
             if (entry.dir && there.exists() && !there.isDir())
-                throw Failure(Exit::Local, QStringLiteral("cannot put the folder %1 onto the file %2").arg(m_tree.describe(path), destination));
+                throw Failure(Exit::Local,
+                    QStringLiteral("cannot put the folder %1 onto the file %2")
+                        .arg(m_tree.describe(path), destination));
             planRemote(path, entry, destination, &items);
         });
     }
@@ -185,8 +203,10 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
             json.insert("action", item.folder ? "create folder" : "get");
             json.insert("bytes", item.bytes);
             m_cli.output.done(json,
-                item.folder ? QStringLiteral("would create folder ") + item.local
-                            : QStringLiteral("would get %1 -> %2 (%3)").arg(m_tree.describe(item.remote), item.local, Progress::bytes(item.bytes)));
+                item.folder
+                    ? QStringLiteral("would create folder ") + item.local
+                    : QStringLiteral("would get %1 -> %2 (%3)")
+                          .arg(m_tree.describe(item.remote), item.local, Progress::bytes(item.bytes)));
         }
         return;
     }
@@ -197,13 +217,18 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
                 throw Failure(Exit::Local, QStringLiteral("cannot create the folder %1").arg(item.local));
         },
         [this, toOutput](Progress& progress, const Item& item) {
-            const Downloader::Result result = Downloader(m_tree, progress).get(item.remote, item.entry, item.local);
+            const Downloader::Result result
+                = Downloader(m_tree, progress).get(item.remote, item.entry, item.local);
             QJsonObject json = result.json();
             json.insert("path", m_tree.describe(item.remote));
-            const QString resumed = result.resumedFrom > 0 ? QStringLiteral(", resumed after ") + Progress::bytes(result.resumedFrom) : QString();
+            const QString resumed = result.resumedFrom > 0
+                ? QStringLiteral(", resumed after ") + Progress::bytes(result.resumedFrom)
+                : QString();
             const QString line = QStringLiteral("got %1 -> %2: %3%4%5, hash ok")
-                                     .arg(m_tree.describe(item.remote), toOutput ? QStringLiteral("standard output") : item.local,
-                                         Progress::bytes(result.bytes), rate(result.bytes - result.resumedFrom, result.ms), resumed);
+                                     .arg(m_tree.describe(item.remote),
+                                         toOutput ? QStringLiteral("standard output") : item.local,
+                                         Progress::bytes(result.bytes),
+                                         rate(result.bytes - result.resumedFrom, result.ms), resumed);
             // Standard output holds the file itself: the confirmation is a note then.
             if (toOutput)
                 m_cli.output.note(line);

@@ -8,7 +8,6 @@
 #include "RemoteTree.h"
 
 #include <QStringList>
-
 #include <functional>
 
 class Cli;
@@ -35,7 +34,8 @@ private:
     };
 
     void planLocal(const QString& local, const QString& remote, QList<Item>* items);
-    void planRemote(const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items);
+    void planRemote(
+        const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items);
     void putStandardInput(const QString& remote, bool dryRun);
     // Folders through `folder`, files through `file`, one after another with one progress.
     void run(const QList<Item>& items, const std::function<void(const Item&)>& folder,

@@ -8,7 +8,6 @@
 #include <QJsonArray>
 #include <QSet>
 #include <QSocketNotifier>
-
 #include <deque>
 #include <fcntl.h>
 #include <optional>
@@ -56,20 +55,23 @@ Uploader::Result Uploader::put(const QString& localPath, const QString& remotePa
     } else {
         QFile file(localPath);
         if (!file.open(QIODevice::ReadOnly))
-            throw Failure(Exit::Local, QStringLiteral("cannot read %1: %2").arg(localPath, file.errorString()));
+            throw Failure(
+                Exit::Local, QStringLiteral("cannot read %1: %2").arg(localPath, file.errorString()));
         // The file is hashed on worker threads; its chunks are read again when sent.
         auto hasher = std::make_shared<std::unique_ptr<ChunkHasher>>();
-        const Producer producer { [&, hasher](const auto& add, const auto& end) {
-                                     *hasher = std::make_unique<ChunkHasher>(
-                                         localPath,
-                                         [add](const ChunkHasher::Chunk& chunk) {
-                                             add(Piece { chunk.index, chunk.offset, chunk.length, chunk.hash, {} });
-                                         },
-                                         end);
-                                     (*hasher)->setChunkSize(chunkSize);
-                                     (*hasher)->start();
-                                 },
-            {} };
+        const Producer producer {
+            [&, hasher](const auto& add, const auto& end) {
+                *hasher = std::make_unique<ChunkHasher>(
+                    localPath,
+                    [add](const ChunkHasher::Chunk& chunk) {
+                        add(Piece { chunk.index, chunk.offset, chunk.length, chunk.hash, {} });
+                    },
+                    end);
+                (*hasher)->setChunkSize(chunkSize);
+                (*hasher)->start();
+            },
+            {}
+        };
         putChunks(result, upload, &file, producer);
     }
     result.ms = clock.elapsed();
@@ -95,39 +97,43 @@ Uploader::Result Uploader::putStandardInput(const QString& remotePath)
     QByteArray current;
     int index = 0;
     qint64 offset = 0;
-    const Producer producer { [&](const auto& add, const auto& end) {
-                                 QObject::connect(&notifier, &QSocketNotifier::activated, [&, add, end] {
-                                     const auto cut = [&] {
-                                         add(Piece { index++, offset, current.size(), ChunkHasher::chunkHash(current), current });
-                                         offset += current.size();
-                                         current.clear();
-                                     };
-                                     for (;;) {
-                                         const qint64 room = chunkSize - current.size();
-                                         const int at = current.size();
-                                         current.resize(int(chunkSize));
-                                         const ssize_t got = ::read(STDIN_FILENO, current.data() + at, size_t(room));
-                                         current.resize(at + int(qMax<ssize_t>(got, 0)));
-                                         if (got > 0) {
-                                             if (current.size() == chunkSize)
-                                                 cut();
-                                             if (!notifier.isEnabled())
-                                                 return; // held back: too many chunks wait
-                                             continue;
-                                         }
-                                         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
-                                             return;
-                                         notifier.setEnabled(false);
-                                         if (got < 0)
-                                             return end(qt_error_string(errno));
-                                         if (!current.isEmpty())
-                                             cut();
-                                         return end(QString());
-                                     }
-                                 });
-                                 notifier.setEnabled(true);
-                             },
-        [&](bool paused) { notifier.setEnabled(!paused); } };
+    const Producer producer {
+        [&](const auto& add, const auto& end) {
+            QObject::connect(&notifier, &QSocketNotifier::activated, [&, add, end] {
+                const auto cut = [&] {
+                    add(Piece { index++, offset, current.size(), ChunkHasher::chunkHash(current), current });
+                    offset += current.size();
+                    current.clear();
+                };
+                for (;;) {
+                    const qint64 room = chunkSize - current.size();
+                    const int at = current.size();
+                    current.resize(int(chunkSize));
+                    const ssize_t got = ::read(STDIN_FILENO, current.data() + at, size_t(room));
+                    current.resize(at + int(qMax<ssize_t>(got, 0)));
+                    if (got > 0) {
+                        if (current.size() == chunkSize)
+                            cut();
+                        if (!notifier.isEnabled())
+                            return; // held back: too many chunks wait
+                        continue;
+                    }
+                    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+                        return;
+                    notifier.setEnabled(false);
+                    if (got < 0)
+                        return end(qt_error_string(errno));
+                    if (!current.isEmpty())
+                        cut();
+                    return end(QString());
+                }
+            });
+            notifier.setEnabled(true);
+        },
+        [&](bool paused) {
+            notifier.setEnabled(!paused);
+        }
+    };
     putChunks(result, upload, nullptr, producer);
     result.bytes = offset;
     result.ms = clock.elapsed();
@@ -139,9 +145,11 @@ void Uploader::putWhole(Result& result, const RemoteTree::Upload& upload, qint64
 {
     QFile file(result.local);
     if (!file.open(QIODevice::ReadOnly))
-        throw Failure(Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()));
+        throw Failure(
+            Exit::Local, QStringLiteral("cannot read %1: %2").arg(result.local, file.errorString()));
     const QByteArray content = file.read(chunkSize + 1);
-    result.hash = ChunkHasher::fileHash(content.isEmpty() ? QStringList() : QStringList { ChunkHasher::chunkHash(content) });
+    result.hash = ChunkHasher::fileHash(
+        content.isEmpty() ? QStringList() : QStringList { ChunkHasher::chunkHash(content) });
     const Reply reply = m_tree.runner().call(QStringLiteral("upload %1").arg(m_tree.describe(result.remote)),
         m_tree.uploadWhole(upload, result.remote, result.local, [this](const UploadProgressData& progress) {
             if (progress.bytesTotal > 0)
@@ -151,7 +159,8 @@ void Uploader::putWhole(Result& result, const RemoteTree::Upload& upload, qint64
     checkHash(result, reply.json);
 }
 
-void Uploader::putChunks(Result& result, const RemoteTree::Upload& upload, QFile* file, const Producer& producer)
+void Uploader::putChunks(
+    Result& result, const RemoteTree::Upload& upload, QFile* file, const Producer& producer)
 {
     RequestRunner& runner = m_tree.runner();
     const QString target = m_tree.describe(result.remote);
@@ -197,7 +206,8 @@ void Uploader::putChunks(Result& result, const RemoteTree::Upload& upload, QFile
                     --queries;
                     if (!reply.ok())
                         return fail(RequestRunner::failureOf(what, reply));
-                    if (reply.json.value("needed").toArray().contains(piece.hash) && !claimed.contains(piece.hash)) {
+                    if (reply.json.value("needed").toArray().contains(piece.hash)
+                        && !claimed.contains(piece.hash)) {
                         claimed.insert(piece.hash);
                         toSend.push_back(index);
                     } else {
@@ -217,10 +227,12 @@ void Uploader::putChunks(Result& result, const RemoteTree::Upload& upload, QFile
                 data = file->read(piece.length);
             if (data.size() != piece.length)
                 return fail(Failure(Exit::Local,
-                    QStringLiteral("cannot read %1: %2").arg(result.local, file ? file->errorString() : QStringLiteral("short read"))));
+                    QStringLiteral("cannot read %1: %2")
+                        .arg(result.local, file ? file->errorString() : QStringLiteral("short read"))));
             ++sends;
             sending.insert(index, 0);
-            const QString what = QStringLiteral("upload chunk %1 of %2").arg(QString::number(index + 1), target);
+            const QString what
+                = QStringLiteral("upload chunk %1 of %2").arg(QString::number(index + 1), target);
             runner.start(what,
                 m_tree.uploadChunk(upload, piece.hash, data,
                     // Qt ends an upload with a report of 0 of 0; a retry starts again from 0.
@@ -275,7 +287,8 @@ void Uploader::putChunks(Result& result, const RemoteTree::Upload& upload, QFile
     result.chunks = hashes.size();
     result.bytes = bytes;
     result.hash = ChunkHasher::fileHash(hashes);
-    const Reply reply = runner.call(QStringLiteral("commit %1").arg(target), m_tree.commit(upload, result.remote, bytes, hashes));
+    const Reply reply = runner.call(
+        QStringLiteral("commit %1").arg(target), m_tree.commit(upload, result.remote, bytes, hashes));
     checkHash(result, reply.json);
 }
 

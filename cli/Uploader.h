@@ -11,7 +11,6 @@
 
 #include <QFile>
 #include <QJsonObject>
-
 #include <functional>
 
 class Progress;
@@ -58,7 +57,9 @@ private:
     // pieces wait with their bytes.
     struct Producer
     {
-        std::function<void(const std::function<void(Piece)>& add, const std::function<void(const QString&)>& end)> start;
+        std::function<void(
+            const std::function<void(Piece)>& add, const std::function<void(const QString&)>& end)>
+            start;
         std::function<void(bool paused)> hold;
     };
 

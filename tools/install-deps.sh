@@ -3,7 +3,7 @@
 # Does nothing when they are all present; runs apt-get update once otherwise.
 set -euo pipefail
 
-packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin
+packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin jq
     libboost1.81-dev libsqlite3-dev libssl-dev zlib1g-dev)
 case "${1:-}" in
 --bench) packages+=(nginx-light curl) ;;

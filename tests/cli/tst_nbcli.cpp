@@ -15,7 +15,6 @@
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QStandardPaths>
-
 #include <csignal>
 #include <memory>
 
@@ -70,7 +69,8 @@ int countTargets(const EmuProcess& emu, const QString& method, const QString& pa
 {
     int count = 0;
     for (const QJsonObject& line : emu.requests())
-        count += line.value("method").toString() == method && line.value("target").toString().contains(pathPart)
+        count += line.value("method").toString() == method
+                && line.value("target").toString().contains(pathPart)
                 && (status == 0 || line.value("status").toInt() == status)
             ? 1
             : 0;
@@ -101,13 +101,13 @@ private:
     // Output to a pipe never holds a carriage return or an escape byte; cleanup() checks.
     void checkPlain(const QStringList& args, const CliRun& run)
     {
-        if (run.out.contains(QLatin1Char('\r')) || run.err.contains(QLatin1Char('\r')) || run.out.contains(QChar(0x1b))
-            || run.err.contains(QChar(0x1b)))
+        if (run.out.contains(QLatin1Char('\r')) || run.err.contains(QLatin1Char('\r'))
+            || run.out.contains(QChar(0x1b)) || run.err.contains(QChar(0x1b)))
             m_dirty << args.join(QLatin1Char(' '));
     }
 
-    CliRun nbcli(const QStringList& args, const QMap<QString, QString>& env = {}, const QByteArray& input = {},
-        int timeoutMs = 180000)
+    CliRun nbcli(const QStringList& args, const QMap<QString, QString>& env = {},
+        const QByteArray& input = {}, int timeoutMs = 180000)
     {
         QProcess process;
         process.setProcessEnvironment(environment(env));
@@ -139,7 +139,8 @@ private:
 
     bool signIn(EmuProcess& emu, const QString& user = "alice", const QString& password = "secret")
     {
-        const CliRun run = nbcli({ "login", "--server", emu.url(), "--user", user }, { { "NB_PASSWORD", password } });
+        const CliRun run
+            = nbcli({ "login", "--server", emu.url(), "--user", user }, { { "NB_PASSWORD", password } });
         if (run.exit != 0)
             qWarning("login: %s %s", qPrintable(run.out), qPrintable(run.err));
         return run.exit == 0;
@@ -147,23 +148,30 @@ private:
 
     QString local(const QString& name) const { return m_dir.filePath(name); }
 
-#define CLI_OK(run)                                                                                              \
-    do {                                                                                                         \
-        const CliRun& r_ = (run);                                                                                \
-        QVERIFY2(r_.exit == 0, qPrintable(QStringLiteral("exit %1\n%2\n%3").arg(r_.exit).arg(r_.out, r_.err)));  \
+#define CLI_OK(run)                                                                                          \
+    do {                                                                                                     \
+        const CliRun& r_ = (run);                                                                            \
+        QVERIFY2(                                                                                            \
+            r_.exit == 0, qPrintable(QStringLiteral("exit %1\n%2\n%3").arg(r_.exit).arg(r_.out, r_.err)));   \
     } while (false)
 
 private slots:
-    void init() { m_dirty.clear(); }
+    void init()
+    {
+        m_dirty.clear();
+    }
 
-    void cleanup() { QVERIFY2(m_dirty.isEmpty(), qPrintable("carriage return or escape in a pipe: " + m_dirty.join(", "))); }
+    void cleanup()
+    {
+        QVERIFY2(m_dirty.isEmpty(), qPrintable("carriage return or escape in a pipe: " + m_dirty.join(", ")));
+    }
 
     void helpAndUsage()
     {
         CliRun run = nbcli({ "--help" });
         QCOMPARE(run.exit, 0);
-        for (const char* command : { "login", "logout", "whoami", "ls", "stat", "mkdir", "mv", "cp", "rm", "revisions",
-                 "lock", "unlock", "put", "get", "watch", "share", "raw" })
+        for (const char* command : { "login", "logout", "whoami", "ls", "stat", "mkdir", "mv", "cp", "rm",
+                 "revisions", "lock", "unlock", "put", "get", "watch", "share", "raw" })
             QVERIFY2(run.out.contains(QRegularExpression(QStringLiteral("\n  %1 ").arg(command))), command);
         QVERIFY(run.out.contains("130 interrupted"));
         run = nbcli({ "ls", "--help" });
@@ -189,7 +197,8 @@ private slots:
     void loginKeepsTheSessionPrivate()
     {
         EmuProcess emu;
-        CliRun run = nbcli({ "login", "--server", emu.url(), "--user", "alice" }, { { "NB_PASSWORD", "wrong" } });
+        CliRun run
+            = nbcli({ "login", "--server", emu.url(), "--user", "alice" }, { { "NB_PASSWORD", "wrong" } });
         QCOMPARE(run.exit, 2);
         QVERIFY2(run.err.contains("invalid username or password"), qPrintable(run.err));
         QVERIFY(!run.err.contains("wrong"));
@@ -197,13 +206,16 @@ private slots:
         // The password from standard input; the scheme of a bare host found by probing; the
         // library's detailed trace on, so that it writes the sign-in's parameters.
         const QString bare = emu.url().mid(QStringLiteral("http://").size());
-        run = nbcli({ "login", "--verbose", "--server", bare, "--user", "alice", "--password-stdin" }, {}, "secret\n");
+        run = nbcli({ "login", "--verbose", "--server", bare, "--user", "alice", "--password-stdin" }, {},
+            "secret\n");
         CLI_OK(run);
         QCOMPARE(run.out.trimmed(), QStringLiteral("signed in to %1 as alice (public cloud)").arg(emu.url()));
 
-        const QString config = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/nbcli";
-        const QFileDevice::Permissions others = QFileDevice::ReadGroup | QFileDevice::WriteGroup | QFileDevice::ExeGroup
-            | QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther;
+        const QString config
+            = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/nbcli";
+        const QFileDevice::Permissions others = QFileDevice::ReadGroup | QFileDevice::WriteGroup
+            | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::WriteOther
+            | QFileDevice::ExeOther;
         const QFileDevice::Permissions file = QFileInfo(config + "/session.json").permissions();
         QCOMPARE(file & others, QFileDevice::Permissions());
         QCOMPARE(file & (QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner),
@@ -226,7 +238,8 @@ private slots:
         QVERIFY(run.err.contains("run nbcli login"));
 
         // The library's log holds neither the password nor the session.
-        QFile log(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + "/NimbraData/Log/Transfer.log");
+        QFile log(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
+            + "/NimbraData/Log/Transfer.log");
         QVERIFY(log.open(QIODevice::ReadOnly));
         const QByteArray logged = log.readAll();
         QVERIFY(logged.contains("password=***(6)"));
@@ -236,7 +249,8 @@ private slots:
         CLI_OK(nbcli({ "logout" }));
         run = nbcli({ "whoami" });
         QCOMPARE(run.exit, 2);
-        QCOMPARE(run.err.trimmed(), QStringLiteral("nbcli: not signed in to %1: run nbcli login").arg(emu.url()));
+        QCOMPARE(
+            run.err.trimmed(), QStringLiteral("nbcli: not signed in to %1: run nbcli login").arg(emu.url()));
     }
 
     void tlsVerifiedUnlessAskedNotTo()
@@ -259,8 +273,9 @@ private slots:
         // The CA given at login stays with the session.
         CLI_OK(nbcli({ "whoami" }));
         // Another folder, another run: the CA file was kept by its absolute path.
-        QVERIFY(QFileInfo(QJsonDocument::fromJson(readFile(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-                                                            + "/nbcli/session.json"))
+        QVERIFY(QFileInfo(QJsonDocument::fromJson(
+                              readFile(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
+                                  + "/nbcli/session.json"))
                               .object()
                               .value("cacert")
                               .toString())
@@ -280,7 +295,8 @@ private slots:
         QTest::qWait(2100);
         const CliRun run = nbcli({ "ls", "/" });
         QCOMPARE(run.exit, 2);
-        QVERIFY2(run.err.contains("Invalid session") && run.err.contains("session expired or missing: run nbcli login"),
+        QVERIFY2(run.err.contains("Invalid session")
+                && run.err.contains("session expired or missing: run nbcli login"),
             qPrintable(run.err));
     }
 
@@ -298,23 +314,30 @@ private slots:
         QVERIFY(run.err.contains("invalid otp"));
 
         // SMS: the code reaches the outbox; nbcli reads it from standard input.
-        auto sms = startCli({ "login", "--server", emu.url(), "--user", "bob", "--tfa", "sms", "--mobile", "13800000000" },
+        auto sms = startCli(
+            { "login", "--server", emu.url(), "--user", "bob", "--tfa", "sms", "--mobile", "13800000000" },
             { { "NB_PASSWORD", "pw" } });
         QString code;
-        QVERIFY(waitUntil([&] {
-            const QJsonArray outbox = emu.control("GET", "/__emu/outbox").value("messages").toArray();
-            code = outbox.isEmpty() ? QString() : outbox.last().toObject().value("text").toString();
-            return !code.isEmpty();
-        }, 20000));
+        QVERIFY(waitUntil(
+            [&] {
+                const QJsonArray outbox = emu.control("GET", "/__emu/outbox").value("messages").toArray();
+                code = outbox.isEmpty() ? QString() : outbox.last().toObject().value("text").toString();
+                return !code.isEmpty();
+            },
+            20000));
         sms->write(code.toUtf8() + '\n');
         QVERIFY(sms->waitForFinished(30000));
         QCOMPARE(sms->exitCode(), 0);
 
         // QR: polled until the control interface approves the user's sign-in.
-        auto qr = startCli({ "login", "--server", emu.url(), "--user", "bob", "--tfa", "qr" }, { { "NB_PASSWORD", "pw" } });
+        auto qr = startCli(
+            { "login", "--server", emu.url(), "--user", "bob", "--tfa", "qr" }, { { "NB_PASSWORD", "pw" } });
         QVERIFY(waitUntil([&] { return countTargets(emu, "GET", "/v2/tfa/stat/get") >= 2; }, 30000));
         QVERIFY(qr->state() == QProcess::Running);
-        QVERIFY(!emu.control("POST", "/__emu/approve", { { "user", "bob" } }).value("approved").toString().isEmpty());
+        QVERIFY(!emu.control("POST", "/__emu/approve", { { "user", "bob" } })
+                     .value("approved")
+                     .toString()
+                     .isEmpty());
         QVERIFY(qr->waitForFinished(30000));
         const QString said = QString::fromUtf8(qr->readAllStandardError());
         QVERIFY2(qr->exitCode() == 0, qPrintable(said));
@@ -345,7 +368,9 @@ private slots:
         CLI_OK(run);
         const QStringList lines = run.out.split('\n', Qt::SkipEmptyParts);
         QCOMPARE(lines.size(), 2);
-        QVERIFY2(lines[0].contains(QRegularExpression("^- +4  \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d +1  one.txt$")), qPrintable(lines[0]));
+        QVERIFY2(
+            lines[0].contains(QRegularExpression("^- +4  \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d +1  one.txt$")),
+            qPrintable(lines[0]));
         run = nbcli({ "ls", "--json", "/docs" });
         QCOMPARE(results(run.out).size(), 2);
         QCOMPARE(results(run.out).at(1).toObject().value("bytes").toInt(), 7);
@@ -355,7 +380,8 @@ private slots:
         QCOMPARE(first(nbcli({ "stat", "--json", "/docs" }).out).value("type").toString(), QString("folder"));
         run = nbcli({ "stat", "/nope" });
         QCOMPARE(run.exit, 2);
-        QCOMPARE(run.err.trimmed(), QString("nbcli: stat /nope: file/folder not found (HTTP 404, error 20005)"));
+        QCOMPARE(
+            run.err.trimmed(), QString("nbcli: stat /nope: file/folder not found (HTTP 404, error 20005)"));
 
         // A rename, a move into a folder, a copy, deletions: batch tasks polled to their end.
         run = nbcli({ "mv", "/docs/one.txt", "/docs/first.txt" });
@@ -422,7 +448,9 @@ private slots:
         const int before = changes();
         CliRun run = nbcli({ "put", "--dry-run", local("dry.bin"), "/x/" });
         CLI_OK(run);
-        QCOMPARE(run.out, QStringLiteral("would create folder /x\nwould put %1 -> /x/dry.bin (5.0 MiB, in chunks)\n").arg(local("dry.bin")));
+        QCOMPARE(run.out,
+            QStringLiteral("would create folder /x\nwould put %1 -> /x/dry.bin (5.0 MiB, in chunks)\n")
+                .arg(local("dry.bin")));
         run = nbcli({ "mv", "--dry-run", "/a", "/b", "/c/" });
         QCOMPARE(run.out, QString("would move /a -> /c/a\nwould move /b -> /c/b\n"));
         QCOMPARE(nbcli({ "cp", "--dry-run", "/a", "/c" }).out, QString("would copy /a -> /c\n"));
@@ -444,7 +472,9 @@ private slots:
         writeFile(local("big.bin"), content);
         CliRun run = nbcli({ "put", local("big.bin"), "/big.bin" });
         CLI_OK(run);
-        QVERIFY2(run.out.contains(QStringLiteral("put %1 -> /big.bin: 64.0 MiB, 16 of 16 chunks sent,").arg(local("big.bin"))),
+        QVERIFY2(
+            run.out.contains(
+                QStringLiteral("put %1 -> /big.bin: 64.0 MiB, 16 of 16 chunks sent,").arg(local("big.bin"))),
             qPrintable(run.out));
         QVERIFY(run.out.trimmed().endsWith("hash ok"));
         QCOMPARE(countTargets(emu, "POST", "/v2/chunked_upload", 200), 16);
@@ -461,7 +491,8 @@ private slots:
         CLI_OK(run);
         QVERIFY(run.out.startsWith(QStringLiteral("got /big.bin -> %1: 64.0 MiB,").arg(local("back.bin"))));
         QVERIFY(readFile(local("back.bin")) == content);
-        QCOMPARE(QDir(m_dir.path()).entryList(QStringList { ".*.part" }, QDir::Hidden | QDir::Files), QStringList());
+        QCOMPARE(QDir(m_dir.path()).entryList(QStringList { ".*.part" }, QDir::Hidden | QDir::Files),
+            QStringList());
 
         // Folders both ways, recursively.
         QDir(m_dir.path()).mkpath("tree/sub");
@@ -502,7 +533,8 @@ private slots:
         emu.kill();
         run = nbcli({ "ls", "/", "--retries", "2" });
         QCOMPARE(run.exit, 3);
-        QVERIFY2(run.err.contains("cannot reach the server") && run.err.contains("3 attempts"), qPrintable(run.err));
+        QVERIFY2(run.err.contains("cannot reach the server") && run.err.contains("3 attempts"),
+            qPrintable(run.err));
     }
 
     void lockOfAnotherUserRefusesPutAndNamesItsHolder()
@@ -521,7 +553,8 @@ private slots:
         writeFile(local("shared.txt"), "v2");
         const CliRun run = nbcli({ "put", local("shared.txt"), "/shared.txt" }, bob);
         QCOMPARE(run.exit, 2);
-        QVERIFY2(run.err.contains("file is locked") && run.err.contains("ask alice to unlock it"), qPrintable(run.err));
+        QVERIFY2(run.err.contains("file is locked") && run.err.contains("ask alice to unlock it"),
+            qPrintable(run.err));
         const CliRun stat = nbcli({ "stat", "/shared.txt" }, bob);
         QVERIFY2(stat.out.contains("locked: by alice until "), qPrintable(stat.out));
         CLI_OK(nbcli({ "unlock", "/shared.txt" }));
@@ -602,7 +635,8 @@ private slots:
         const QByteArray content = randomBytes(24 << 20, 37);
         writeFile(local("taken-back.bin"), content);
         CLI_OK(nbcli({ "put", local("taken-back.bin"), "/taken-back.bin" }));
-        emu.control("POST", "/__emu/faults", { { "rule", "^/v2/files/databox/taken-back.bin:reset=5000000" } });
+        emu.control(
+            "POST", "/__emu/faults", { { "rule", "^/v2/files/databox/taken-back.bin:reset=5000000" } });
         emu.control("POST", "/__emu/faults", { { "rule", "^/v2/dl_router/:status=503@0.5" } });
         const CliRun run = nbcli({ "get", "--json", "/taken-back.bin", local("taken-back-out.bin") });
         CLI_OK(run);
@@ -631,7 +665,8 @@ private slots:
         emu.control("POST", "/__emu/faults", { { "rule", "^/v2/files/databox/ctrlc.bin:stall=600" } });
         const QString target = local("ctrlc-back.bin");
         auto get = startCli({ "get", "/ctrlc.bin", target });
-        QVERIFY(waitUntil([&] { return countTargets(emu, "GET", "/v2/files/databox/ctrlc.bin") >= 1; }, 60000));
+        QVERIFY(
+            waitUntil([&] { return countTargets(emu, "GET", "/v2/files/databox/ctrlc.bin") >= 1; }, 60000));
         QTest::qWait(200);
         ::kill(pid_t(get->processId()), SIGINT);
         QVERIFY(get->waitForFinished(20000));
@@ -641,7 +676,8 @@ private slots:
 
     void flakyChunkUploadsStillGiveTheFile()
     {
-        EmuProcess emu({ "--user", "alice:secret", "--fault", "^/v2/chunked_upload:status=503@0.2", "--fault-seed", "7" });
+        EmuProcess emu({ "--user", "alice:secret", "--fault", "^/v2/chunked_upload:status=503@0.2",
+            "--fault-seed", "7" });
         QVERIFY(signIn(emu));
         const QByteArray content = randomBytes(64 << 20, 51);
         writeFile(local("flaky.bin"), content);
@@ -675,19 +711,23 @@ private slots:
         const QByteArray big = randomBytes(9 << 20, 61);
         writeFile(local("link-big.bin"), big);
         writeFile(local("link-small.txt"), "small");
-        CliRun run = nbcli({ "share", "put", local("link-big.bin"), "LINK9:/in/" }, { { "NB_SHARE_PASSWORD", "open" } });
+        CliRun run = nbcli(
+            { "share", "put", local("link-big.bin"), "LINK9:/in/" }, { { "NB_SHARE_PASSWORD", "open" } });
         CLI_OK(run);
-        QVERIFY2(run.out.contains("-> LINK9:/in/link-big.bin: 9.0 MiB, 3 of 3 chunks sent"), qPrintable(run.out));
+        QVERIFY2(
+            run.out.contains("-> LINK9:/in/link-big.bin: 9.0 MiB, 3 of 3 chunks sent"), qPrintable(run.out));
         CLI_OK(nbcli({ "share", "put", "--password-stdin", local("link-small.txt"), "LINK9" }, {}, "open\n"));
         // The owner sees both in the shared folder.
         QCOMPARE(nbcli({ "ls", "/Shared" }).out, QString("in/\nlink-small.txt\n"));
-        run = nbcli({ "share", "get", "LINK9:/in/link-big.bin", local("link-back.bin") }, { { "NB_SHARE_PASSWORD", "open" } });
+        run = nbcli({ "share", "get", "LINK9:/in/link-big.bin", local("link-back.bin") },
+            { { "NB_SHARE_PASSWORD", "open" } });
         CLI_OK(run);
         QVERIFY(readFile(local("link-back.bin")) == big);
         run = nbcli({ "share", "get", "LINK9", local("whole/") }, { { "NB_SHARE_PASSWORD", "open" } });
         CLI_OK(run);
         QCOMPARE(readFile(local("whole/Shared/link-small.txt")), QByteArray("small"));
-        run = nbcli({ "share", "get", "LINK9:/link-small.txt", local("x.txt") }, { { "NB_SHARE_PASSWORD", "wrong" } });
+        run = nbcli({ "share", "get", "LINK9:/link-small.txt", local("x.txt") },
+            { { "NB_SHARE_PASSWORD", "wrong" } });
         QCOMPARE(run.exit, 2);
         QVERIFY(run.err.contains("open shared link LINK9: forbidden"));
     }
@@ -717,7 +757,8 @@ private slots:
         auto follow = startCli({ "watch", "--interval", "1", "/w" });
         QTest::qWait(1500);
         CLI_OK(nbcli({ "mkdir", "/w/later" }));
-        QVERIFY(waitUntil([&] { return follow->bytesAvailable() > 0 || follow->waitForReadyRead(100); }, 10000));
+        QVERIFY(
+            waitUntil([&] { return follow->bytesAvailable() > 0 || follow->waitForReadyRead(100); }, 10000));
         QTest::qWait(300);
         QVERIFY(QString::fromUtf8(follow->readAllStandardOutput()).contains("create /w/later/"));
         ::kill(pid_t(follow->processId()), SIGINT);

@@ -11,7 +11,6 @@
 #include <QMap>
 #include <QProcess>
 #include <QStringList>
-
 #include <memory>
 
 struct CliRun
@@ -87,8 +86,9 @@ private:
     QString m_program;
 };
 
-#define CLI_OK(run)                                                                                                  \
-    do {                                                                                                             \
-        const CliRun& r_ = (run);                                                                                    \
-        QVERIFY2(r_.exit == 0, qPrintable(QStringLiteral("exit %1\n%2\n%3").arg(QString::number(r_.exit), r_.out, r_.err))); \
+#define CLI_OK(run)                                                                                          \
+    do {                                                                                                     \
+        const CliRun& r_ = (run);                                                                            \
+        QVERIFY2(r_.exit == 0,                                                                               \
+            qPrintable(QStringLiteral("exit %1\n%2\n%3").arg(QString::number(r_.exit), r_.out, r_.err)));    \
     } while (false)

@@ -1,0 +1,481 @@
+// What a script can rely on from nbcli: one JSON document on standard output for every
+// command and every outcome, with the same keys for the same things; silence with -q;
+// an exit status per class of failure; option values checked before anything is sent;
+// the session only for its own server and never printed; no credential sent empty;
+// help, retries and errors that say what happened.
+#include "CliProcess.h"
+#include "EmuProcess.h"
+#include "TestData.h"
+#include "TestMain.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+namespace {
+
+// Every request of the emulator's log whose method is `method` (all with an empty one).
+int requestsOf(const EmuProcess& emu, const QString& method = QString())
+{
+    int count = 0;
+    for (const QJsonObject& line : emu.requests())
+        count += method.isEmpty() || line.value("method").toString() == method ? 1 : 0;
+    return count;
+}
+
+} // namespace
+
+class TestNbcliScripts : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    CliProcess m_cli { QStringLiteral(NBCLI_PATH) };
+
+    CliRun nbcli(
+        const QStringList& args, const QMap<QString, QString>& env = {}, const QByteArray& input = {})
+    {
+        return m_cli.run(args, env, input, 180000, m_dir.path());
+    }
+
+    bool signIn(EmuProcess& emu, const QString& user = "alice", const QString& password = "secret")
+    {
+        return nbcli({ "login", "--server", emu.url(), "--user", user }, { { "NB_PASSWORD", password } }).exit
+            == 0;
+    }
+
+    QString local(const QString& name) const { return m_dir.filePath(name); }
+
+    // A --json run's document: the envelope every command shares, whatever the outcome.
+    QJsonObject checkedDocument(const QStringList& args, const CliRun& run)
+    {
+        const QString label = args.join(' ');
+        const QJsonDocument document = QJsonDocument::fromJson(run.out.toUtf8());
+        if (!document.isObject()) {
+            QTest::qFail(qPrintable("not one JSON document: " + label + "\n" + run.out), __FILE__, __LINE__);
+            return {};
+        }
+        const QJsonObject object = document.object();
+        const bool ok = run.exit == 0;
+        if (object.value("ok").toBool(!ok) != ok || object.value("exit").toInt(-1) != run.exit
+            || !object.value("results").isArray() || object.contains("error") == ok) {
+            QTest::qFail(qPrintable("an envelope that does not fit the outcome: " + label + "\n" + run.out),
+                __FILE__, __LINE__);
+            return {};
+        }
+        if (!ok) {
+            const QJsonObject error = object.value("error").toObject();
+            if (error.value("exit").toInt() != run.exit || error.value("code").toString().isEmpty()
+                || error.value("message").toString().isEmpty())
+                QTest::qFail(qPrintable("an error without code, message or exit: " + label + "\n" + run.out),
+                    __FILE__, __LINE__);
+        }
+        return object;
+    }
+
+private slots:
+    void init() { m_cli.dirty.clear(); }
+    void cleanup()
+    {
+        QVERIFY2(m_cli.dirty.isEmpty(),
+            qPrintable("carriage return or escape in a pipe: " + m_cli.dirty.join(", ")));
+    }
+
+    // Every command, succeeding and failing, and the usage errors: one document each.
+    void jsonForEveryCommandAndOutcome()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--link", "L1:pw:alice:/Shared" });
+        writeFile(local("j.txt"), "json");
+        const QMap<QString, QString> password { { "NB_PASSWORD", "secret" } };
+        const QMap<QString, QString> link { { "NB_SHARE_PASSWORD", "pw" } };
+        struct Case
+        {
+            QStringList args;
+            QMap<QString, QString> env;
+            int exit;
+            QStringList keys; // of the first result
+        };
+        const QList<Case> cases {
+            { { "login", "--server", emu.url(), "--user", "alice" }, { { "NB_PASSWORD", "wrong" } }, 2, {} },
+            { { "login", "--server", emu.url(), "--user", "alice" }, password, 0,
+                { "ok", "server", "type", "user" } },
+            { { "whoami" }, {}, 0, { "user", "server", "type" } },
+            { { "mkdir", "/j" }, {}, 0, { "ok", "path" } },
+            { { "mkdir", "/j" }, {}, 2, { "ok", "path", "error" } },
+            { { "put", local("j.txt"), "/j/" }, {}, 0, { "ok", "path", "local", "bytes", "hash" } },
+            { { "put", local("none.txt"), "/j/" }, {}, 4, { "ok", "path", "local", "error" } },
+            { { "put", "--dry-run", local("j.txt"), "/k" }, {}, 0,
+                { "ok", "path", "local", "bytes", "dry_run" } },
+            { { "ls", "/j" }, {}, 0,
+                { "path", "name", "type", "bytes", "hash", "rev", "modified", "locked" } },
+            { { "ls", "/none" }, {}, 2, {} },
+            { { "stat", "/j/j.txt" }, {}, 0, { "path", "name", "type", "bytes", "hash" } },
+            { { "get", "/j/j.txt", local("j-back.txt") }, {}, 0, { "ok", "path", "local", "bytes", "hash" } },
+            { { "get", "/j/none.txt", local("x.txt") }, {}, 2, { "ok", "path", "error" } },
+            { { "revisions", "/j/j.txt" }, {}, 0, { "path", "rev", "bytes", "hash", "modified" } },
+            { { "revisions", "/j" }, {}, 1, {} },
+            { { "lock", "/j/j.txt" }, {}, 0, { "ok", "path", "locked" } },
+            { { "unlock", "/j/j.txt" }, {}, 0, { "ok", "path", "locked" } },
+            { { "cp", "/j/j.txt", "/j/k.txt" }, {}, 0, { "ok", "path", "to" } },
+            { { "mv", "/j/k.txt", "/j/l.txt" }, {}, 0, { "ok", "path", "to" } },
+            { { "rm", "/j/l.txt" }, {}, 0, { "ok", "path" } },
+            { { "rm", "/j/l.txt" }, {}, 2, { "ok", "path", "error" } },
+            { { "raw", "GET", "/v2/region/get" }, {}, 0, { "status", "headers", "body" } },
+            { { "raw", "GET", "/v2/no/such" }, {}, 2, { "ok", "status", "error" } },
+            { { "share", "put", local("j.txt"), "L1:/" }, link, 0,
+                { "ok", "path", "local", "bytes", "hash" } },
+            { { "share", "get", "L1:/j.txt", local("l-back.txt") }, link, 0,
+                { "ok", "path", "local", "bytes", "hash" } },
+            { { "share", "get", "L1", "/", "x" }, link, 1, {} },
+            { { "frobnicate" }, {}, 1, {} },
+            { { "ls", "--frobnicate" }, {}, 1, {} },
+            { { "put", "-j", "0", local("j.txt"), "/j/" }, {}, 1, {} },
+            { { "logout" }, {}, 0, { "ok", "server" } },
+            { { "whoami" }, {}, 2, {} },
+        };
+        for (const Case& c : cases) {
+            const QStringList args = QStringList { "--json" } + c.args;
+            const CliRun run = nbcli(args, c.env);
+            QVERIFY2(run.exit == c.exit,
+                qPrintable(QStringLiteral("%1: exit %2\n%3")
+                               .arg(args.join(' '), QString::number(run.exit), run.err)));
+            const QJsonObject document = checkedDocument(args, run);
+            QCOMPARE(document.value("command").toString(), c.args.first());
+            const QJsonObject first = document.value("results").toArray().at(0).toObject();
+            for (const QString& key : c.keys)
+                QVERIFY2(
+                    first.contains(key), qPrintable(args.join(' ') + ": no \"" + key + "\" in " + run.out));
+            // Human words stay on standard error.
+            if (run.exit != 0)
+                QVERIFY2(run.err.startsWith("nbcli: "), qPrintable(run.err));
+        }
+        // watch streams: one object per line.
+        QVERIFY(signIn(emu));
+        const CliRun watch = nbcli({ "watch", "--once", "--json", "/" });
+        CLI_OK(watch);
+        const QStringList lines = watch.out.split('\n', Qt::SkipEmptyParts);
+        QVERIFY(lines.size() >= 3);
+        for (const QString& line : lines) {
+            const QJsonObject change = QJsonDocument::fromJson(line.toUtf8()).object();
+            QVERIFY2(change.contains("op") && change.contains("path") && change.contains("type"),
+                qPrintable(line));
+        }
+    }
+
+    // -q: no progress, no notes, no confirmation; results still print.
+    void quietMeansSilentForActions()
+    {
+        EmuProcess emu;
+        CliRun run = nbcli(
+            { "-q", "login", "--server", emu.url(), "--user", "alice" }, { { "NB_PASSWORD", "secret" } });
+        CLI_OK(run);
+        QCOMPARE(run.out + run.err, QString());
+        writeFile(local("q.bin"), randomBytes(6 << 20, 4));
+        QDir(m_dir.path()).mkpath("qtree");
+        writeFile(local("qtree/a.txt"), "a");
+        const QList<QStringList> actions { { "mkdir", "-p", "/q/r" }, { "put", local("q.bin"), "/q/" },
+            { "put", local("qtree"), "/q/t" }, { "get", "/q/q.bin", local("q-back.bin") },
+            { "get", "/q/t", local("t-back") }, { "cp", "/q/q.bin", "/q/c.bin" },
+            { "mv", "/q/c.bin", "/q/d.bin" }, { "rm", "/q/d.bin" }, { "lock", "/q/q.bin" },
+            { "unlock", "/q/q.bin" }, { "put", "-", "/q/stdin.txt" }, { "logout" } };
+        for (const QStringList& action : actions) {
+            run = nbcli(QStringList { "-q" } + action, {}, "stdin");
+            CLI_OK(run);
+            QVERIFY2(run.out.isEmpty() && run.err.isEmpty(),
+                qPrintable(action.join(' ') + ": " + run.out + run.err));
+        }
+        QVERIFY(signIn(emu));
+        QCOMPARE(nbcli({ "-q", "ls", "/q" }).out, QString("r/\nt/\nq.bin\nstdin.txt\n"));
+        QVERIFY(nbcli({ "-q", "whoami" }).out.startsWith("alice on "));
+        QVERIFY(nbcli({ "-q", "stat", "/q/q.bin" }).out.startsWith("/q/q.bin\n"));
+        // Failures are still told.
+        run = nbcli({ "-q", "stat", "/none" });
+        QCOMPARE(run.exit, 2);
+        QVERIFY(run.err.startsWith("nbcli: "));
+    }
+
+    void eachClassOfFailureHasItsStatus_data()
+    {
+        QTest::addColumn<QStringList>("emulator"); // more options of nbemu
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<int>("exit");
+        QTest::addColumn<QString>("says");
+        QTest::newRow("refused: not found")
+            << QStringList() << QStringList { "stat", "/none" } << 2 << "file/folder not found";
+        QTest::newRow("a server error after the retries")
+            << QStringList { "--fault", "^/v2/metadata:status=503" }
+            << QStringList { "--retries", "1", "stat", "/" } << 3 << "try again later";
+        QTest::newRow("asked to wait after the retries")
+            << QStringList { "--fault", "^/v2/metadata:retry-after=0" }
+            << QStringList { "--retries", "1", "stat", "/" } << 3 << "try again later";
+        QTest::newRow("a connection cut short") << QStringList { "--fault", "^/v2/metadata:reset=0" }
+                                                << QStringList { "--retries", "0", "stat", "/" } << 3 << "";
+        QTest::newRow("a stalled request under --timeout")
+            << QStringList { "--fault", "^/v2/metadata:stall=60" }
+            << QStringList { "--retries", "0", "--timeout", "1", "stat", "/" } << 3 << "time-out";
+        QTest::newRow("NB_TIMEOUT too")
+            << QStringList { "--fault", "^/v2/metadata:stall=60" }
+            << QStringList { "--retries", "0", "stat", "/", "ENV:NB_TIMEOUT=0.5" } << 3 << "time-out";
+        QTest::newRow("every entry failed")
+            << QStringList() << QStringList { "rm", "/none1", "/none2" } << 2 << "no such file";
+        QTest::newRow("a local file")
+            << QStringList() << QStringList { "put", "/nonexistent/x", "/x" } << 4 << "no such file";
+        QTest::newRow("usage") << QStringList() << QStringList { "mv", "/a" } << 1 << "usage: nbcli mv";
+    }
+
+    void eachClassOfFailureHasItsStatus()
+    {
+        QFETCH(QStringList, emulator);
+        QFETCH(QStringList, args);
+        QFETCH(int, exit);
+        QFETCH(QString, says);
+        EmuProcess emu(QStringList { "--user", "alice:secret" } + emulator);
+        QVERIFY(signIn(emu));
+        QMap<QString, QString> env;
+        for (int i = args.size() - 1; i >= 0; --i) {
+            if (args[i].startsWith("ENV:")) {
+                env.insert(args[i].mid(4).section('=', 0, 0), args[i].section('=', 1));
+                args.removeAt(i);
+            }
+        }
+        QElapsedTimer clock;
+        clock.start();
+        const CliRun run = nbcli(args, env);
+        QVERIFY2(run.exit == exit,
+            qPrintable(QStringLiteral("exit %1: %2").arg(QString::number(run.exit), run.err)));
+        QVERIFY2(run.err.contains(says), qPrintable(run.err));
+        QVERIFY(clock.elapsed() < 60000);
+    }
+
+    void partialFailureIsFive()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        writeFile(local("p.txt"), "p");
+        const CliRun run = nbcli({ "put", local("p.txt"), local("missing.txt"), "/p/" });
+        QCOMPARE(run.exit, 5);
+        QVERIFY(run.err.contains(local("missing.txt")));
+    }
+
+    void optionValuesAreCheckedFirst_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("named");
+        QTest::newRow("jobs 0") << QStringList { "put", "-j", "0", "a", "/b" } << "--jobs";
+        QTest::newRow("jobs not a number") << QStringList { "get", "-j", "many", "/a", "b" } << "--jobs";
+        QTest::newRow("jobs too many") << QStringList { "put", "-j", "65", "a", "/b" } << "--jobs";
+        QTest::newRow("retries negative") << QStringList { "ls", "--retries", "-1" } << "--retries";
+        QTest::newRow("retries not a number") << QStringList { "ls", "--retries", "x" } << "--retries";
+        QTest::newRow("timeout zero") << QStringList { "ls", "--timeout", "0" } << "--timeout";
+        QTest::newRow("timeout not a number") << QStringList { "ls", "--timeout", "soon" } << "--timeout";
+        QTest::newRow("lock time zero") << QStringList { "lock", "--time", "0", "/a" } << "--time";
+        QTest::newRow("revisions limit zero")
+            << QStringList { "revisions", "--limit", "0", "/a" } << "--limit";
+        QTest::newRow("watch interval negative")
+            << QStringList { "watch", "--interval", "-2" } << "--interval";
+        QTest::newRow("a type of no list") << QStringList { "ls", "--type", "seven" } << "--type";
+        QTest::newRow("a space of no list") << QStringList { "ls", "--space", "mine" } << "--space";
+        QTest::newRow("a second factor of no list") << QStringList { "login", "--tfa", "pigeon" } << "--tfa";
+        QTest::newRow("an option this run does not use")
+            << QStringList { "whoami", "--retries", "lots" } << "--retries";
+        QTest::newRow("NB_TIMEOUT") << QStringList { "ls", "ENV:NB_TIMEOUT=fast" } << "NB_TIMEOUT";
+    }
+
+    void optionValuesAreCheckedFirst()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QString, named);
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        QMap<QString, QString> env;
+        if (args.last().startsWith("ENV:")) {
+            const QString pair = args.takeLast().mid(4);
+            env.insert(pair.section('=', 0, 0), pair.section('=', 1));
+        }
+        const int before = requestsOf(emu);
+        const CliRun run = nbcli(args, env);
+        QCOMPARE(run.exit, 1);
+        QVERIFY2(run.err.contains(named), qPrintable(run.err));
+        QCOMPARE(requestsOf(emu), before);
+    }
+
+    void goodOptionValuesAreTaken()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        CLI_OK(nbcli({ "ls", "--retries", "0", "--timeout", "2.5" }));
+        CLI_OK(nbcli({ "ls" }, { { "NB_TIMEOUT", "30" } }));
+        CLI_OK(nbcli({ "watch", "--once", "--interval", "0.5" }));
+    }
+
+    // The session goes to the server it belongs to, never to another; nothing printed shows it.
+    void rawKeepsTheSessionHome()
+    {
+        EmuProcess emu;
+        EmuProcess other;
+        QVERIFY(signIn(emu));
+        const QString session = QJsonDocument::fromJson(
+            readFile(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
+                + "/nbcli/session.json"))
+                                    .object()
+                                    .value("session")
+                                    .toString();
+        QVERIFY(!session.isEmpty());
+        CliRun run = nbcli({ "raw", "GET", other.url("/v2/region/get") });
+        QCOMPARE(run.exit, 2); // no session there: refused
+        QVERIFY(run.err.contains("not the signed-in server"));
+        for (const QJsonObject& line : other.requests())
+            QVERIFY2(!line.value("target").toString().contains("X-NIMBRA-SESS-ID"),
+                qPrintable(line.value("target").toString()));
+        CLI_OK(nbcli({ "raw", "GET", emu.url("/v2/region/get") }));
+        QVERIFY(emu.requests().last().value("target").toString().contains("X-NIMBRA-SESS-ID=***"));
+        // A reply that carries a session: shown hidden, in text and in JSON.
+        for (const QStringList& args :
+            { QStringList { "raw", "POST", "/v2/user/login_new", "loginkey=alice", "password=secret" },
+                QStringList {
+                    "--json", "raw", "POST", "/v2/user/login_new", "loginkey=alice", "password=secret" } }) {
+            run = nbcli(args);
+            CLI_OK(run);
+            QVERIFY(run.out.contains("***("));
+            // A session is 32 hexadecimal digits: none is shown.
+            QVERIFY2(!run.out.contains(QRegularExpression("[0-9a-f]{32}")), qPrintable(run.out));
+            QVERIFY(!(run.out + run.err).contains(session));
+        }
+    }
+
+    // Nothing is sent without the credentials; a link that needs a password says so.
+    void credentialsAreNeverSentEmpty()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--link", "L1:pw:alice:/Shared" });
+        CliRun run = nbcli({ "login", "--server", emu.url(), "--user", "alice" });
+        QCOMPARE(run.exit, 1);
+        QVERIFY2(run.err.contains("NB_PASSWORD"), qPrintable(run.err));
+        QCOMPARE(requestsOf(emu, "POST"), 0);
+        run = nbcli({ "login", "--server", emu.url(), "--user", "alice", "--password-stdin" }, {}, "\n");
+        QCOMPARE(run.exit, 1);
+        run = nbcli({ "login", "--server", emu.url() }, { { "NB_PASSWORD", "secret" } });
+        QCOMPARE(run.exit, 1);
+        QVERIFY(run.err.contains("NB_USER"));
+        QCOMPARE(requestsOf(emu, "POST"), 0);
+        QVERIFY(signIn(emu));
+        run = nbcli({ "share", "get", "L1", local("no-password") });
+        QCOMPARE(run.exit, 1);
+        QVERIFY2(
+            run.err.contains("needs a password") && !run.err.contains("wrong password"), qPrintable(run.err));
+        QVERIFY(!QFileInfo::exists(local("no-password")));
+    }
+
+    void helpReadsLikeOtherTools()
+    {
+        CliRun run = nbcli({ "--help" });
+        CLI_OK(run);
+        QVERIFY(run.out.contains("  -q, --quiet "));
+        QVERIFY(run.out.contains("  -v, --verbose "));
+        for (const char* internal : { "--help-all", "Arguments:", "--q,", "--v," })
+            QVERIFY2(!run.out.contains(internal), internal);
+        QVERIFY(!run.out.contains(QRegularExpression("[^-]-quiet")));
+        run = nbcli({ "put", "--help" });
+        CLI_OK(run);
+        QVERIFY(run.out.indexOf("-j, --jobs N") < run.out.indexOf("Global options"));
+        QVERIFY(!run.out.contains("Arguments:"));
+        run = nbcli({ "lss" });
+        QCOMPARE(run.exit, 1);
+        QVERIFY2(run.err.contains("did you mean ls?"), qPrintable(run.err));
+        QVERIFY(nbcli({ "remove" }).err.contains("unknown command \"remove\""));
+        QVERIFY(nbcli({ "sahre" }).err.contains("did you mean share?"));
+    }
+
+    void humanSizesLocksAndSummaries()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--user", "bob:pw" });
+        QVERIFY(signIn(emu));
+        writeFile(local("h.bin"), randomBytes(64 << 20, 5));
+        CLI_OK(nbcli({ "put", local("h.bin"), "/h.bin" }));
+        // Again: nothing to send, and the summary says so.
+        CliRun run = nbcli({ "put", local("h.bin"), "/h2.bin" });
+        CLI_OK(run);
+        QVERIFY2(run.out.contains("0 B sent: all 16 chunks already on the server"), qPrintable(run.out));
+        QVERIFY(!run.out.contains("MiB/s"));
+        run = nbcli({ "ls", "-lh", "/" });
+        CLI_OK(run);
+        QVERIFY2(run.out.contains("64.0 MiB"), qPrintable(run.out));
+        CLI_OK(nbcli({ "lock", "/h.bin" }));
+        QTemporaryDir bobHome;
+        const QMap<QString, QString> bob { { "XDG_CONFIG_HOME", bobHome.path() } };
+        CLI_OK(nbcli({ "login", "--server", emu.url(), "--user", "bob" },
+            { { "XDG_CONFIG_HOME", bobHome.path() }, { "NB_PASSWORD", "pw" } }));
+        run = nbcli({ "ls", "-l", "/" }, bob);
+        QVERIFY2(run.out.contains(QRegularExpression(
+                     "^L .*h\\.bin \\(locked by alice until ", QRegularExpression::MultilineOption)),
+            qPrintable(run.out));
+        QVERIFY(nbcli({ "stat", "/h.bin" }, bob).out.contains("locked: by alice until "));
+    }
+
+    void retriesAreToldAsTheyHappen()
+    {
+        EmuProcess emu(
+            { "--user", "alice:secret", "--fault", "^/v2/metadata:status=503@0.5", "--fault-seed", "1" });
+        QVERIFY(signIn(emu));
+        int retried = 0;
+        for (int i = 0; i < 6 && retried == 0; ++i) {
+            const CliRun run = nbcli({ "ls", "/" });
+            retried
+                += run.err.count(QRegularExpression("^retrying in \\d+\\.\\d s: HTTP 503, attempt \\d of 6",
+                    QRegularExpression::MultilineOption));
+        }
+        QVERIFY(retried > 0);
+    }
+
+    void errorsSayWhatHappened()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        // Plain HTTP on a port given as https://.
+        CliRun run = nbcli({ "ls", "--server", QString(emu.url()).replace("http://", "https://") });
+        QCOMPARE(run.exit, 1);
+        QVERIFY2(run.err.contains("plain HTTP") && !run.err.contains("--insecure"), qPrintable(run.err));
+        run = nbcli(
+            { "login", "--server", QString(emu.url()).replace("http://", "https://"), "--user", "alice" },
+            { { "NB_PASSWORD", "secret" } });
+        QCOMPARE(run.exit, 1);
+        QVERIFY2(run.err.contains("plain HTTP") && !run.err.contains("--insecure"), qPrintable(run.err));
+        QVERIFY(signIn(emu));
+        CLI_OK(nbcli({ "mkdir", "/folder" }));
+        run = nbcli({ "revisions", "/folder" });
+        QCOMPARE(run.exit, 1);
+        QVERIFY(run.err.contains("revisions are kept for files"));
+        // A server that goes away is not one that cannot be reached.
+        emu.control("POST", "/__emu/faults", { { "rule", "^/v2/metadata:reset=0" } });
+        run = nbcli({ "--retries", "0", "stat", "/folder" });
+        QCOMPARE(run.exit, 3);
+        QVERIFY2(run.err.contains("the server closed the connection") && !run.err.contains("cannot reach"),
+            qPrintable(run.err));
+        run = nbcli({ "logout" });
+        CLI_OK(run);
+        QVERIFY(run.out.contains("the server has no sign-out"));
+    }
+
+    // --cacert given at login (relative, made absolute) and NB_CACERT serve the later runs.
+    void tlsChoicesStayWithTheSession()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--tls-self-signed" });
+        const QString url = emu.url().replace("http://", "https://");
+        QFile::copy(emu.dataDir() + "/tls/cert.pem", local("ca.pem"));
+        CLI_OK(nbcli({ "login", "--server", url, "--user", "alice", "--cacert", "ca.pem" },
+            { { "NB_PASSWORD", "secret" } }));
+        QProcess other;
+        other.setProcessEnvironment(m_cli.environment({}));
+        other.setWorkingDirectory(QDir::rootPath());
+        other.start(NBCLI_PATH, { "whoami" });
+        QVERIFY(other.waitForFinished(30000));
+        QVERIFY2(other.exitCode() == 0, other.readAllStandardError().constData());
+        CLI_OK(nbcli({ "logout" }));
+        CLI_OK(nbcli({ "login", "--server", url, "--user", "alice" },
+            { { "NB_PASSWORD", "secret" }, { "NB_CACERT", local("ca.pem") } }));
+    }
+};
+
+NB_TEST_MAIN(TestNbcliScripts)
+#include "tst_nbcliscripts.moc"

@@ -98,18 +98,13 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
             m_cli.output.done(QJsonObject { { "dry_run", true }, { "action", "create folder" },
                                   { "path", m_tree.describe(target) } },
                 QStringLiteral("would create folder ") + m_tree.describe(target));
-        for (const Item& item : qAsConst(items)) {
-            QJsonObject json = itemJson(item);
-            json.insert("dry_run", true);
-            json.insert("action", item.folder ? "create folder" : "put");
-            json.insert("bytes", item.bytes);
-            m_cli.output.done(json,
+        for (const Item& item : qAsConst(items))
+            wouldDo(item, QStringLiteral("put"),
                 item.folder ? QStringLiteral("would create folder ") + m_tree.describe(item.remote)
                             : QStringLiteral("would put %1 -> %2 (%3, %4)")
                                   .arg(item.local, m_tree.describe(item.remote), Progress::bytes(item.bytes),
                                       item.bytes > ChunkHasher::DefaultChunkSize ? QStringLiteral("in chunks")
                                                                                  : QStringLiteral("whole")));
-        }
         return;
     }
     if (into && !existing && target != QLatin1String("/") && !items.isEmpty())
@@ -197,17 +192,12 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
         });
     }
     if (dryRun) {
-        for (const Item& item : qAsConst(items)) {
-            QJsonObject json = itemJson(item);
-            json.insert("dry_run", true);
-            json.insert("action", item.folder ? "create folder" : "get");
-            json.insert("bytes", item.bytes);
-            m_cli.output.done(json,
+        for (const Item& item : qAsConst(items))
+            wouldDo(item, QStringLiteral("get"),
                 item.folder
                     ? QStringLiteral("would create folder ") + item.local
                     : QStringLiteral("would get %1 -> %2 (%3)")
                           .arg(m_tree.describe(item.remote), item.local, Progress::bytes(item.bytes)));
-        }
         return;
     }
     run(
@@ -235,6 +225,15 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
             else
                 m_cli.output.done(json, line);
         });
+}
+
+void Transfers::wouldDo(const Item& item, const QString& action, const QString& line)
+{
+    QJsonObject json = itemJson(item);
+    json.insert("dry_run", true);
+    json.insert("action", item.folder ? QStringLiteral("create folder") : action);
+    json.insert("bytes", item.bytes);
+    m_cli.output.done(json, line);
 }
 
 void Transfers::run(const QList<Item>& items, const std::function<void(const Item&)>& folder,

@@ -43,6 +43,8 @@ private:
     // Runs `step`; a failure (but an interrupt) is reported for the item and the run goes on.
     void attempt(const Item& item, const std::function<void()>& step);
     QJsonObject itemJson(const Item& item) const;
+    // What a dry run reports of an item: the action it would take.
+    void wouldDo(const Item& item, const QString& action, const QString& line);
 
     Cli& m_cli;
     RemoteTree& m_tree;

@@ -1,5 +1,6 @@
 // nbcli as a person or a script runs it: a process against a fresh nbemu per case, its
 // output, its exit status, and what reached the emulator (its request log).
+#include "CliProcess.h"
 #include "EmuProcess.h"
 #include "TestMain.h"
 #include "Wait.h"
@@ -19,13 +20,6 @@
 #include <memory>
 
 namespace {
-
-struct CliRun
-{
-    int exit = -1;
-    QString out;
-    QString err;
-};
 
 QByteArray randomBytes(qint64 size, quint32 seed)
 {
@@ -85,56 +79,17 @@ class TestNbcli : public QObject
 
 private:
     QTemporaryDir m_dir;
-    QStringList m_dirty;
-
-    QProcessEnvironment environment(const QMap<QString, QString>& extra) const
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.remove("NB_PASSWORD");
-        env.remove("NB_SERVER");
-        env.remove("NB_TYPE");
-        for (auto it = extra.cbegin(); it != extra.cend(); ++it)
-            env.insert(it.key(), it.value());
-        return env;
-    }
-
-    // Output to a pipe never holds a carriage return or an escape byte; cleanup() checks.
-    void checkPlain(const QStringList& args, const CliRun& run)
-    {
-        if (run.out.contains(QLatin1Char('\r')) || run.err.contains(QLatin1Char('\r'))
-            || run.out.contains(QChar(0x1b)) || run.err.contains(QChar(0x1b)))
-            m_dirty << args.join(QLatin1Char(' '));
-    }
+    CliProcess m_cli { QStringLiteral(NBCLI_PATH) };
 
     CliRun nbcli(const QStringList& args, const QMap<QString, QString>& env = {},
         const QByteArray& input = {}, int timeoutMs = 180000)
     {
-        QProcess process;
-        process.setProcessEnvironment(environment(env));
-        process.start(QStringLiteral(NBCLI_PATH), args);
-        process.waitForStarted(10000);
-        process.write(input);
-        process.closeWriteChannel();
-        CliRun run;
-        if (!process.waitForFinished(timeoutMs)) {
-            process.kill();
-            process.waitForFinished(5000);
-            run.err = QStringLiteral("(killed after %1 ms) ").arg(timeoutMs);
-        }
-        run.exit = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        run.out = QString::fromUtf8(process.readAllStandardOutput());
-        run.err += QString::fromUtf8(process.readAllStandardError());
-        checkPlain(args, run);
-        return run;
+        return m_cli.run(args, env, input, timeoutMs);
     }
 
     std::unique_ptr<QProcess> startCli(const QStringList& args, const QMap<QString, QString>& env = {})
     {
-        auto process = std::make_unique<QProcess>();
-        process->setProcessEnvironment(environment(env));
-        process->start(QStringLiteral(NBCLI_PATH), args);
-        process->waitForStarted(10000);
-        return process;
+        return m_cli.start(args, env);
     }
 
     bool signIn(EmuProcess& emu, const QString& user = "alice", const QString& password = "secret")
@@ -148,22 +103,13 @@ private:
 
     QString local(const QString& name) const { return m_dir.filePath(name); }
 
-#define CLI_OK(run)                                                                                          \
-    do {                                                                                                     \
-        const CliRun& r_ = (run);                                                                            \
-        QVERIFY2(                                                                                            \
-            r_.exit == 0, qPrintable(QStringLiteral("exit %1\n%2\n%3").arg(r_.exit).arg(r_.out, r_.err)));   \
-    } while (false)
-
 private slots:
-    void init()
-    {
-        m_dirty.clear();
-    }
+    void init() { m_cli.dirty.clear(); }
 
     void cleanup()
     {
-        QVERIFY2(m_dirty.isEmpty(), qPrintable("carriage return or escape in a pipe: " + m_dirty.join(", ")));
+        QVERIFY2(m_cli.dirty.isEmpty(),
+            qPrintable("carriage return or escape in a pipe: " + m_cli.dirty.join(", ")));
     }
 
     void helpAndUsage()

@@ -12,7 +12,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSet>
-
 #include <memory>
 
 namespace EmuHost {
@@ -38,6 +37,20 @@ inline ResponseData sync(const std::function<long long(NBCompletionCallback)>& s
     return state->result;
 }
 
+// A model of one entry: path and path type ("ent" unless named).
+template<typename Model> Model at(const QString& path, const QString& pathType = NBPathType::Ent)
+{
+    Model m;
+    m.path = path;
+    m.pathType = pathType;
+    return m;
+}
+
+inline NBServerApiEntryModel entry(const QString& path, const QString& pathType = NBPathType::Ent)
+{
+    return at<NBServerApiEntryModel>(path, pathType);
+}
+
 inline QJsonObject object(const ResponseData& r)
 {
     return QJsonDocument::fromJson(r.body.toUtf8()).object();
@@ -60,13 +73,50 @@ inline bool signIn(const QString& user, const QString& password)
     login.password = password;
     login.deviceName = QStringLiteral("test host");
     login.deviceUuid = QStringLiteral("uuid-test");
-    const ResponseData r = sync([&](NBCompletionCallback done) { return ServerApi::Login(login, std::move(done)); });
+    const ResponseData r
+        = sync([&](NBCompletionCallback done) { return ServerApi::Login(login, std::move(done)); });
     NBBaseParse reading;
     reading.ParseResp(r);
     if (reading.hasError() || reading.sessiondId().isEmpty())
         return false;
     ServerApi::setSessionID(reading.sessiondId());
     return true;
+}
+
+// The library set up for the emulator's address and deployment type, signed in.
+inline bool startHost(const QString& url, int type, const QString& user = QStringLiteral("alice"),
+    const QString& password = QStringLiteral("secret"))
+{
+    ServerApi::init(ServerApi::NBServerApiType(type));
+    ServerApi::setLogLevel(false);
+    ServerApi::setBaseUrlString(url);
+    return signIn(user, password);
+}
+
+// A whole upload of `data`, replacing what is there.
+inline ResponseData upload(const QString& server, const QString& path, const QByteArray& data,
+    const QString& pathType = NBPathType::Ent)
+{
+    NBServerApiUploadDataModel model = at<NBServerApiUploadDataModel>(path, pathType);
+    model.serverUrl = server;
+    model.data = data;
+    model.overwrite = true;
+    return sync([&](NBCompletionCallback done) { return ServerApi::UploadData(model, std::move(done)); });
+}
+
+// Polls a batch task until it is no longer running (bounded): its last state.
+inline QJsonObject pollTask(const QString& taskId, int* polls = nullptr)
+{
+    QJsonObject state;
+    for (int i = 0; i < 20; ++i) {
+        state = object(sync(
+            [&](NBCompletionCallback d) { return ServerApi::BatchTaskAsyncQuery(taskId, std::move(d)); }));
+        if (polls)
+            *polls = i + 1;
+        if (state.value("state").toString() != QLatin1String("running"))
+            break;
+    }
+    return state;
 }
 
 inline QString hashOf(const QByteArray& chunk)
@@ -82,8 +132,8 @@ struct ChunkedResult
 
 // Hashes the file's chunks, asks which the server lacks, sends those with `inFlight`
 // requests at a time and commits the list.
-inline ChunkedResult chunkedUpload(const QString& serverUrl, const QString& localPath, const QString& remotePath,
-    int inFlight = 4, qint64 chunkSize = 4 << 20, bool overwrite = true)
+inline ChunkedResult chunkedUpload(const QString& serverUrl, const QString& localPath,
+    const QString& remotePath, int inFlight = 4, qint64 chunkSize = 4 << 20, bool overwrite = true)
 {
     ChunkedResult result;
     QFile file(localPath);
@@ -94,8 +144,9 @@ inline ChunkedResult chunkedUpload(const QString& serverUrl, const QString& loca
         hashes << hashOf(file.read(chunkSize));
     QSet<QString> needed;
     for (const QString& hash : hashes) {
-        const ResponseData r = sync(
-            [&](NBCompletionCallback done) { return ServerApi::QueryHash({ serverUrl, hash }, std::move(done)); });
+        const ResponseData r = sync([&](NBCompletionCallback done) {
+            return ServerApi::QueryHash({ serverUrl, hash }, std::move(done));
+        });
         for (const QJsonValue& v : object(r).value("needed").toArray())
             needed.insert(v.toString());
     }
@@ -141,7 +192,8 @@ inline ChunkedResult chunkedUpload(const QString& serverUrl, const QString& loca
     commit.bytes = file.size();
     commit.isFileCommit = true;
     commit.overwrite = overwrite;
-    result.commit = sync([&](NBCompletionCallback done) { return ServerApi::CommitHash(commit, std::move(done)); });
+    result.commit
+        = sync([&](NBCompletionCallback done) { return ServerApi::CommitHash(commit, std::move(done)); });
     return result;
 }
 

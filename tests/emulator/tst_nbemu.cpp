@@ -36,22 +36,6 @@ namespace {
                            .arg(checked.body)));                                                             \
     } while (false)
 
-NBServerApiEntryModel entry(const QString& path)
-{
-    NBServerApiEntryModel e;
-    e.path = path;
-    e.pathType = NBPathType::Ent;
-    return e;
-}
-
-template<typename Model> Model at(const QString& path)
-{
-    Model m;
-    m.path = path;
-    m.pathType = NBPathType::Ent;
-    return m;
-}
-
 int storedChunks(const EmuProcess& emu)
 {
     int stored = 0;
@@ -68,21 +52,6 @@ QString taskOf(const ResponseData& r)
     return object(r).value("task_id").toString();
 }
 
-// Polls a batch task until it is no longer running (bounded).
-QJsonObject pollTask(const QString& taskId, int* polls = nullptr)
-{
-    QJsonObject state;
-    for (int i = 0; i < 20; ++i) {
-        state = object(sync(
-            [&](NBCompletionCallback d) { return ServerApi::BatchTaskAsyncQuery(taskId, std::move(d)); }));
-        if (polls)
-            *polls = i + 1;
-        if (state.value("state").toString() != QLatin1String("running"))
-            break;
-    }
-    return state;
-}
-
 } // namespace
 
 class TestNBEmu : public QObject
@@ -94,10 +63,7 @@ class TestNBEmu : public QObject
     void startHost(
         const EmuProcess& emu, int type, const QString& user = "alice", const QString& password = "secret")
     {
-        ServerApi::init(ServerApi::NBServerApiType(type));
-        ServerApi::setLogLevel(false);
-        ServerApi::setBaseUrlString(emu.url());
-        QVERIFY(signIn(user, password));
+        QVERIFY(EmuHost::startHost(emu.url(), type, user, password));
     }
 
 private slots:

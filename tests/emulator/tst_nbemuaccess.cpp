@@ -19,29 +19,6 @@ using namespace EmuHost;
 
 namespace {
 
-template<typename Model> Model at(const QString& path, const QString& pathType = NBPathType::Ent)
-{
-    Model m;
-    m.path = path;
-    m.pathType = pathType;
-    return m;
-}
-
-NBServerApiEntryModel entry(const QString& path, const QString& pathType = NBPathType::Ent)
-{
-    return at<NBServerApiEntryModel>(path, pathType);
-}
-
-ResponseData upload(const QString& server, const QString& path, const QByteArray& data,
-    const QString& pathType = NBPathType::Ent)
-{
-    NBServerApiUploadDataModel model = at<NBServerApiUploadDataModel>(path, pathType);
-    model.serverUrl = server;
-    model.data = data;
-    model.overwrite = true;
-    return sync([&](auto d) { return ServerApi::UploadData(model, std::move(d)); });
-}
-
 QByteArray download(const QString& server, const QString& path, const QString& pathType = NBPathType::Ent)
 {
     NBServerApiDownloadDataModel model = at<NBServerApiDownloadDataModel>(path, pathType);
@@ -52,17 +29,6 @@ QByteArray download(const QString& server, const QString& path, const QString& p
             model, [&](const QByteArray& piece) { content += piece; }, std::move(d));
     });
     return r.statusCode == 200 ? content : QByteArray();
-}
-
-QJsonObject pollTask(const ResponseData& started)
-{
-    const QString task = object(started).value("task_id").toString();
-    QJsonObject state;
-    for (int i = 0; i < 20 && state.value("state").toString() != QLatin1String("done")
-         && state.value("state").toString() != QLatin1String("failed");
-         ++i)
-        state = object(sync([&](auto d) { return ServerApi::BatchTaskAsyncQuery(task, std::move(d)); }));
-    return state;
 }
 
 QStringList names(const ResponseData& listing)
@@ -88,10 +54,7 @@ class TestNBEmuAccess : public QObject
 
     void startHost(const EmuProcess& emu, int type, const QString& user, const QString& password)
     {
-        ServerApi::init(ServerApi::NBServerApiType(type));
-        ServerApi::setLogLevel(false);
-        ServerApi::setBaseUrlString(emu.url());
-        QVERIFY(signIn(user, password));
+        QVERIFY(EmuHost::startHost(emu.url(), type, user, password));
     }
 
 private slots:
@@ -297,7 +260,7 @@ private slots:
                 move.to = entry("/elsewhere");
                 started = sync([&](auto d) { return ServerApi::BatchMove(move, std::move(d)); });
             }
-            const QJsonObject state = pollTask(started);
+            const QJsonObject state = pollTask(object(started).value("task_id").toString());
             QCOMPARE(state.value("state").toString(), QString("failed"));
             QCOMPARE(state.value("results").toArray()[0].toObject().value("code").toString(),
                 QString("file is locked"));

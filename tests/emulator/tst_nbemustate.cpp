@@ -14,28 +14,6 @@ using namespace EmuHost;
 
 namespace {
 
-template<typename Model> Model at(const QString& path)
-{
-    Model m;
-    m.path = path;
-    m.pathType = NBPathType::Ent;
-    return m;
-}
-
-NBServerApiEntryModel entry(const QString& path)
-{
-    return at<NBServerApiEntryModel>(path);
-}
-
-ResponseData upload(const QString& server, const QString& path, const QByteArray& data)
-{
-    NBServerApiUploadDataModel model = at<NBServerApiUploadDataModel>(path);
-    model.serverUrl = server;
-    model.data = data;
-    model.overwrite = true;
-    return sync([&](auto d) { return ServerApi::UploadData(model, std::move(d)); });
-}
-
 ResponseData meta(const QString& path, bool list = false)
 {
     NBServerApiMetaEntryModel model = at<NBServerApiMetaEntryModel>(path);
@@ -56,13 +34,7 @@ class TestNBEmuState : public QObject
 {
     Q_OBJECT
 
-    void startHost(const EmuProcess& emu, int type = 1)
-    {
-        ServerApi::init(ServerApi::NBServerApiType(type));
-        ServerApi::setLogLevel(false);
-        ServerApi::setBaseUrlString(emu.url());
-        QVERIFY(signIn("alice", "secret"));
-    }
+    void startHost(const EmuProcess& emu, int type = 1) { QVERIFY(EmuHost::startHost(emu.url(), type)); }
 
 private slots:
     void cleanup() { ServerApi::uninit(); }

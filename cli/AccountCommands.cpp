@@ -126,6 +126,12 @@ void login(Cli& cli, const QCommandLineParser& parser, const QStringList&)
     QString password;
     if (parser.isSet("password-stdin"))
         password = cli.console.readLine(QString());
+    else if (!cli.console.stdinIsTerminal() && environment("NB_PASSWORD").isEmpty())
+        throw Failure(Exit::Usage,
+            QStringLiteral(
+                "no password for %1: give --password-stdin or NB_PASSWORD, or run on a terminal to be "
+                "asked; nothing was sent")
+                .arg(user));
     else
         password = ask(cli, "NB_PASSWORD", QStringLiteral("password for ") + user, true);
     if (user.isEmpty() || password.isEmpty())

@@ -210,8 +210,11 @@ int Cli::runCommand(const QStringList& arguments)
         if (!about.isEmpty())
             return runCommand({ arguments.first(), about, QStringLiteral("--help") });
         if (first.isSet("help") || verb == QLatin1String("help")) {
-            console.out(overview());
-            return 0;
+            if (console.json)
+                output.result(QJsonObject { { "help", overview() } }, QString());
+            else
+                console.out(overview());
+            return output.finish();
         }
         throw Failure(Exit::Usage, QStringLiteral("no command given (nbcli --help lists them)"));
     }
@@ -239,8 +242,11 @@ int Cli::runCommand(const QStringList& arguments)
         throw Failure(Exit::Usage,
             QStringLiteral("%1 (nbcli %2 --help explains)").arg(parser.errorText(), command.name));
     if (parser.isSet("help")) {
-        console.out(help(command));
-        return 0;
+        if (console.json)
+            output.result(QJsonObject { { "help", help(command) } }, QString());
+        else
+            console.out(help(command));
+        return output.finish();
     }
     Options::validate(parser, globalOptions() + command.options);
     const QStringList args = parser.positionalArguments().mid(1);
@@ -327,10 +333,19 @@ QString Cli::withScheme(const QString& address)
     if (address.contains(QLatin1String("://")))
         return address;
     QString filled;
-    if (!ServerApi::FillUrlProtocolByStep(address, filled))
-        throw Failure(Exit::Network,
-            QStringLiteral("%1 answers neither https nor http; check the address").arg(address));
-    return filled;
+    if (ServerApi::FillUrlProtocolByStep(address, filled))
+        return filled;
+    // The probes say only that neither answered 200: an https that fails on its
+    // certificate is worth naming.
+    RequestRunner once;
+    once.setRetries(0);
+    const QString https = QStringLiteral("https://") + address;
+    const Reply reply = once.fetch(QStringLiteral("reach %1").arg(https),
+        [https](NBCompletionCallback done) { return ServerApi::GET(https, std::move(done)); });
+    if (reply.data.networkError == 6)
+        throw RequestRunner::failureOf(QStringLiteral("reach %1").arg(https), reply);
+    throw Failure(
+        Exit::Network, QStringLiteral("%1 answers neither https nor http; check the address").arg(address));
 }
 
 void Cli::connect(bool signedIn)
@@ -339,7 +354,7 @@ void Cli::connect(bool signedIn)
         throw Failure(
             Exit::Usage, QStringLiteral("no server: run nbcli login --server URL, or give --server"));
     if (signedIn && settings.session.isEmpty())
-        throw Failure(Exit::Refused,
+        throw Failure(Exit::Usage,
             QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server),
             QStringLiteral("not signed in"));
     settings.server = withScheme(settings.server);

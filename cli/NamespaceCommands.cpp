@@ -124,7 +124,11 @@ void mkdir(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
             if (!reply.ok()) {
                 NBBaseParse reading;
                 reading.ParseResp(reply.data);
-                if (parents && reading.errorCode() == CNBParseProcessor::TargetExists) {
+                // With -p a folder that exists is fine, a file of that name is not.
+                const std::optional<RemoteEntry> there
+                    = reading.errorCode() == CNBParseProcessor::TargetExists ? drive.find(path)
+                                                                             : std::nullopt;
+                if (parents && there && there->dir) {
                     cli.output.done(QJsonObject { { "path", path }, { "created", false } },
                         QStringLiteral("exists ") + path);
                     continue;
@@ -276,8 +280,17 @@ QJsonObject moveEntry(Cli& cli, const QString& from, const QString& to)
 void moveOrCopy(Cli& cli, const QCommandLineParser& parser, const QStringList& args, bool copy)
 {
     const bool dryRun = parser.isSet("dry-run");
-    const QStringList sources = existingSources(cli, normalised(args.mid(0, args.size() - 1)));
     const QString target = RemotePath::normalise(args.last());
+    // What the server would refuse, said before anything is sent: a folder into itself.
+    QStringList sources;
+    for (const QString& source : existingSources(cli, normalised(args.mid(0, args.size() - 1)))) {
+        if (target == source || target.startsWith(source + QLatin1Char('/')) || source == QLatin1String("/"))
+            cli.output.failed(QJsonObject { { "path", source }, { "to", target } },
+                Failure(Exit::Refused, QStringLiteral("%1 cannot go into itself (%2)").arg(source, target),
+                    QStringLiteral("parent folder conflict with folder")));
+        else
+            sources << source;
+    }
     const std::optional<RemoteEntry> existing = cli.drive().find(target);
     if (sources.isEmpty())
         return;

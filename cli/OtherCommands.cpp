@@ -26,6 +26,9 @@ void watch(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         + cli.space + QLatin1Char(':') + path;
     QString cursor = parser.isSet("reset") ? QString() : cli.settings.cursors.value(key).toString();
     const int interval = *Options::durationMs(parser.value("interval"));
+    cli.output.beginStream();
+    if (!cli.drive().entry(path).dir)
+        throw Failure(Exit::Usage, QStringLiteral("%1 is a file: watch follows folders").arg(path));
     auto model = cli.drive().at<NBServerApiDeltaModel>(path);
     for (;;) {
         model.cursor = cursor;
@@ -126,11 +129,12 @@ void raw(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         headerText += QString::fromLatin1(name) + QStringLiteral(": ") + value + QLatin1Char('\n');
     }
     const QString body = Console::redacted(data.body);
+    const QString errorString = Console::redacted(data.errorString);
     const QJsonObject record { { "status", data.statusCode }, { "network_error", data.networkError },
-        { "error", data.errorString }, { "headers", headers }, { "body", body } };
+        { "error", errorString }, { "headers", headers }, { "body", body } };
     const QString text = QStringLiteral("status: ") + QString::number(data.statusCode)
         + QStringLiteral("\nnetwork error: ") + QString::number(data.networkError)
-        + (data.networkError == 0 ? QString() : QStringLiteral(" (") + data.errorString + QLatin1Char(')'))
+        + (data.networkError == 0 ? QString() : QStringLiteral(" (") + errorString + QLatin1Char(')'))
         + QLatin1Char('\n') + headerText + QLatin1Char('\n') + body;
     if (reply.ok())
         return cli.output.result(record, text);

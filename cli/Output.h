@@ -30,7 +30,9 @@ public:
     void done(QJsonObject item, const QString& line);
     // An item that failed, the others going on: "ok": false and its "error".
     void failed(QJsonObject item, const Failure& failure);
-    // One line of a stream (watch), printed at once.
+    // The run streams (watch): each item a line of its own, printed at once, and no
+    // document at the end unless the run fails.
+    void beginStream() { m_streamed = true; }
     void stream(const QJsonObject& item, const QString& line);
     // A note about the run for people (standard error, not with -q).
     void note(const QString& line);

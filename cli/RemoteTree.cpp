@@ -42,16 +42,40 @@ QJsonObject RemoteEntry::report(const QString& path) const
 
 RemoteEntry RemoteTree::entry(const QString& path)
 {
-    return RemoteEntry::fromJson(
-        m_runner.call(QStringLiteral("stat %1").arg(describe(path)), stat(path)).json);
+    const QString what = QStringLiteral("stat %1").arg(describe(path));
+    return checked(what, m_runner.call(what, stat(path)).json);
+}
+
+RemoteEntry RemoteTree::checked(const QString& what, const QJsonObject& object, bool named)
+{
+    // An entry says what it is; and a name that would lead out of a folder is no name.
+    const QString name = object.value("name").toString();
+    if (!object.value("is_dir").isBool()
+        || (!object.value("is_dir").toBool() && !object.value("bytes").isDouble()))
+        throw Failure(Exit::Network,
+            QStringLiteral("%1: the server's entry says neither its type nor its size").arg(what),
+            QStringLiteral("damaged"));
+    if (!isName(name) && (named || !name.isEmpty()))
+        throw Failure(Exit::Network,
+            QStringLiteral("%1: the server named an entry \"%2\", which is no file name").arg(what, name),
+            QStringLiteral("damaged"));
+    return RemoteEntry::fromJson(object);
+}
+
+bool RemoteTree::isName(const QString& name)
+{
+    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..")
+        && !name.contains(QLatin1Char('/')) && !name.contains(QChar(0));
 }
 
 std::optional<RemoteEntry> RemoteTree::find(const QString& path)
 {
     const QString what = QStringLiteral("stat %1").arg(describe(path));
     const Reply reply = m_runner.fetch(what, stat(path));
+    if (reply.ok() && !reply.wholeJson)
+        throw RequestRunner::damagedReply(what, reply);
     if (reply.ok())
-        return RemoteEntry::fromJson(reply.json);
+        return checked(what, reply.json);
     CNBParseProcessor reading;
     reading.ParseResp(reply.data);
     if (reply.data.statusCode == 404 || reading.errorCode() == CNBParseProcessor::SourceNotFound)
@@ -69,7 +93,7 @@ QList<RemoteEntry> RemoteTree::list(const QString& folder)
                   .json;
         const QJsonArray content = page.value("content").toArray();
         for (const QJsonValue& value : content)
-            entries.append(RemoteEntry::fromJson(value.toObject()));
+            entries.append(checked(QStringLiteral("list %1").arg(describe(folder)), value.toObject(), true));
         offset += content.size();
         if (content.isEmpty() || offset >= page.value("total").toInt())
             return entries;

@@ -84,8 +84,15 @@ public:
     void ensureFolder(const QString& path);
 
     RequestRunner& runner() { return m_runner; }
+    // Whether the server's name of an entry is one a local file may take: not empty, not
+    // "." or "..", no "/" and no NUL.
+    static bool isName(const QString& name);
 
 protected:
+    // The entry of a reply, checked: a type, a size for a file, a name that is one (or,
+    // unless `named`, none: a root's); otherwise a damaged reply.
+    static RemoteEntry checked(const QString& what, const QJsonObject& object, bool named = false);
+
     // A listing model asking for one page, entries by name.
     template<typename Model> static Model pageByName(Model model, int offset, int limit)
     {

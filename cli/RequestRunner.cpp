@@ -153,7 +153,10 @@ void RequestRunner::finish(const std::shared_ptr<Attempt>& attempt, const Respon
     }
     Reply reply;
     reply.data = data;
-    reply.json = QJsonDocument::fromJson(data.body.toUtf8()).object();
+    QJsonParseError parsed {};
+    const QJsonDocument document = QJsonDocument::fromJson(data.body.toUtf8(), &parsed);
+    reply.json = document.object();
+    reply.wholeJson = parsed.error == QJsonParseError::NoError && document.isObject();
     reply.attempts = attempt->tries;
     attempt->done(reply);
     wake();
@@ -247,7 +250,17 @@ Reply RequestRunner::call(const QString& what, Start start)
     const Reply reply = fetch(what, std::move(start));
     if (!reply.ok())
         throw failureOf(what, reply);
+    if (!reply.wholeJson)
+        throw damagedReply(what, reply);
     return reply;
+}
+
+Failure RequestRunner::damagedReply(const QString& what, const Reply& reply)
+{
+    return Failure(Exit::Network,
+        QStringLiteral("%1: the server's reply is no whole JSON object (%2 bytes); try again later")
+            .arg(what, QString::number(reply.data.body.toUtf8().size())),
+        QStringLiteral("damaged"));
 }
 
 QString RequestRunner::reasonOf(const ResponseData& data)

@@ -22,6 +22,7 @@ struct Reply
 {
     ResponseData data;
     QJsonObject json; // the body, when it is a JSON object
+    bool wholeJson = false; // the body is one JSON object, whole
     bool served = true; // false: the deployment type does not offer the operation
     int attempts = 1;
     bool ok() const;
@@ -58,8 +59,9 @@ public:
     // Waits `ms`, or less when interrupted (then throws).
     void sleep(int ms);
 
-    // One request waited for. `call` throws the Failure of anything but a success;
-    // `fetch` only that of a reply that never came (network, interrupt, not offered).
+    // One request waited for. `call` throws the Failure of anything but a success whose
+    // body is one whole JSON object (anything else is a damaged reply); `fetch` only that
+    // of a reply that never came (network, interrupt, not offered).
     Reply call(const QString& what, Start start);
     Reply fetch(const QString& what, Start start);
 
@@ -67,6 +69,8 @@ public:
     static Failure failureOf(const QString& what, const Reply& reply);
     static bool worthRetry(const ResponseData& data);
     static bool isLocalFileError(const ResponseData& data);
+    // The Failure of a success whose body is no whole JSON object.
+    static Failure damagedReply(const QString& what, const Reply& reply);
     // Why a reply failed, in a few words ("connection refused", "HTTP 503").
     static QString reasonOf(const ResponseData& data);
     // The wait before attempt `tries` + 1: "Retry-After" of a 429, else growing back-off.

@@ -4,6 +4,7 @@
 #include "Transfers.h"
 
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 #include <memory>
 
 namespace {
@@ -41,8 +42,12 @@ std::pair<QString, QString> linkAndPath(const QString& text)
     const int colon = text.indexOf(QLatin1Char(':'));
     const QString code = colon < 0 ? text : text.left(colon);
     const QString path = colon < 0 ? QStringLiteral("/") : text.mid(colon + 1);
-    if (code.isEmpty())
-        throw Failure(Exit::Usage, QStringLiteral("\"%1\" names no link: CODE or CODE:PATH").arg(text));
+    // A code is one piece of an address: nothing that would reach another route.
+    static const QRegularExpression codeLike(QStringLiteral("^[^/?#%\\\\\\s]+$"));
+    if (!codeLike.match(code).hasMatch())
+        throw Failure(Exit::Usage,
+            QStringLiteral("\"%1\" names no link: CODE or CODE:PATH, the code without / ? # % \\ or spaces")
+                .arg(text));
     return { code, path.isEmpty() ? QStringLiteral("/") : path };
 }
 

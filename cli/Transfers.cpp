@@ -11,6 +11,8 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
+#include <algorithm>
+#include <dirent.h>
 
 namespace {
 
@@ -34,11 +36,33 @@ QJsonObject Transfers::itemJson(const Item& item) const
     return QJsonObject { { "path", m_tree.describe(item.remote) }, { "local", item.local } };
 }
 
+namespace {
+
+// The entries of a folder whose names are no UTF-8 text, as their bytes escaped: the
+// drive keeps names as text, so they cannot go there under their own names.
+QStringList undecodableNames(const QString& folder)
+{
+    QStringList names;
+    DIR* dir = ::opendir(QFile::encodeName(folder).constData());
+    if (!dir)
+        return names;
+    while (const dirent* entry = ::readdir(dir)) {
+        const QByteArray name(entry->d_name);
+        if (QString::fromUtf8(name).toUtf8() != name)
+            names << QString::fromLatin1(name.toPercentEncoding("/ "));
+    }
+    ::closedir(dir);
+    return names;
+}
+
+} // namespace
+
 void Transfers::planLocal(const QString& local, const QString& remote, QList<Item>* items)
 {
     const QFileInfo info(local);
     if (!info.isDir()) {
-        items->append(Item { local, remote, false, info.size(), {} });
+        // A FIFO or a device named on its own is read as a stream, like standard input.
+        items->append(Item { local, remote, false, info.isFile() ? info.size() : 0, {}, !info.isFile() });
         return;
     }
     items->append(Item { local, remote, true, 0, {} });
@@ -46,14 +70,36 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
     // itself, whatever form the given path takes.
     const QString base = QDir::cleanPath(QDir::current().absoluteFilePath(local));
     QStringList below;
-    QDirIterator walk(
-        base, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator walk(base, QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot | QDir::Hidden,
+        QDirIterator::Subdirectories);
     while (walk.hasNext())
         below << walk.next();
     below.sort();
     const QDir root(base);
+    const auto skip = [&](const QString& path, const QString& why) {
+        m_cli.output.failed(
+            QJsonObject { { "local", path } }, Failure(Exit::Local, QStringLiteral("%1: %2").arg(path, why)));
+    };
+    for (const QString& folder : QStringList { base } + below) {
+        if (QFileInfo(folder).isDir()) {
+            for (const QString& name : undecodableNames(folder))
+                skip(QDir(folder).filePath(name),
+                    QStringLiteral("the name is no UTF-8 text, and the drive keeps names as text: skipped"));
+        }
+    }
     for (const QString& path : qAsConst(below)) {
         const QFileInfo entry(path);
+        if (path.contains(QChar::ReplacementCharacter) && !entry.exists() && !entry.isSymLink())
+            continue; // named above by its bytes
+        if (entry.isSymLink() && !entry.exists()) {
+            skip(path, QStringLiteral("a symlink to nothing: skipped"));
+            continue;
+        }
+        if (!entry.isDir() && !entry.isFile()) {
+            skip(path,
+                QStringLiteral("not a regular file: skipped (name it on its own to read it as a stream)"));
+            continue;
+        }
         items->append(Item { path, RemotePath::join(remote, root.relativeFilePath(path)), entry.isDir(),
             entry.isDir() ? 0 : entry.size(), {} });
     }
@@ -73,9 +119,13 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
         const QFileInfo info(local);
         const QString destination = Placement::remoteFor(target, local, into);
         const Item item { local, destination, info.isDir(), 0, {} };
-        if (!info.exists() && !info.isSymLink()) {
+        if (!info.exists()) {
+            const QString why = info.isSymLink() ? QStringLiteral(" (a symlink to nothing)")
+                : local.contains(QChar::ReplacementCharacter)
+                ? QStringLiteral(" (its name as given is no UTF-8 text, and the drive keeps names as text)")
+                : QString();
             m_cli.output.failed(
-                itemJson(item), Failure(Exit::Local, QStringLiteral("no such file %1").arg(local)));
+                itemJson(item), Failure(Exit::Local, QStringLiteral("no such file %1%2").arg(local, why)));
             continue;
         }
         if (Placement::localName(local).isEmpty()) {
@@ -94,6 +144,17 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
         planLocal(local, destination, &items);
     }
     if (dryRun) {
+        // The verdict of the real put: a target below a file cannot be.
+        for (QString above = RemotePath::parent(target); !existing && above != QLatin1String("/");
+             above = RemotePath::parent(above)) {
+            if (const std::optional<RemoteEntry> ancestor = m_tree.find(above)) {
+                if (!ancestor->dir)
+                    throw Failure(Exit::Refused,
+                        QStringLiteral("%1 is a file: nothing goes below it").arg(m_tree.describe(above)),
+                        QStringLiteral("parent folder conflict with file"));
+                break;
+            }
+        }
         if (into && !existing && target != QLatin1String("/"))
             m_cli.output.done(QJsonObject { { "dry_run", true }, { "action", "create folder" },
                                   { "path", m_tree.describe(target) } },
@@ -112,8 +173,9 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
     run(
         items, [this](const Item& item) { m_tree.ensureFolder(item.remote); },
         [this](Progress& progress, const Item& item) {
-            const Uploader::Result result
-                = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).put(item.local, item.remote);
+            Uploader uploader(m_tree, progress, m_jobs, m_cli.settings.server);
+            const Uploader::Result result = item.stream ? uploader.putStream(item.local, item.remote)
+                                                        : uploader.put(item.local, item.remote);
             QJsonObject json = result.json();
             json.insert("path", m_tree.describe(item.remote));
             m_cli.output.done(json,
@@ -140,8 +202,8 @@ void Transfers::putStandardInput(const QString& remote, bool dryRun)
     }
     Progress progress(m_cli.console, m_cli.runner, 0, 1);
     attempt(item, [&] {
-        const Uploader::Result result
-            = Uploader(m_tree, progress, m_jobs, m_cli.settings.server).putStandardInput(target);
+        const Uploader::Result result = Uploader(m_tree, progress, m_jobs, m_cli.settings.server)
+                                            .putStream(QStringLiteral("-"), target);
         QJsonObject json = result.json();
         json.insert("path", m_tree.describe(target));
         m_cli.output.done(json,
@@ -155,10 +217,10 @@ void Transfers::putStandardInput(const QString& remote, bool dryRun)
 void Transfers::planRemote(
     const QString& remote, const RemoteEntry& entry, const QString& local, QList<Item>* items)
 {
+    // A folder is listed before anything of it is planned: a listing that fails leaves nothing made.
+    const QList<RemoteEntry> children = entry.dir ? m_tree.list(remote) : QList<RemoteEntry>();
     items->append(Item { local, remote, entry.dir, entry.dir ? 0 : entry.bytes, entry });
-    if (!entry.dir)
-        return;
-    for (const RemoteEntry& child : m_tree.list(remote))
+    for (const RemoteEntry& child : children)
         planRemote(RemotePath::join(remote, child.name), child, QDir(local).filePath(child.name), items);
 }
 
@@ -171,6 +233,9 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
         throw Failure(Exit::Usage,
             QStringLiteral("get REMOTE - writes the file to standard output, which --json cannot share"));
     const bool into = !toOutput && Placement::intoFolder(remotes.size(), local, QFileInfo(local).isDir());
+    // A target spelled as a folder is made, as put makes one on the server.
+    if (into && !QFileInfo(local).exists() && !dryRun && !QDir().mkpath(local))
+        throw Failure(Exit::Local, QStringLiteral("cannot create the folder %1").arg(local));
     QList<Item> items;
     for (const QString& remote : remotes) {
         const QString path = RemotePath::normalise(remote);
@@ -192,12 +257,23 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
         });
     }
     if (dryRun) {
-        for (const Item& item : qAsConst(items))
+        for (const Item& item : qAsConst(items)) {
+            // The verdict of the real get: a file goes into a folder that is, or will be.
+            const QString folder = QFileInfo(item.local).absolutePath();
+            const bool made = into || std::any_of(items.cbegin(), items.cend(), [&](const Item& other) {
+                return other.folder && QFileInfo(other.local).absoluteFilePath() == folder;
+            });
+            if (!made && !QFileInfo(folder).isDir()) {
+                m_cli.output.failed(itemJson(item),
+                    Failure(Exit::Local, QStringLiteral("cannot write %1: no such folder").arg(item.local)));
+                continue;
+            }
             wouldDo(item, QStringLiteral("get"),
                 item.folder
                     ? QStringLiteral("would create folder ") + item.local
                     : QStringLiteral("would get %1 -> %2 (%3)")
                           .arg(m_tree.describe(item.remote), item.local, Progress::bytes(item.bytes)));
+        }
         return;
     }
     run(

@@ -31,6 +31,7 @@ private:
         bool folder = false;
         qint64 bytes = 0;
         RemoteEntry entry;
+        bool stream = false; // read as it comes: a FIFO or a device
     };
 
     void planLocal(const QString& local, const QString& remote, QList<Item>* items);

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonArray>
+#include <QScopeGuard>
 #include <QSet>
 #include <QSocketNotifier>
 #include <deque>
@@ -79,20 +80,32 @@ Uploader::Result Uploader::put(const QString& localPath, const QString& remotePa
     return result;
 }
 
-Uploader::Result Uploader::putStandardInput(const QString& remotePath)
+Uploader::Result Uploader::putStream(const QString& localPath, const QString& remotePath)
 {
     Result result;
-    result.local = QStringLiteral("-");
+    result.local = localPath;
     result.remote = remotePath;
+    const bool standardInput = localPath == QLatin1String("-");
+    // A FIFO opens once a writer comes; then it is read without blocking, as standard input is.
+    const int fd = standardInput ? STDIN_FILENO
+                                 : ::open(QFile::encodeName(localPath).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        throw Failure(
+            Exit::Local, QStringLiteral("cannot read %1: %2").arg(localPath, qt_error_string(errno)));
+    const auto closing = qScopeGuard([fd, standardInput] {
+        if (!standardInput)
+            ::close(fd);
+    });
     QElapsedTimer clock;
     clock.start();
-    m_progress.beginFile(QStringLiteral("standard input"), 0);
+    m_progress.beginFile(
+        standardInput ? QStringLiteral("standard input") : QFileInfo(localPath).fileName(), 0);
     const RemoteTree::Upload upload = m_tree.authorised(remotePath, 0, m_server);
     const qint64 chunkSize = ChunkHasher::chunkSizeOf(upload.chunkSize);
     // Read as it arrives, without blocking the requests in flight: a chunk is cut each
     // time one is full, and at the end.
-    ::fcntl(STDIN_FILENO, F_SETFL, ::fcntl(STDIN_FILENO, F_GETFL) | O_NONBLOCK);
-    QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+    QSocketNotifier notifier(fd, QSocketNotifier::Read);
     notifier.setEnabled(false);
     QByteArray current;
     int index = 0;
@@ -109,7 +122,7 @@ Uploader::Result Uploader::putStandardInput(const QString& remotePath)
                     const qint64 room = chunkSize - current.size();
                     const int at = current.size();
                     current.resize(int(chunkSize));
-                    const ssize_t got = ::read(STDIN_FILENO, current.data() + at, size_t(room));
+                    const ssize_t got = ::read(fd, current.data() + at, size_t(room));
                     current.resize(at + int(qMax<ssize_t>(got, 0)));
                     if (got > 0) {
                         if (current.size() == chunkSize)

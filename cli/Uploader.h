@@ -38,8 +38,9 @@ public:
 
     // Throws the Failure that stopped it.
     Result put(const QString& localPath, const QString& remotePath);
-    // Standard input to the remote path.
-    Result putStandardInput(const QString& remotePath);
+    // What a stream gives (standard input for "-", else a FIFO or a device read until
+    // its end) to the remote path, read as it comes.
+    Result putStream(const QString& localPath, const QString& remotePath);
 
 private:
     // A chunk to send: its place in the file, its hash, and its bytes when they are held

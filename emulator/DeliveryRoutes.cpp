@@ -54,6 +54,11 @@ bool DeliveryRoutes::passwordOpens(HttpCall& call, const Link& link)
             QStringLiteral("a wrong password pauses the link for %1 ms").arg(Links::GuessPauseMs));
         return false;
     };
+    // No password is no guess: it pauses nothing.
+    if (call.value(Wire::Password).isEmpty()) {
+        call.error(403, QStringLiteral("forbidden"), QStringLiteral("the link needs a password"));
+        return false;
+    }
     if (const qint64 wait = m_context.links.pausedFor(link.code))
         return tooSoon(wait);
     if (call.value(Wire::Password) == link.password)

@@ -6,6 +6,7 @@
 
 #include <QDirIterator>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QSaveFile>
@@ -58,6 +59,50 @@ void breakReply(HttpResponse& response, const FaultRule& fault)
 }
 
 } // namespace
+
+std::optional<UserOption> UserOption::parse(const QString& option, QString* error)
+{
+    // NAME:PASSWORD[:tfa]: the name ends at the first ":", the flag is a trailing ":tfa"
+    // and the password is everything between (it may hold ":").
+    const int colon = option.indexOf(QLatin1Char(':'));
+    UserOption user;
+    user.name = option.left(colon);
+    user.password = colon < 0 ? QString() : option.mid(colon + 1);
+    user.tfa = user.password.endsWith(QLatin1String(":tfa"));
+    if (user.tfa)
+        user.password.chop(4);
+    if (colon <= 0 || user.password.isEmpty()) {
+        *error = QStringLiteral(
+            "--user takes NAME:PASSWORD[:tfa], a name and a password that are not empty, not %1")
+                     .arg(option);
+        return std::nullopt;
+    }
+    return user;
+}
+
+bool Emulator::checkOptions(const EmuOptions& o, QString* error)
+{
+    QStringList names;
+    for (const QString& option : o.users) {
+        const std::optional<UserOption> user = UserOption::parse(option, error);
+        if (!user)
+            return false;
+        if (names.contains(user->name)) {
+            *error = QStringLiteral("--user %1 is given twice").arg(user->name);
+            return false;
+        }
+        names << user->name;
+    }
+    for (const QString& text : o.faults) {
+        if (!FaultRule::parse(text, error))
+            return false;
+    }
+    if (!o.seedDir.isEmpty() && !QFileInfo(o.seedDir).isDir()) {
+        *error = QStringLiteral("--seed %1 is no folder").arg(o.seedDir);
+        return false;
+    }
+    return true;
+}
 
 Emulator::Emulator(const EmuOptions& options)
     : m_control(m_context, [this](bool toSeed) { reset(toSeed); })
@@ -155,19 +200,8 @@ bool Emulator::start(QTextStream& out, QString* error)
     if (!m_data.open(o.dataDir, o.ephemeral, m_context.db, m_context.store, error))
         return false;
     for (const QString& option : qAsConst(o.users)) {
-        // NAME:PASSWORD[:tfa]: the name ends at the first ":", the flag is a trailing ":tfa"
-        // and the password is everything between (it may hold ":").
-        const int colon = option.indexOf(QLatin1Char(':'));
-        const QString name = option.left(colon);
-        QString password = colon < 0 ? QString() : option.mid(colon + 1);
-        const bool tfa = password.endsWith(QLatin1String(":tfa"));
-        if (tfa)
-            password.chop(4);
-        if (colon <= 0) {
-            *error = QStringLiteral("--user takes NAME:PASSWORD[:tfa], not %1").arg(option);
-            return false;
-        }
-        if (!m_context.accounts.ensureUser(name, password, tfa, error))
+        const std::optional<UserOption> user = UserOption::parse(option, error);
+        if (!user || !m_context.accounts.ensureUser(user->name, user->password, user->tfa, error))
             return false;
     }
     for (const QString& text : qAsConst(o.faults)) {
@@ -197,6 +231,15 @@ bool Emulator::start(QTextStream& out, QString* error)
         return false;
     if (!m_server.listen(o.host, o.port, error))
         return false;
+    // The port file says the emulator is ready: written before anything is printed.
+    if (!o.portFile.isEmpty()) {
+        QSaveFile file(o.portFile);
+        if (!file.open(QIODevice::WriteOnly) || file.write(QByteArray::number(m_server.port()) + '\n') < 0
+            || !file.commit()) {
+            *error = QStringLiteral("cannot write the port file %1: %2").arg(o.portFile, file.errorString());
+            return false;
+        }
+    }
     m_context.selfUrl = QStringLiteral("%1://%2:%3").arg(tls ? "https" : "http", o.host).arg(m_server.port());
     out << "nbemu: serving deployment type " << int(o.type) << " at " << m_context.selfUrl << ", data in "
         << m_data.path() << Qt::endl;
@@ -205,15 +248,6 @@ bool Emulator::start(QTextStream& out, QString* error)
     for (const User& user : m_context.accounts.users())
         out << "nbemu: user " << user.name << (user.tfa ? " (two factors)" : "")
             << ", one-time password secret " << user.totpSecret << Qt::endl;
-    if (!o.portFile.isEmpty()) {
-        QSaveFile file(o.portFile);
-        file.open(QIODevice::WriteOnly);
-        file.write(QByteArray::number(m_server.port()) + '\n');
-        if (!file.commit()) {
-            *error = QStringLiteral("cannot write the port file %1").arg(o.portFile);
-            return false;
-        }
-    }
     return true;
 }
 
@@ -233,9 +267,7 @@ bool Emulator::admit(const Route& route, HttpCall& call)
     if (route.access == Access::Control)
         return admitControl(call);
     if (!o.verifyCode.isEmpty() && o.type != Deployment::PublicCloud) {
-        QString code = call.query(Wire::VerifyCode);
-        if (code.isEmpty())
-            code = call.form(Wire::VerifyCode);
+        QString code = call.value(Wire::VerifyCode);
         if (code.isEmpty())
             code = call.cookie(Wire::VerifyCode);
         if (code != o.verifyCode) {
@@ -274,12 +306,15 @@ bool Emulator::admitControl(HttpCall& call)
     own.removeDuplicates();
     const QString host = call.header(QStringLiteral("Host")).toLower();
     const QString origin = call.header(QStringLiteral("Origin")).toLower();
-    const bool ownOrigin
-        = origin.isEmpty() || std::any_of(own.begin(), own.end(), [&origin](const QString& address) {
-              return origin == QLatin1String("http://") + address
-                  || origin == QLatin1String("https://") + address;
-          });
-    if (own.contains(host) && ownOrigin)
+    // One Host, at most one Origin, and an Origin that names a page of this emulator.
+    const bool once
+        = call.headerCount(QStringLiteral("Host")) == 1 && call.headerCount(QStringLiteral("Origin")) <= 1;
+    const bool ownOrigin = call.headerCount(QStringLiteral("Origin")) == 0
+        || std::any_of(own.begin(), own.end(), [&origin](const QString& address) {
+               return origin == QLatin1String("http://") + address
+                   || origin == QLatin1String("https://") + address;
+           });
+    if (once && own.contains(host) && ownOrigin)
         return true;
     call.error(403, QStringLiteral("forbidden"),
         QStringLiteral("the control interface answers only requests to %1 from no other origin")
@@ -303,7 +338,10 @@ void Emulator::dispatch(HttpRequest& request, HttpResponse& response)
         QThread::msleep(ulong(fault->value));
     bool tooLarge = false;
 
-    if (request.hasBody && method != QLatin1String("POST") && method != QLatin1String("PUT")) {
+    if (!call.pathIsText()) {
+        call.error(400, QStringLiteral("invalid path"),
+            QStringLiteral("the address holds a malformed escape, or bytes that are no UTF-8"));
+    } else if (request.hasBody && method != QLatin1String("POST") && method != QLatin1String("PUT")) {
         call.error(413, QStringLiteral("space limit"), QStringLiteral("a body on %1 is refused").arg(method));
     } else if (!route) {
         call.error(501, QStringLiteral("not emulated"),
@@ -327,10 +365,12 @@ void Emulator::dispatch(HttpRequest& request, HttpResponse& response)
     } else if (admit(*route, call)) {
         route->handler(call);
     }
+    // The reply as the route made it; a fault may send less of it.
+    const qint64 bytesOut = response.bodyLength();
     if (fault && fault->phase() == FaultRule::After)
         breakReply(response, *fault);
-    log(request.method, request.target, response.status, request.bytesRead, response.bodyLength(),
-        clock.elapsed(), faultText);
+    log(request.method, request.target, response.status, request.bytesRead, bytesOut, clock.elapsed(),
+        faultText);
 }
 
 void Emulator::refuse(int status, const QString& message, HttpResponse& response)

@@ -17,10 +17,25 @@
 #include <QMutex>
 #include <QTextStream>
 #include <atomic>
+#include <optional>
+
+// One --user option: NAME:PASSWORD[:tfa].
+struct UserOption
+{
+    QString name;
+    QString password;
+    bool tfa = false;
+
+    static std::optional<UserOption> parse(const QString& option, QString* error);
+};
 
 class Emulator
 {
 public:
+    // What can be checked of the options before anything is opened: users (a name and a
+    // password each, every name once), fault rules, the seed folder.
+    static bool checkOptions(const EmuOptions& options, QString* error);
+
     explicit Emulator(const EmuOptions& options);
     ~Emulator();
 

@@ -2,6 +2,7 @@
 
 #include <QJsonDocument>
 #include <QUrl>
+#include <cctype>
 
 HttpCall::HttpCall(HttpRequest& request, HttpResponse& response, QByteArray body)
     : m_request(request)
@@ -9,7 +10,26 @@ HttpCall::HttpCall(HttpRequest& request, HttpResponse& response, QByteArray body
     , m_body(std::move(body))
 {
     const int question = request.target.indexOf('?');
-    m_path = QUrl::fromPercentEncoding(question < 0 ? request.target : request.target.left(question));
+    const QByteArray raw = question < 0 ? request.target : request.target.left(question);
+    // Strictly: a malformed escape, or bytes that are no UTF-8, make the path unusable
+    // rather than quietly another name.
+    QByteArray bytes;
+    for (int i = 0; i < raw.size(); ++i) {
+        if (raw[i] != '%') {
+            bytes += raw[i];
+            continue;
+        }
+        bool ok = false;
+        const int value = raw.mid(i + 1, 2).toInt(&ok, 16);
+        if (!ok || i + 2 >= raw.size() || !isxdigit(uchar(raw[i + 1])) || !isxdigit(uchar(raw[i + 2]))) {
+            m_pathIsText = false;
+            break;
+        }
+        bytes += char(value);
+        i += 2;
+    }
+    m_path = QString::fromUtf8(bytes);
+    m_pathIsText = m_pathIsText && m_path.toUtf8() == bytes;
     if (question >= 0)
         m_query = parseItems(request.target.mid(question + 1), false);
 }
@@ -100,6 +120,11 @@ QStringList HttpCall::values(const QString& key) const
 QString HttpCall::header(const QString& name) const
 {
     return QString::fromUtf8(m_request.header(name.toLatin1()));
+}
+
+int HttpCall::headerCount(const QString& name) const
+{
+    return m_request.headerValues(name.toLatin1()).size();
 }
 
 // The last cookie of the name wins, as it does in the library's own jar.

@@ -25,8 +25,10 @@ public:
 
     HttpResponse& response() { return m_response; }
     QString method() const;
-    // The address's path, decoded.
+    // The address's path, decoded once.
     QString path() const { return m_path; }
+    // Whether the path's escapes were all "%" and two hex digits, decoding to UTF-8 text.
+    bool pathIsText() const { return m_pathIsText; }
     QByteArray target() const { return m_request.target; }
     const QByteArray& body() const { return m_body; }
     // The route pattern's captures (pieces of the decoded path).
@@ -40,6 +42,7 @@ public:
     // Every value of a repeated key ("hashes[]"), form and query.
     QStringList values(const QString& key) const;
     QString header(const QString& name) const;
+    int headerCount(const QString& name) const;
     QString cookie(const QString& name) const;
 
     // Reads the whole body into body(); false when the body broke off, or (with `tooLarge`
@@ -78,6 +81,7 @@ private:
     HttpResponse& m_response;
     QByteArray m_body;
     QString m_path;
+    bool m_pathIsText = true;
     Items m_query;
     mutable std::optional<Items> m_form;
 };

@@ -35,21 +35,12 @@ QByteArray bytesOf(boost::beast::string_view text)
     return QByteArray(text.data(), int(text.size()));
 }
 
-// What the client sent before the head's first line break: the request line, or as much
-// of it as came.
-std::size_t requestLineLength(const boost::beast::flat_buffer& buffer)
-{
-    const auto data = buffer.data();
-    const char* begin = static_cast<const char*>(data.data());
-    const void* end = std::memchr(begin, '\n', data.size());
-    return end ? std::size_t(static_cast<const char*>(end) - begin) : data.size();
-}
-
 // The status and message of a head the parser refuses.
-std::pair<int, QString> refusalOf(const error_code& ec, const boost::beast::flat_buffer& buffer)
+// `targetRead`: whether the request line came whole before the refusal.
+std::pair<int, QString> refusalOf(const error_code& ec, bool targetRead)
 {
     if (ec == http::error::header_limit) {
-        if (requestLineLength(buffer) > TargetLimit)
+        if (!targetRead)
             return { 414, QStringLiteral("the address is longer than %1 bytes").arg(TargetLimit) };
         return { 431, QStringLiteral("the request head is larger than %1 bytes").arg(HeadLimit) };
     }
@@ -329,7 +320,7 @@ void HttpServer::serve(SocketStream& stream)
             // A connection that ends or idles out between requests just closes.
             if (!parser.got_some() && buffer.size() == 0)
                 return;
-            const auto [status, message] = refusalOf(ec, buffer);
+            const auto [status, message] = refusalOf(ec, !parser.get().target().empty());
             return refuse(status, message);
         }
         auto& head = parser.get();

@@ -18,7 +18,9 @@ Route& Router::added(const QString& method, const QString& pattern, int types, A
 {
     Route route;
     route.method = method;
-    route.pattern = QRegularExpression(QLatin1Char('^') + pattern + QLatin1Char('$'));
+    // A name may hold a line break: "." matches every character.
+    route.pattern = QRegularExpression(
+        QLatin1Char('^') + pattern + QLatin1Char('$'), QRegularExpression::DotMatchesEverythingOption);
     route.types = types;
     route.access = access;
     m_routes.append(route);

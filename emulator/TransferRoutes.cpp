@@ -5,6 +5,7 @@
 
 #include <QRegularExpression>
 #include <algorithm>
+#include <limits>
 #include <memory>
 
 TransferRoutes::TransferRoutes(EmuContext& context)
@@ -89,24 +90,27 @@ void TransferRoutes::serve(HttpCall& call, const Entry& entry, qint64 rev)
         range = call.header(Wire::RangeAlias);
     static const QRegularExpression bytesRange(QStringLiteral("^bytes=(\\d*)-(\\d*)$"));
     const QRegularExpressionMatch match = bytesRange.match(range.trimmed());
+    // A number too large for 64 bits is as good as infinite: beyond any file.
+    const auto number = [&match](int group) {
+        bool ok = false;
+        const qint64 value = match.captured(group).toLongLong(&ok);
+        return ok ? value : std::numeric_limits<qint64>::max();
+    };
     const bool suffix = match.hasMatch() && match.captured(1).isEmpty();
     const bool valid = match.hasMatch() && !(suffix && match.captured(2).isEmpty())
-        && (suffix || match.captured(2).isEmpty()
-            || match.captured(2).toLongLong() >= match.captured(1).toLongLong());
+        && (suffix || match.captured(2).isEmpty() || number(2) >= number(1));
     if (valid) {
         if (suffix) {
-            first = qMax<qint64>(0, size - match.captured(2).toLongLong());
-            if (match.captured(2).toLongLong() == 0)
-                first = size;
+            first = number(2) == 0 ? size : qMax<qint64>(0, size - qMin(number(2), size));
         } else {
-            first = match.captured(1).toLongLong();
+            first = number(1);
             if (!match.captured(2).isEmpty())
-                last = qMin(last, match.captured(2).toLongLong());
+                last = qMin(last, number(2));
         }
         if (first >= size) {
             call.setHeader("Content-Range", QStringLiteral("bytes */%1").arg(size));
-            return call.error(
-                416, QStringLiteral("invalid range"), QStringLiteral("%1 of %2 bytes").arg(range).arg(size));
+            return call.error(416, QStringLiteral("invalid range"),
+                QStringLiteral("%1 of %2 bytes").arg(range, QString::number(size)));
         }
         status = 206;
         call.setHeader("Content-Range", QStringLiteral("bytes %1-%2/%3").arg(first).arg(last).arg(size));

@@ -152,8 +152,10 @@ int main(int argc, char** argv)
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    Emulator emulator(options);
     QString error;
+    if (!Emulator::checkOptions(options, &error))
+        return usage(err, error);
+    Emulator emulator(options);
     if (!emulator.start(out, &error)) {
         err << "nbemu: " << error << Qt::endl;
         return 1;

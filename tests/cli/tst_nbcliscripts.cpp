@@ -7,12 +7,15 @@
 #include "EmuProcess.h"
 #include "TestData.h"
 #include "TestMain.h"
+#include "TestServer.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QSaveFile>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <sys/stat.h>
 
 namespace {
 
@@ -133,7 +136,7 @@ private slots:
             { { "ls", "--frobnicate" }, {}, 1, {} },
             { { "put", "-j", "0", local("j.txt"), "/j/" }, {}, 1, {} },
             { { "logout" }, {}, 0, { "ok", "server" } },
-            { { "whoami" }, {}, 2, {} },
+            { { "whoami" }, {}, 1, {} },
         };
         for (const Case& c : cases) {
             const QStringList args = QStringList { "--json" } + c.args;
@@ -365,6 +368,149 @@ private slots:
         QVERIFY2(
             run.err.contains("needs a password") && !run.err.contains("wrong password"), qPrintable(run.err));
         QVERIFY(!QFileInfo::exists(local("no-password")));
+    }
+
+    // A server that names entries as paths, or sends half a reply, steers nothing.
+    void aHostileServerSteersNoFile()
+    {
+        TestServer server([](const RecordedRequest& request) {
+            const QByteArray path = request.path();
+            if (path.startsWith("/v2/metadata/databox/X") && request.query().contains("list=true"))
+                return ServerReply::ok(
+                    R"({"name":"X","path":"/X","is_dir":true,"total":3,"content":[)"
+                    R"({"name":"../evil.txt","is_dir":false,"bytes":1},)"
+                    R"({"name":"/abs.txt","is_dir":false,"bytes":1},{"name":"..","is_dir":true}]})");
+            if (path.startsWith("/v2/metadata/databox/X"))
+                return ServerReply::ok(R"({"name":"X","path":"/X","is_dir":true})");
+            if (path.startsWith("/v2/metadata/databox/half"))
+                return ServerReply::ok(R"({"name":"half","is_dir":false,"bytes":3)");
+            return ServerReply::withStatus(404, R"({"code":"file/folder not found"})");
+        });
+        // A stored sign-in for that server, as login would have written it.
+        const QString config = local("hostile-config");
+        QDir().mkpath(config + "/nbcli");
+        QSaveFile file(config + "/nbcli/session.json");
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QJsonDocument(QJsonObject { { "server", server.url("/").chopped(1) }, { "type", 1 },
+                                     { "user", "u" }, { "session", "s" } })
+                       .toJson());
+        QVERIFY(file.commit());
+        const QMap<QString, QString> env { { "XDG_CONFIG_HOME", config } };
+        QDir(m_dir.path()).mkpath("inside");
+        CliRun run = m_cli.run({ "--retries", "0", "get", "/X", "dl" }, env, {}, 60000, local("inside"));
+        QCOMPARE(run.exit, 3);
+        QVERIFY2(run.err.contains("which is no file name"), qPrintable(run.err));
+        QVERIFY(!QFileInfo::exists(local("evil.txt")) && !QFileInfo::exists(local("inside/evil.txt"))
+            && !QFileInfo::exists("/abs.txt"));
+        QCOMPARE(QDir(local("inside")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+            QStringList());
+        run = m_cli.run({ "--retries", "0", "get", "/half", "half.bin" }, env, {}, 60000, local("inside"));
+        QCOMPARE(run.exit, 3);
+        QVERIFY2(run.err.contains("no whole JSON"), qPrintable(run.err));
+        QVERIFY(!QFileInfo::exists(local("inside/half.bin")));
+    }
+
+    // What the real command would say, the dry run says too.
+    void dryRunsGiveTheRealVerdict()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        CLI_OK(nbcli({ "mkdir", "-p", "/D1/sub" }));
+        writeFile(local("one.txt"), "1");
+        CLI_OK(nbcli({ "put", local("one.txt"), "/a.txt" }));
+        for (const QStringList& args : { QStringList { "mv", "/D1", "/D1/sub" },
+                 QStringList { "cp", "/D1", "/D1/sub/" }, QStringList { "put", local("one.txt"), "/a.txt/x" },
+                 QStringList { "get", "/a.txt", local("nonexistent/x") },
+                 QStringList { "mkdir", "-p", "/a.txt" } }) {
+            const CliRun dry = nbcli(QStringList { args.first(), "--dry-run" } + args.mid(1));
+            const CliRun real = nbcli(args);
+            QVERIFY2(real.exit != 0 && (dry.exit == real.exit || args.first() == "mkdir"),
+                qPrintable(QStringLiteral("%1: dry %2, real %3")
+                               .arg(args.join(' '), QString::number(dry.exit), QString::number(real.exit))));
+        }
+    }
+
+    void watchStreamsAndWatchesFoldersOnly()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        CLI_OK(nbcli({ "watch", "--once", "/" }));
+        CliRun run = nbcli({ "watch", "--once", "--json", "/" });
+        CLI_OK(run);
+        QCOMPARE(run.out, QString()); // nothing changed: no line at all
+        run = nbcli({ "watch", "--once", "--json", "/none" });
+        QCOMPARE(run.exit, 2);
+        QCOMPARE(QJsonDocument::fromJson(run.out.toUtf8()).object().value("ok").toBool(true), false);
+        writeFile(local("w.txt"), "w");
+        CLI_OK(nbcli({ "put", local("w.txt"), "/w.txt" }));
+        QCOMPARE(nbcli({ "watch", "--once", "/w.txt" }).exit, 1);
+    }
+
+    void oddLocalSources()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        // A folder holding what cannot go: a name that is no UTF-8, a symlink to nothing, a FIFO.
+        QDir(m_dir.path()).mkpath("odd");
+        writeFile(local("odd/ok.txt"), "ok");
+        const QByteArray bad = QFile::encodeName(local("odd")) + "/bad\xff.txt";
+        FILE* raw = std::fopen(bad.constData(), "w");
+        QVERIFY(raw);
+        std::fclose(raw);
+        QVERIFY(QFile::link(local("odd/gone"), local("odd/dangling")));
+        QCOMPARE(::mkfifo(QFile::encodeName(local("odd/fifo")).constData(), 0600), 0);
+        CliRun run = nbcli({ "put", local("odd"), "/odd" });
+        QCOMPARE(run.exit, 5);
+        QVERIFY2(run.err.contains("bad%FF.txt: the name is no UTF-8 text"), qPrintable(run.err));
+        QVERIFY(run.err.contains("dangling: a symlink to nothing"));
+        QVERIFY(run.err.contains("fifo: not a regular file"));
+        QCOMPARE(nbcli({ "ls", "/odd" }).out, QString("ok.txt\n"));
+        // A FIFO named on its own is read as a stream.
+        QProcess writer;
+        writer.start("sh", { "-c", "printf streamed > \"$0\"", local("odd/fifo") });
+        run = nbcli({ "put", local("odd/fifo"), "/from-fifo.txt" });
+        CLI_OK(run);
+        QVERIFY(writer.waitForFinished(10000));
+        QCOMPARE(nbcli({ "get", "/from-fifo.txt", "-" }).out, QString("streamed"));
+        // A target spelled as a folder is made.
+        CLI_OK(nbcli({ "get", "/odd/ok.txt", local("made/") }));
+        QCOMPARE(readFile(local("made/ok.txt")), QByteArray("ok"));
+    }
+
+    void smallPromises()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--link", "L1:pw:alice:/Shared" });
+        // Not signed in is a usage matter: no server refused anything.
+        CliRun run = nbcli({ "ls", "--server", emu.url() });
+        QCOMPARE(run.exit, 1);
+        QVERIFY(signIn(emu));
+        // A code is one piece of an address.
+        const int before = requestsOf(emu);
+        run = nbcli({ "share", "get", "L1/x:/a", "y" }, { { "NB_SHARE_PASSWORD", "pw" } });
+        QCOMPARE(run.exit, 1);
+        QCOMPARE(requestsOf(emu), before);
+        // Help as JSON, under --json.
+        run = nbcli({ "ls", "--help", "--json" });
+        CLI_OK(run);
+        QVERIFY(QJsonDocument::fromJson(run.out.toUtf8())
+                    .object()
+                    .value("results")
+                    .toArray()
+                    .at(0)
+                    .toObject()
+                    .value("help")
+                    .toString()
+                    .startsWith("Usage: nbcli ls"));
+        // raw's text never shows the session, errors included.
+        const QString session = QJsonDocument::fromJson(
+            readFile(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
+                + "/nbcli/session.json"))
+                                    .object()
+                                    .value("session")
+                                    .toString();
+        run = nbcli({ "raw", "GET", "/nonexistent" });
+        QVERIFY(!(run.out + run.err).contains(session));
+        QVERIFY(run.out.contains("***("));
     }
 
     void helpReadsLikeOtherTools()

@@ -346,6 +346,10 @@ private slots:
             qPrintable(QString::number(wrongAnswers.size())));
         for (int i = 1; i < wrongAnswers.size(); ++i)
             QVERIFY(wrongAnswers[i] - wrongAnswers[i - 1] >= 500);
+        // No password at all is no guess: refused, and nothing paused.
+        QTest::qWait(1100);
+        QCOMPARE(auth("L2", "").statusCode, 403);
+        QCOMPARE(auth("L2", "right").statusCode, 200);
         // Another link is not slowed; this one takes the right password once the pause is over.
         QCOMPARE(auth("L2", "right").statusCode, 200);
         QTest::qWait(1100);

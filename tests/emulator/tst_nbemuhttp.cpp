@@ -171,6 +171,9 @@ private slots:
         for (int i = 0; i < 800; ++i)
             many += "X-Filler-" + QByteArray::number(i) + ": " + QByteArray(80, 'f') + "\r\n";
         QTest::newRow("head too large") << many + "\r\n" << 431;
+        QTest::newRow("one header too large")
+            << QByteArray("GET / HTTP/1.1\r\nHost: x\r\nX-Big: " + QByteArray(66000, 'b') + "\r\n\r\n")
+            << 431;
         QTest::newRow("unknown expectation") << QByteArray(
             "POST /__emu/reset HTTP/1.1\r\nHost: x\r\nExpect: magic\r\nContent-Length: 0\r\n\r\n")
                                              << 417;
@@ -186,6 +189,49 @@ private slots:
         QCOMPARE(exchange.replies[0].status, status);
         QVERIFY(isErrorObject(exchange.replies[0]));
         QVERIFY(exchange.closed);
+    }
+
+    // A name is text: an escape that is none, or bytes that are no UTF-8, are refused.
+    void pathsAreDecodedStrictly_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<int>("status");
+        QTest::newRow("not hex") << QByteArray("bad%ZZ.txt") << 400;
+        QTest::newRow("cut short") << QByteArray("bad%4") << 400;
+        QTest::newRow("no UTF-8") << QByteArray("bad%FF%FE.txt") << 400;
+        QTest::newRow("a line break") << QByteArray("line%0Abreak.txt") << 200;
+        QTest::newRow("UTF-8") << QByteArray("%C3%BC.txt") << 200;
+    }
+
+    void pathsAreDecodedStrictly()
+    {
+        QFETCH(QByteArray, name);
+        QFETCH(int, status);
+        EmuProcess emu;
+        const quint16 port = emu.port();
+        const QByteArray session = rawSession(port, "alice", "secret");
+        const RawExchange exchange = rawExchange(port,
+            rawRequest("POST", "/v2/files/databox/" + name, port, { session, "Connection: close" }, "x"));
+        QCOMPARE(exchange.replies.value(0).status, status);
+        if (status == 400)
+            QCOMPARE(exchange.replies.value(0).json().value("code").toString(), QString("invalid path"));
+    }
+
+    // "S" from the form wins over the query's, as every parameter does.
+    void theFormsVerificationCodeWins()
+    {
+        EmuProcess emu({ "--user", "alice:secret", "--verify-code", "VC1" }, 0);
+        const quint16 port = emu.port();
+        const auto status = [&](const QByteArray& query, const QByteArray& form) {
+            return rawExchange(port,
+                rawForm("/v2/user/login" + query, port, "user_slug=alice&password=secret&" + form,
+                    { "Connection: close" }))
+                .replies.value(0)
+                .status;
+        };
+        QCOMPARE(status("?S=bad", "S=VC1"), 200);
+        QCOMPARE(status("?S=VC1", "S=bad"), 403);
+        QCOMPARE(status("?S=VC1", ""), 200);
     }
 
     void aChunkedBodyIsReadWhole()
@@ -258,6 +304,11 @@ private slots:
         QTest::newRow("another origin")
             << QByteArray("Host: 127.0.0.1:PORT\r\nOrigin: http://evil.example") << 403;
         QTest::newRow("null origin") << QByteArray("Host: 127.0.0.1:PORT\r\nOrigin: null") << 403;
+        QTest::newRow("an empty origin") << QByteArray("Host: 127.0.0.1:PORT\r\nOrigin: ") << 403;
+        QTest::newRow("two hosts") << QByteArray("Host: 127.0.0.1:PORT\r\nHost: evil.example") << 403;
+        QTest::newRow("two origins") << QByteArray(
+            "Host: 127.0.0.1:PORT\r\nOrigin: http://127.0.0.1:PORT\r\nOrigin: http://evil.example")
+                                     << 403;
     }
 
     void theControlInterfaceAnswersOnlyItsOwnAddress()

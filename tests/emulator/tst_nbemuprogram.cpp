@@ -66,6 +66,12 @@ private slots:
         QTest::newRow("fault value not a number")
             << QStringList { "--fault", "/:latency=soon" } << "bad value";
         QTest::newRow("user without password") << QStringList { "--user", "alice" } << "--user";
+        QTest::newRow("an empty password") << QStringList { "--user", "bob:" } << "--user";
+        QTest::newRow("a user twice") << QStringList { "--user", "alice:other" } << "given twice";
+        QTest::newRow("a seed that is not there")
+            << QStringList { "--seed", "/nonexistent/seed" } << "--seed";
+        QTest::newRow("a port file that cannot be written")
+            << QStringList { "--port-file", "/nonexistent/dir/port" } << "port file";
     }
 
     void badOptionsAreUsageErrors()
@@ -75,6 +81,8 @@ private slots:
         const Run run = runNbemu(QStringList { "--ephemeral", "--user", "alice:secret" } + arguments);
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.output.contains(named), qPrintable(run.output));
+        // A usage error says nothing of serving.
+        QVERIFY2(!run.output.contains("serving"), qPrintable(run.output));
     }
 
     // The name ends at the first ":", and only a trailing ":tfa" is the flag.

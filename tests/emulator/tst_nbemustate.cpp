@@ -53,6 +53,7 @@ private slots:
         QTest::newRow("ampersand") << "a&b=c.txt";
         QTest::newRow("non-ASCII") << QString::fromUtf8("Überblick ß.txt");
         QTest::newRow("outside the BMP") << QString::fromUtf8("\xF0\x9F\x98\x80 smile.txt");
+        QTest::newRow("a line break") << QStringLiteral("line\nbreak.txt");
     }
 
     void namesAreStoredAsWritten()
@@ -270,6 +271,13 @@ private slots:
         QTest::newRow("empty: ignored") << "bytes=-" << 200 << QByteArray("0123456789") << QByteArray();
         QTest::newRow("starts at the end") << "bytes=10-" << 416 << QByteArray() << QByteArray("bytes */10");
         QTest::newRow("empty suffix") << "bytes=-0" << 416 << QByteArray() << QByteArray("bytes */10");
+        // Numbers past 64 bits: as good as infinite.
+        QTest::newRow("a start past 64 bits")
+            << "bytes=18446744073709551616-" << 416 << QByteArray() << QByteArray("bytes */10");
+        QTest::newRow("an end past 64 bits")
+            << "bytes=1-18446744073709551616" << 206 << QByteArray("123456789") << QByteArray("bytes 1-9/10");
+        QTest::newRow("a suffix past 64 bits")
+            << "bytes=-99999999999999999999" << 206 << QByteArray("0123456789") << QByteArray("bytes 0-9/10");
     }
 
     void rangesFollowHttp()

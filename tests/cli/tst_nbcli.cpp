@@ -211,7 +211,7 @@ private slots:
 
         // The certificate nbemu made at its first start, where it says it is.
         const QString certificate = emu.dataDir() + "/tls/cert.pem";
-        QVERIFY(emu.output().contains("nbemu: certificate " + certificate));
+        QVERIFY(emu.printed("nbemu: certificate " + certificate));
         run = nbcli({ "login", "--server", url, "--user", "alice", "--cacert", certificate }, password);
         CLI_OK(run);
         QVERIFY(run.err.contains("TLS: verifying the server against the system's CAs and " + certificate));

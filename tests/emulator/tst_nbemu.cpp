@@ -1081,7 +1081,7 @@ private slots:
     void httpsWithASelfSignedCertificate()
     {
         EmuProcess emu({ "--user", "alice:secret", "--tls-self-signed" });
-        QVERIFY(emu.output().contains("https://127.0.0.1:"));
+        QVERIFY(emu.printed("https://127.0.0.1:"));
         QVERIFY(QFile::exists(emu.dataDir() + "/tls/cert.pem"));
         ServerApi::init(ServerApi::PublicCloud);
         ServerApi::setBaseUrlString(QStringLiteral("https://127.0.0.1:%1").arg(emu.port()));

@@ -57,6 +57,15 @@ bool EmuProcess::start()
     return m_port != 0;
 }
 
+bool EmuProcess::printed(const QString& text)
+{
+    for (int i = 0; i < 200 && !m_output.contains(text); ++i) {
+        m_process.waitForReadyRead(50);
+        m_output += QString::fromUtf8(m_process.readAllStandardOutput());
+    }
+    return m_output.contains(text);
+}
+
 QString EmuProcess::url(const QString& path) const
 {
     return QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path);

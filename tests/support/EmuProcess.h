@@ -27,8 +27,9 @@ public:
     // The request log: one JSON object per request.
     QList<QJsonObject> requests() const;
     int requestCount(const QString& pathPart) const;
-    // What the program printed on standard output.
-    QString output() const { return m_output; }
+    // Whether the program printed the text on standard output, waiting for it (bounded):
+    // the port file is written before the banner.
+    bool printed(const QString& text);
 
     void kill();
     // Stops the process where it is (SIGSTOP) or lets it go on (SIGCONT).

@@ -4,6 +4,7 @@
 #include "NBPubServerApi.h"
 
 #include <QObject>
+#include <QTimer>
 
 class CNBCheckUrl : public QObject
 {
@@ -19,13 +20,20 @@ public:
     void checkUrlByStep(const QString& url);
 
 signals:
-    // Once per completion of the probe's request (twice after an inactivity time-out).
+    // Once per probe: at the request's first completion, or as a failure when the probe
+    // outlives one inactivity interval (a server that drips its reply), whatever status
+    // it has seen.
     void onCheckFinished(bool ok, const QString& url);
 
 private:
-    NBCompletionCallback reporter();
+    void start(const QString& url, NBRequestBuilder::Redirects redirects);
+    void expire();
+    void report(bool ok);
 
     QString m_url;
     NBPubServerApi m_api;
     long long m_pending = -1;
+    QTimer m_deadline;
+    bool m_expired = false;
+    bool m_reported = false;
 };

@@ -1,6 +1,8 @@
 #include "CNBFillUrlProtocol.h"
 
 #include "CNBCheckUrl.h"
+#include "CNBLoggerWrapper.h"
+#include "NBCallbackScope.h"
 
 namespace {
 
@@ -22,6 +24,18 @@ CNBFillUrlProtocol::CNBFillUrlProtocol(QObject* parent)
 {
 }
 
+// Inside a callback of the library a nested event loop could delete the reply whose
+// signal is still running: such a call is refused before anything happens.
+bool CNBFillUrlProtocol::refused()
+{
+    if (!NBCallbackScope::inside())
+        return false;
+    NB_LOG_ERROR(
+        QStringLiteral("FillUrlProtocol refused: called from inside a callback of the library, "
+                       "where its nested event loop could delete the reply whose signal is running"));
+    return true;
+}
+
 bool CNBFillUrlProtocol::start(const QString& in, QString& out)
 {
     if (hasScheme(in)) {
@@ -35,6 +49,8 @@ bool CNBFillUrlProtocol::start(const QString& in, QString& out)
 
 bool CNBFillUrlProtocol::fillUrlProtocol(const QString& in, QString& out)
 {
+    if (refused())
+        return false;
     if (start(in, out))
         return true;
     m_answered = false;
@@ -54,6 +70,8 @@ bool CNBFillUrlProtocol::fillUrlProtocol(const QString& in, QString& out)
 
 bool CNBFillUrlProtocol::fillUrlProtocolByStep(const QString& in, QString& out)
 {
+    if (refused())
+        return false;
     if (start(in, out))
         return true;
     const QString host = hostPart(in);

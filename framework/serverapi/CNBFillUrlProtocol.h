@@ -1,7 +1,7 @@
 // Completes a server address typed without a scheme by probing "https://" and
 // "http://" in front of it. Both ways block the calling thread in a nested event loop
-// until they have an answer (at most the transport's inactivity time-out per probe);
-// the thread must have an event dispatcher.
+// until they have an answer (at most one inactivity interval per probe); the thread
+// must have an event dispatcher, and must not be inside a callback of the library.
 #pragma once
 
 #include <QEventLoop>
@@ -26,6 +26,7 @@ public slots:
     void handleOnCheckFinishedByStep(bool ok, const QString& url);
 
 private:
+    static bool refused();
     // The common start: an address with a scheme is copied (true); otherwise the
     // counters are reset for the probes (false).
     bool start(const QString& in, QString& out);

@@ -100,11 +100,17 @@ public:
     static QString RedactSecrets(const QString& text);
 
     // Completes an address typed without a scheme ("host:port" or "/host") with the one of
-    // "http://" and "https://" that answers a plain GET with 200: FillUrlProtocol probes
-    // both at once, FillUrlProtocolByStep https first (following redirects). An address
-    // that has a scheme is copied as it is. Both block the calling thread, which needs an
-    // event dispatcher, in a nested event loop; on failure `out` is left as it was. They
-    // need no endpoint.
+    // "http://" and "https://" that answers a plain GET with 200. Prefer
+    // FillUrlProtocolByStep, which tries https first (following redirects) and plain http
+    // only when https fails; FillUrlProtocol probes both at once, so whichever answers
+    // first, plain http included, picks the scheme. An address that has a scheme is
+    // copied as it is. Both block the calling thread, which needs an event dispatcher, in
+    // a nested event loop: a probe reads no body and lasts at most one inactivity interval
+    // (120 s) however slowly a server answers, so FillUrlProtocol returns within one
+    // interval and FillUrlProtocolByStep within two. On failure `out` is left as it was.
+    // They need no endpoint. Called from inside a callback of the library (completion,
+    // progress or data) they refuse at once: false, `out` unchanged, no probe sent, and
+    // a line in the log saying why.
     static bool FillUrlProtocol(const QString& in, QString& out);
     static bool FillUrlProtocolByStep(const QString& in, QString& out);
 

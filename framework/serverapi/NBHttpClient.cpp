@@ -52,6 +52,11 @@ void NBHttpClient::debug(bool debug)
     m_dispatcher->setDebug(debug);
 }
 
+void NBHttpClient::dropBody()
+{
+    m_dispatcher->setDropBody(true);
+}
+
 // The forwarding calls below may complete the request before they return, and the
 // completion may destroy this handle: none of them touches the handle afterwards.
 
@@ -98,9 +103,5 @@ void NBHttpClient::mulitUpload(const QString& filePath, const QByteArray& data,
 
 void NBHttpClient::cancel()
 {
-    RequestDispatcher* dispatcher = m_dispatcher;
-    if (!dispatcher || !dispatcher->isRunning())
-        return;
-    NB_LOG_FATAL(QStringLiteral("请求取消 %1").arg(dispatcher->url()));
-    dispatcher->cancel();
+    m_dispatcher->cancel();
 }

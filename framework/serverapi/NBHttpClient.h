@@ -21,6 +21,8 @@ public:
     void setUrl(QString url);
     QString url() const;
     void debug(bool debug);
+    // The body is read and dropped as it arrives: the record carries status and headers.
+    void dropBody();
 
     void request(NBCompletionCallback callback, bool followRedirects);
     void download(

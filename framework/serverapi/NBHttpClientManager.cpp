@@ -7,6 +7,7 @@
 #include <QCryptographicHash>
 #include <QNetworkAccessManager>
 #include <QSslKey>
+#include <QThread>
 #include <QTime>
 #include <cstdlib>
 
@@ -66,10 +67,20 @@ void NBHttpClientManager::destroy(long long id)
 
 void NBHttpClientManager::cancelHttpClient(long long id)
 {
-    NBHttpClient* client = getHttpClient(id);
+    QMutexLocker lock(&m_mutex);
+    NBHttpClient* client = m_clients.value(id, nullptr);
     if (!client)
         return;
     NB_LOG_FATAL(QStringLiteral("取消请求ID %1").arg(id));
+    RequestDispatcher* dispatcher = client->dispatcher();
+    if (dispatcher->thread() != QThread::currentThread()) {
+        // Posted under the lock: the dispatcher outlives the post, since only destroy,
+        // which waits for the lock, schedules its deletion, and a deletion that comes
+        // first drops the posted call with it.
+        QMetaObject::invokeMethod(dispatcher, &RequestDispatcher::cancel, Qt::QueuedConnection);
+        return;
+    }
+    lock.unlock();
     client->cancel();
 }
 

@@ -24,8 +24,9 @@ public:
     NBHttpClient* getHttpClient(long long id);
     // Destroys the handle and forgets the identifier; unknown identifiers are ignored.
     void destroy(long long id);
-    // Closes the request's reply if it is running: its completion follows inside this call
-    // with network error 5. The handle stays registered. Call it on the request's thread.
+    // Closes the request's reply if it is running: on the request's thread its completion
+    // follows inside this call with network error 5; from another thread the closing is
+    // posted to the request's thread, whose event loop runs it and the completion.
     void cancelHttpClient(long long id);
 
     // The TLS configuration of every request, from the settings below.

@@ -3,7 +3,6 @@
 #include <QMutex>
 #include <QRegularExpression>
 #include <QUrl>
-
 #include <atomic>
 
 namespace {
@@ -13,12 +12,14 @@ QMutex s_mutex;
 QString s_secrets[NBLogRedactor::SecretCount];
 
 // The names whose values are secrets, as parameters, cookies and JSON fields.
-#define NB_SECRET_NAMES "password|old_password|otp|verify_code|token|S|X-NIMBRA-SESS-ID|X-NIMBRA-TFA-ID|session"
+#define NB_SECRET_NAMES                                                                                      \
+    "password|old_password|otp|verify_code|token|S|X-NIMBRA-SESS-ID|X-NIMBRA-TFA-ID|session"
 
 // "name=value" in queries, forms, parameter lists and cookies; not part of a longer name.
 const QRegularExpression& pairs()
 {
-    static const QRegularExpression expression(QStringLiteral("(?<![\\w-])(?:" NB_SECRET_NAMES ")=([^&\\s;,\"'<>]*)"));
+    static const QRegularExpression expression(
+        QStringLiteral("(?<![\\w-])(?:" NB_SECRET_NAMES ")=([^&\\s;,\"'<>]*)"));
     return expression;
 }
 
@@ -26,7 +27,8 @@ const QRegularExpression& pairs()
 const QRegularExpression& lines()
 {
     static const QRegularExpression expression(
-        QStringLiteral("^[ \\t]*(?:X-NIMBRA-SESS-ID|X-NIMBRA-TFA-ID|S|Authorization|Proxy-Authorization)[ \\t]*:[ \\t]*(\\S.*?)[ \\t]*$"),
+        QStringLiteral("^[ \\t]*(?:X-NIMBRA-SESS-ID|X-NIMBRA-TFA-ID|S|Authorization|Proxy-Authorization)[ "
+                       "\\t]*:[ \\t]*(\\S.*?)[ \\t]*$"),
         QRegularExpression::MultilineOption);
     return expression;
 }
@@ -34,7 +36,8 @@ const QRegularExpression& lines()
 // "name": "value" in JSON bodies.
 const QRegularExpression& fields()
 {
-    static const QRegularExpression expression(QStringLiteral("\"(?:" NB_SECRET_NAMES ")\"\\s*:\\s*\"([^\"]*)\""));
+    static const QRegularExpression expression(
+        QStringLiteral("\"(?:" NB_SECRET_NAMES ")\"\\s*:\\s*\"([^\"]*)\""));
     return expression;
 }
 

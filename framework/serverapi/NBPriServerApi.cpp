@@ -17,7 +17,6 @@ long long NBPriServerApi::login(const NBServerApiLoginModel& model, NBCompletion
         .param("user_slug", model.userName)
         .param("password", model.password)
         .defaultHeaders()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -32,7 +31,6 @@ long long NBPriServerApi::authUpload(
         .number(NBKey::Bytes, bytes)
         .withDefaults()
         .extraQuery(extraQuery)
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -48,7 +46,6 @@ long long NBPriServerApi::createFolder(const NBServerApiCreateFolderModel& model
         .flag("disable_rename", model.disableRename)
         .flag("is_update", model.isUpdate)
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -67,7 +64,6 @@ long long NBPriServerApi::extra(QList<QString> neids, NBCompletionCallback done)
         .method(POST)
         .json(QJsonDocument(array), NBRequestBuilder::Latin1)
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -89,8 +85,7 @@ long long NBPriServerApi::downloadRouterInternal(const NBSeverApiDLRouterModel& 
             { NBKey::PrefixNeid, model.prefixNeid } })
         .rangeIfSet(model.range)
         .paramIfSet(NBKey::OpType, model.opType)
-        .withDefaults()
-        .releasedThroughEndpoint();
+        .withDefaults();
     return usePost ? router.downloadUsePost(std::move(onData), std::move(onProgress), std::move(done))
                    : router.download(std::move(onData), std::move(onProgress), std::move(done));
 }
@@ -106,6 +101,5 @@ long long NBPriServerApi::fileExist(const QString& neid, const QString& path, co
         .param(NBKey::From, from)
         .param(NBKey::PrefixNeid, prefixNeid)
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }

@@ -1,6 +1,5 @@
 // The endpoint of a private deployment: its own sign-in, upload authorisation,
-// folder creation, extra metadata, download routing and existence test. Every
-// completion releases its handle through deleteHttpClient.
+// folder creation, extra metadata, download routing and existence test.
 #pragma once
 
 #include "NBServerApi.h"

@@ -42,7 +42,6 @@ long long NBPriSixServerApi::getSyncDataImpl(
         .paramsIfSet({ { NBKey::PathType, model.pathType }, { NBKey::From, model.from },
             { NBKey::PrefixNeid, model.prefixNeid } })
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(logged));
 }
 
@@ -53,7 +52,6 @@ long long NBPriSixServerApi::getAssingJid(const NBServerApiEntryModel& model, NB
         .param(NBKey::Path, model.path)
         .param(NBKey::PathType, model.pathType)
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -72,6 +70,5 @@ long long NBPriSixServerApi::chunkedUpload(const NBServerApiChunkedUploadSixMode
         .verifyCodeParam()
         .paramIfSet("&", model.extra)
         .defaultHeaders()
-        .releasedThroughEndpoint()
         .upload(model.data, std::move(onProgress), std::move(done));
 }

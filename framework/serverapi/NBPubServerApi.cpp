@@ -50,7 +50,6 @@ long long NBPubServerApi::login(const NBServerApiLoginModel& model, NBCompletion
             .param("captcha", model.captcha)
             .paramsWhen(model.autoLogin, { { "pc_auto_login", "true" } })
             .defaultHeaders()
-            .releasedThroughEndpoint()
             .send(std::move(done));
     }
     if (model.kind == 3) {
@@ -69,7 +68,6 @@ long long NBPubServerApi::login(const NBServerApiLoginModel& model, NBCompletion
             .param("uuid", model.deviceUuid)
             .param("device_name", model.deviceName)
             .defaultHeaders()
-            .releasedThroughEndpoint()
             .send(std::move(done));
     }
     return 0;
@@ -83,7 +81,6 @@ long long NBPubServerApi::createFile(const NBServerApiCreateFileModel& model, NB
         .paramsIfSet({ { NBKey::From, model.from }, { NBKey::PrefixNeid, model.prefixNeid } })
         .param("file_type", QFileInfo(model.path).suffix())
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -92,22 +89,17 @@ long long NBPubServerApi::extra(QList<QString> neids, NBCompletionCallback done)
     return request(m_extraMetaUrl)
         .param("neids", neids.join(QLatin1Char(',')))
         .verifyCode()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
 long long NBPubServerApi::GetEnterpriseAddressByCode(const QString& code, NBCompletionCallback done)
 {
-    return request(m_entLoginAddressUrl)
-        .param("ent_code", code)
-        .defaultHeaders()
-        .releasedThroughEndpoint()
-        .send(std::move(done));
+    return request(m_entLoginAddressUrl).param("ent_code", code).defaultHeaders().send(std::move(done));
 }
 
 long long NBPubServerApi::GetZipDownloadUrl(const QString& url, const QString&, NBCompletionCallback done)
 {
-    return requestTo(url).defaultHeaders().releasedThroughEndpoint().send(std::move(done));
+    return requestTo(url).defaultHeaders().send(std::move(done));
 }
 
 long long NBPubServerApi::GetZipFolderMetadata(
@@ -119,7 +111,6 @@ long long NBPubServerApi::GetZipFolderMetadata(
         .number("offset", offset)
         .paramsWhen(!addressHasPassword, { { "password", password } })
         .defaultHeaders()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -130,18 +121,17 @@ long long NBPubServerApi::serverJump(const NBServerApiServerJumpModel& model, NB
         .param(COOKIE_SESSION, model.session)
         .param("type", model.type)
         .defaultHeaders()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
 long long NBPubServerApi::getFuns(NBCompletionCallback done)
 {
-    return request(m_funsUrl).withDefaults().releasedThroughEndpoint().send(std::move(done));
+    return request(m_funsUrl).withDefaults().send(std::move(done));
 }
 
 long long NBPubServerApi::getEstEncryptRule(NBCompletionCallback done)
 {
-    return request(m_encryptStrategyUrl).withDefaults().releasedThroughEndpoint().send(std::move(done));
+    return request(m_encryptStrategyUrl).withDefaults().send(std::move(done));
 }
 
 long long NBPubServerApi::vboxDelta(const NBServerApiDeltaModel& model, NBCompletionCallback done)
@@ -151,7 +141,6 @@ long long NBPubServerApi::vboxDelta(const NBServerApiDeltaModel& model, NBComple
         .with(feedParams, model)
         .paramIfSet(NBKey::Path, model.path)
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -162,7 +151,6 @@ long long NBPubServerApi::initDelta(const NBServerApiEntryModel& model, NBComple
         .param(NBKey::PathType, model.pathType)
         .paramsIfSet({ { NBKey::Path, model.path }, { NBKey::Neid, model.neid } })
         .withDefaults()
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -178,11 +166,11 @@ long long NBPubServerApi::GetQuickLoginVerifyPic(NBDataCallback onData)
 {
     // Two braced UUIDs joined, without their hyphens and braces: 64 hexadecimal digits.
     QString id = QUuid::createUuid().toString() + QUuid::createUuid().toString();
-    m_quickLoginSessionId = id.remove(QLatin1Char('-')).remove(QLatin1Char('{')).remove(QLatin1Char('}'));
+    id.remove(QLatin1Char('-')).remove(QLatin1Char('{')).remove(QLatin1Char('}'));
+    write(m_quickLoginSessionId, id);
     return request(m_quickLoginPicUrl)
         .defaultHeaders()
-        .cookieFollowedBy(sessionCookie(m_quickLoginSessionId))
-        .releasedThroughEndpoint()
+        .cookieFollowedBy(sessionCookie(id))
         .download(std::move(onData), {}, {});
 }
 
@@ -192,12 +180,11 @@ long long NBPubServerApi::GetQuickLoginSmsCode(
     return request(m_sendSmsUrl)
         .method(POST)
         .defaultHeaders()
-        .cookieFollowedBy(sessionCookie(m_quickLoginSessionId))
+        .cookieFollowedBy(sessionCookie(quickLoginSessionId()))
         .param("mobile", model.mobile)
         .param("type", model.type)
         .param(NBKey::OpType, model.opType)
         .param("captcha", model.captcha)
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -207,7 +194,6 @@ long long NBPubServerApi::GetQRCode(int dimension, NBCompletionCallback done)
         .defaultHeaders()
         .number("dimension", dimension)
         .param("_", now())
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -219,7 +205,6 @@ long long NBPubServerApi::GetLoginState(NBServerApiLoginStateModel model, NBComp
         .param("uuid", model.deviceUuid)
         .param("device_name", model.deviceName)
         .param("_", now())
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -232,7 +217,6 @@ long long NBPubServerApi::GetLoginEmailVerify(
         .param("email", email)
         .param(NBKey::OpType, opType)
         .param("captcha", captcha)
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -246,7 +230,6 @@ long long NBPubServerApi::LoginCheckEmailVerify(const QString& checkKey, const Q
         .param("verify_code", verifyCode)
         .param(NBKey::OpType, opType)
         .param("captcha", captcha)
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -257,7 +240,6 @@ long long NBPubServerApi::DyncCodeLogin(const QString& tfaId, const QString& otp
         .defaultHeaders()
         .cookieFollowedBy(tfaCookie(tfaId))
         .param("otp", otp)
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -273,7 +255,6 @@ long long NBPubServerApi::SendSmsCode(const QString& mobile, const QString& tfaI
         .param(NBKey::OpType, opType)
         .paramIfSet("type", type)
         .paramsWhen(!flag.isEmpty(), { { "timestamp", timestamp }, { "sig", sig } })
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -285,7 +266,6 @@ long long NBPubServerApi::SmsCodeLogin(
         .defaultHeaders()
         .cookieFollowedBy(tfaCookie(tfaId))
         .param("verify_code", verifyCode)
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }
 
@@ -298,6 +278,5 @@ long long NBPubServerApi::ResetPassword(
         .param("token", token)
         .param("old_password", oldPassword)
         .param("password", password)
-        .releasedThroughEndpoint()
         .send(std::move(done));
 }

@@ -1,7 +1,6 @@
 // The endpoint of the public cloud: its sign-in, file creation, extra metadata,
 // enterprise and zip look-ups, jump page, account functions and delta feeds, and the
-// verification and two-factor flows of its sign-in screens. Every completion releases
-// its handle through deleteHttpClient.
+// verification and two-factor flows of its sign-in screens.
 #pragma once
 
 #include "NBServerApi.h"
@@ -49,7 +48,7 @@ public:
     long long ResetPassword(const QString& token, const QString& oldPassword, const QString& password,
         NBCompletionCallback done) override;
 
-    QString quickLoginSessionId() const { return m_quickLoginSessionId; }
+    QString quickLoginSessionId() const { return read(m_quickLoginSessionId); }
 
     static inline const QString m_loginUrl = QStringLiteral("/user/login_new");
     static inline const QString m_createFileUrl = QStringLiteral("/fileops/create_file");
@@ -73,6 +72,7 @@ public:
     static inline const QString m_passwordModifyUrl = QStringLiteral("/user/password/modify");
 
 private:
-    // Written by GetQuickLoginVerifyPic and read by GetQuickLoginSmsCode, on the caller's thread.
+    // Written by GetQuickLoginVerifyPic and read by GetQuickLoginSmsCode, from any
+    // thread, under the settings lock.
     QString m_quickLoginSessionId;
 };

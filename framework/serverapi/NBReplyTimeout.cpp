@@ -21,8 +21,7 @@ NBReplyTimeout::NBReplyTimeout(QNetworkReply* reply, int milliseconds)
     , m_reply(reply)
     , m_timer(new QTimer(this))
 {
-    const int override = testIntervalOverride.loadRelaxed();
-    m_interval = override > 0 ? override : milliseconds;
+    m_interval = intervalFor(milliseconds);
     m_timer->setSingleShot(true);
     if (!reply || !reply->isRunning())
         return;
@@ -40,6 +39,12 @@ void NBReplyTimeout::setTestInterval(int milliseconds)
 int NBReplyTimeout::testInterval()
 {
     return testIntervalOverride.loadRelaxed();
+}
+
+int NBReplyTimeout::intervalFor(int milliseconds)
+{
+    const int override = testIntervalOverride.loadRelaxed();
+    return override > 0 ? override : milliseconds;
 }
 
 void NBReplyTimeout::onReceive(qint64 bytes, qint64 total)

@@ -21,6 +21,8 @@ public:
     // The library never calls it.
     static void setTestInterval(int milliseconds);
     static int testInterval();
+    // The interval that applies: the test interval when one is set, else the one given.
+    static int intervalFor(int milliseconds);
 
 signals:
     void timeout();

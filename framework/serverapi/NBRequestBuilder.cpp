@@ -1,50 +1,44 @@
 #include "NBRequestBuilder.h"
 
 #include "NBHttpClient.h"
-#include "NBHttpClientManager.h"
 #include "NBServerApi.h"
 
 #include <QJsonDocument>
 #include <QUrl>
 #include <QUrlQuery>
 
-namespace {
-
-void releaseThroughManager(long long id)
-{
-    NBHttpClientManager::manager()->destroy(id);
-}
-
-} // namespace
-
-NBRequestBuilder::NBRequestBuilder(NBServerApi& api, const QString& address)
-    : m_api(&api)
-    , m_client(new NBHttpClient(address))
+NBRequestBuilder::Handle::Handle(NBServerApi& api, const QString& address)
+    : m_client(new NBHttpClient(address))
     , m_id(api.createHandle(m_client))
 {
 }
 
-NBRequestBuilder::NBRequestBuilder(NBRequestBuilder&& other) noexcept
-    : m_api(other.m_api)
-    , m_client(other.m_client)
+NBRequestBuilder::Handle::Handle(Handle&& other) noexcept
+    : m_client(other.m_client)
     , m_id(other.m_id)
-    , m_sent(other.m_sent)
-    , m_inQuery(other.m_inQuery)
-    , m_query(std::move(other.m_query))
-    , m_releasedThroughEndpoint(other.m_releasedThroughEndpoint)
+    , m_owned(std::exchange(other.m_owned, false))
 {
-    other.m_sent = true;
 }
 
-NBRequestBuilder::~NBRequestBuilder()
+NBRequestBuilder::Handle::~Handle()
 {
-    if (!m_sent)
+    if (m_owned)
         NBServerApi::deleteHttpClient(m_id);
 }
 
+NBRequestBuilder::NBRequestBuilder(NBServerApi& api, const QString& address)
+    : m_api(&api)
+    , m_handle(api, address)
+{
+}
+
+NBRequestBuilder::NBRequestBuilder(NBRequestBuilder&& other) noexcept = default;
+
+NBRequestBuilder::~NBRequestBuilder() = default;
+
 NBRequestBuilder& NBRequestBuilder::method(NBHttpMethod method)
 {
-    m_client->httpMethod(method);
+    client()->httpMethod(method);
     return *this;
 }
 
@@ -55,25 +49,25 @@ NBRequestBuilder& NBRequestBuilder::withDefaults()
 
 NBRequestBuilder& NBRequestBuilder::defaultHeaders()
 {
-    m_api->httpClientDefaultHeader(m_client);
+    m_api->httpClientDefaultHeader(client());
     return *this;
 }
 
 NBRequestBuilder& NBRequestBuilder::verifyCode()
 {
-    m_api->privateCloudDefaultParams(m_client);
+    m_api->privateCloudDefaultParams(client());
     return *this;
 }
 
 NBRequestBuilder& NBRequestBuilder::session(const QString& session)
 {
-    m_api->setHttpHeaderSession(m_client, session);
+    m_api->setHttpHeaderSession(client(), session);
     return *this;
 }
 
 NBRequestBuilder& NBRequestBuilder::header(const QString& key, const QString& value)
 {
-    m_client->header(key, value);
+    client()->header(key, value);
     return *this;
 }
 
@@ -94,7 +88,7 @@ NBRequestBuilder& NBRequestBuilder::param(const QString& key, const QString& val
     if (m_inQuery)
         addQueryItem(key, value);
     else
-        m_client->param(key, value);
+        client()->param(key, value);
     return *this;
 }
 
@@ -173,81 +167,84 @@ NBRequestBuilder& NBRequestBuilder::languageParam()
 }
 
 // Qt's query encoding, except that a "%" of the value is always the character itself
-// (the query would otherwise read "%41" in a file name as an encoded "A"), and that an
-// empty value goes out as "key=", as request parameters do, never as a bare "key".
+// (the query would otherwise read "%41" in a file name as an encoded "A"), that a "+"
+// goes out as "%2B" (a server reading the query as a form would take it for a space),
+// and that an empty value goes out as "key=", as request parameters do, never as a
+// bare "key".
 void NBRequestBuilder::addQueryItem(const QString& key, const QString& value)
 {
     const auto literal = [](const QString& text) {
         return text.isEmpty() ? QStringLiteral("")
-                              : QString(text).replace(QLatin1Char('%'), QLatin1String("%25"));
+                              : QString(text)
+                                    .replace(QLatin1Char('%'), QLatin1String("%25"))
+                                    .replace(QLatin1Char('+'), QLatin1String("%2B"));
     };
     if (!m_query)
-        m_query.reset(new QUrlQuery(QUrl(m_client->url(), QUrl::TolerantMode)));
+        m_query.reset(new QUrlQuery(QUrl(client()->url(), QUrl::TolerantMode)));
     m_query->addQueryItem(literal(key), literal(value));
-    QUrl url(m_client->url(), QUrl::TolerantMode);
+    QUrl url(client()->url(), QUrl::TolerantMode);
     url.setQuery(m_query->query(QUrl::FullyEncoded), QUrl::StrictMode);
-    m_client->setUrl(url.toString(QUrl::FullyEncoded));
+    client()->setUrl(url.toString(QUrl::FullyEncoded));
 }
 
 NBRequestBuilder& NBRequestBuilder::extraQuery(const QString& extra)
 {
     if (!extra.isEmpty())
-        m_client->setUrl(QStringLiteral("%1&%2").arg(m_client->url(), extra));
+        client()->setUrl(QStringLiteral("%1&%2").arg(client()->url(), extra));
     return *this;
 }
 
-NBRequestBuilder& NBRequestBuilder::releasedThroughEndpoint()
+NBRequestBuilder& NBRequestBuilder::bodyDropped()
 {
-    m_releasedThroughEndpoint = true;
+    client()->dropBody();
     return *this;
 }
 
 NBCompletionCallback NBRequestBuilder::handler(NBCompletionCallback done)
 {
-    m_sent = true;
-    return NBServerApi::replyHandler(std::move(done), m_id,
-        m_releasedThroughEndpoint ? &NBServerApi::deleteHttpClient : &releaseThroughManager);
+    m_handle.handOver();
+    return NBServerApi::replyHandler(std::move(done), id());
 }
 
 // The request may complete inside the call and release the client: nothing of the
 // client is touched after, and the identifier is the builder's own.
 long long NBRequestBuilder::send(NBCompletionCallback done, Redirects redirects)
 {
-    m_client->request(handler(std::move(done)), redirects == FollowRedirects);
-    return m_id;
+    client()->request(handler(std::move(done)), redirects == FollowRedirects);
+    return id();
 }
 
 long long NBRequestBuilder::download(
     NBDataCallback onData, NBDownloadProgressCallback onProgress, NBCompletionCallback done)
 {
-    m_client->download(std::move(onData), std::move(onProgress), handler(std::move(done)));
-    return m_id;
+    client()->download(std::move(onData), std::move(onProgress), handler(std::move(done)));
+    return id();
 }
 
 long long NBRequestBuilder::downloadTo(
     const QString& filePath, NBDownloadProgressCallback onProgress, NBCompletionCallback done)
 {
-    m_client->download(filePath, std::move(onProgress), handler(std::move(done)));
-    return m_id;
+    client()->download(filePath, std::move(onProgress), handler(std::move(done)));
+    return id();
 }
 
 long long NBRequestBuilder::downloadUsePost(
     NBDataCallback onData, NBDownloadProgressCallback onProgress, NBCompletionCallback done)
 {
-    m_client->downloadUsePost(std::move(onData), std::move(onProgress), handler(std::move(done)));
-    return m_id;
+    client()->downloadUsePost(std::move(onData), std::move(onProgress), handler(std::move(done)));
+    return id();
 }
 
 long long NBRequestBuilder::upload(
     const QString& filePath, NBUploadProgressCallback onProgress, NBCompletionCallback done)
 {
-    m_client->upload(filePath, std::move(onProgress), handler(std::move(done)));
-    return m_id;
+    client()->upload(filePath, std::move(onProgress), handler(std::move(done)));
+    return id();
 }
 
 long long NBRequestBuilder::upload(
     const QByteArray& data, NBUploadProgressCallback onProgress, NBCompletionCallback done)
 {
-    m_client->upload(data, std::move(onProgress), handler(std::move(done)));
-    return m_id;
+    client()->upload(data, std::move(onProgress), handler(std::move(done)));
+    return id();
 }

@@ -32,7 +32,6 @@ public:
     // Creates the client for the address and registers it; the identifier is final.
     NBRequestBuilder(NBServerApi& api, const QString& address);
     NBRequestBuilder(NBRequestBuilder&& other) noexcept;
-    // A builder that never sent its request releases the handle.
     ~NBRequestBuilder();
 
     NBRequestBuilder& method(NBHttpMethod method);
@@ -80,12 +79,11 @@ public:
     NBRequestBuilder& languageParam();
     // Appends "&" and the text to the address as it is, when the text is set.
     NBRequestBuilder& extraQuery(const QString& extra);
+    // The reply's body is read and dropped: the record carries its status and headers.
+    NBRequestBuilder& bodyDropped();
 
-    // The completion releases the handle through the endpoint's deleteHttpClient.
-    NBRequestBuilder& releasedThroughEndpoint();
-
-    long long id() const { return m_id; }
-    NBHttpClient* client() const { return m_client; }
+    long long id() const { return m_handle.id(); }
+    NBHttpClient* client() const { return m_handle.client(); }
 
     // Each send returns the identifier; the completion runs once (twice after an
     // inactivity time-out), then the handle is released.
@@ -106,12 +104,28 @@ private:
     NBCompletionCallback handler(NBCompletionCallback done);
     void addQueryItem(const QString& key, const QString& value);
 
+    // The registered client: released with the builder unless the request was sent, in
+    // which case its completion releases it.
+    class Handle
+    {
+    public:
+        Handle(NBServerApi& api, const QString& address);
+        Handle(Handle&& other) noexcept;
+        Handle& operator=(Handle&&) = delete;
+        ~Handle();
+        NBHttpClient* client() const { return m_client; }
+        long long id() const { return m_id; }
+        void handOver() { m_owned = false; }
+
+    private:
+        NBHttpClient* m_client;
+        long long m_id;
+        bool m_owned = true;
+    };
+
     NBServerApi* m_api;
-    NBHttpClient* m_client;
-    long long m_id;
-    bool m_sent = false;
+    Handle m_handle;
     bool m_inQuery = false;
     // The address's query while parameters go there, kept whole between additions.
     std::unique_ptr<QUrlQuery> m_query;
-    bool m_releasedThroughEndpoint = false;
 };

@@ -9,6 +9,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSharedPointer>
 #include <QUrl>
 #include <QUrlQuery>
 
@@ -839,6 +840,12 @@ long long NBServerApi::post(const QString& url, QMap<QString, QString> params, N
     return requestTo(url).method(POST).params(params).send(std::move(done));
 }
 
+long long NBServerApi::probe(
+    const QString& url, NBRequestBuilder::Redirects redirects, NBCompletionCallback done)
+{
+    return requestTo(url).bodyDropped().send(std::move(done), redirects);
+}
+
 void NBServerApi::setBaseUrlString(const QString& url)
 {
     NB_LOG_FATAL(QStringLiteral("设置base url %1").arg(url));
@@ -902,7 +909,7 @@ QString NBServerApi::priServerVerifyCode()
     return read(m_priServerVerifyCode);
 }
 
-QString NBServerApi::read(const QString& setting)
+QString NBServerApi::read(const QString& setting) const
 {
     QMutexLocker lock(&m_settingsMutex);
     return setting;
@@ -940,13 +947,16 @@ QString NBServerApi::hostLanguage()
     return NBConfigure::getQStringAttribute(NBConfigure::Language);
 }
 
-NBCompletionCallback NBServerApi::replyHandler(
-    NBCompletionCallback done, long long id, void (*release)(long long id))
+NBCompletionCallback NBServerApi::replyHandler(NBCompletionCallback done, long long id)
 {
-    return [done = std::move(done), id, release](const ResponseData& response) {
+    // The copies of the handler share whether the identifier is already released: after a
+    // time-out the number may meanwhile belong to another request.
+    const auto released = QSharedPointer<bool>::create(false);
+    return [done = std::move(done), id, released](const ResponseData& response) {
         if (done)
             done(response);
-        release(id);
+        if (!std::exchange(*released, true))
+            deleteHttpClient(id);
     };
 }
 

@@ -156,6 +156,8 @@ public:
     virtual long long getNoRedirect(const QString& url, NBCompletionCallback done);
     virtual long long get(const QString& url, NBCompletionCallback done);
     virtual long long post(const QString& url, QMap<QString, QString> params, NBCompletionCallback done);
+    // The scheme probes' GET: a generic request whose body is read and dropped.
+    long long probe(const QString& url, NBRequestBuilder::Redirects redirects, NBCompletionCallback done);
     // Not served by any deployment.
     virtual long long getSyncData(const NBServerApiGetSyncDataModel& model, NBCompletionCallback done);
     virtual long long checkApproveIsOne(const QString& neids, int actionType, NBCompletionCallback done);
@@ -194,10 +196,9 @@ public:
     static QString hostLanguage();
 
     // Wraps the caller's callback: calls it (when set) with the record unchanged, then
-    // releases the handle with `release`. Holds no pointer to the endpoint, so it works
-    // after the endpoint is gone.
-    static NBCompletionCallback replyHandler(
-        NBCompletionCallback done, long long id, void (*release)(long long id));
+    // releases the handle, after the first completion only. Holds no pointer to the
+    // endpoint, so it works after the endpoint is gone.
+    static NBCompletionCallback replyHandler(NBCompletionCallback done, long long id);
 
     // Operation paths.
     static inline const QString m_getUserInfoUrl = QStringLiteral("/user/info/get");
@@ -247,11 +248,12 @@ protected:
     // A request to an address taken as it is.
     NBRequestBuilder requestTo(const QString& url);
 
+    // A setting read or written under the settings lock.
+    QString read(const QString& setting) const;
+    void write(QString& setting, const QString& value);
+
 private:
     Q_DISABLE_COPY(NBServerApi)
-
-    QString read(const QString& setting);
-    void write(QString& setting, const QString& value);
 
     QString m_baseUrl;
     QString m_version;
@@ -259,5 +261,5 @@ private:
     QString m_priServerVerifyCode;
     QString m_language;
     QString m_userAgent;
-    QMutex m_settingsMutex;
+    mutable QMutex m_settingsMutex;
 };

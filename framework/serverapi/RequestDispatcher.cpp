@@ -4,6 +4,7 @@
 #include "RequestDispatcher.h"
 
 #include "CNBLoggerWrapper.h"
+#include "NBCallbackScope.h"
 #include "NBHttpClientManager.h"
 #include "NBNetworkCookieJar.h"
 #include "NBReplyTimeout.h"
@@ -19,6 +20,20 @@
 
 namespace {
 const QString FormContentType = QStringLiteral("application/x-www-form-urlencoded;application/json");
+
+bool breaksLine(const QString& value)
+{
+    return value.contains(QLatin1Char('\r')) || value.contains(QLatin1Char('\n'));
+}
+} // namespace
+
+template<typename Callback, typename... Args>
+void RequestDispatcher::call(const Callback& callback, Args&&... args)
+{
+    if (!callback)
+        return;
+    NBCallbackScope scope;
+    callback(std::forward<Args>(args)...);
 }
 
 RequestDispatcher::RequestDispatcher(const QString& url, QObject* parent)
@@ -84,11 +99,7 @@ void RequestDispatcher::start(NBCompletionCallback callback, bool followRedirect
 void RequestDispatcher::download(
     NBDataCallback data, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
-    Outgoing outgoing;
-    // Only a consumer that drains every piece may cap the read-ahead; otherwise the
-    // body waits in the reply until the end.
-    outgoing.readAhead = data ? ReadAheadLimit : 0;
-    transmit(outgoing, { std::move(data), {}, std::move(progress), std::move(completion) });
+    transmit(Outgoing(), { std::move(data), {}, std::move(progress), std::move(completion) });
 }
 
 void RequestDispatcher::downloadUsePost(
@@ -96,22 +107,22 @@ void RequestDispatcher::downloadUsePost(
 {
     Outgoing outgoing;
     outgoing.method = POST;
-    outgoing.readAhead = data ? ReadAheadLimit : 0;
     transmit(outgoing, { std::move(data), {}, std::move(progress), std::move(completion) });
 }
 
 void RequestDispatcher::download(
     const QString& filePath, NBDownloadProgressCallback progress, NBCompletionCallback completion)
 {
+    if (refused(GET, true, completion))
+        return;
     m_file = new QFile(filePath);
     if (!m_file->open(QIODevice::WriteOnly)) {
         NB_LOG_INFO(QStringLiteral("打开文件出错: %1").arg(filePath));
         const ResponseData failure = fileErrorData(*m_file);
-        completion(failure);
+        call(completion, failure);
         releaseFile();
         return;
     }
-    m_receivedLimit = FileDownloadBodyLimit;
     download([this](const QByteArray& piece) { writeToFile(piece); }, std::move(progress),
         [this, completion](const ResponseData& response) {
             ResponseData result = response;
@@ -153,7 +164,7 @@ void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& d
         auto* file = new QFile(filePath, m_multipart);
         if (!file->open(QIODevice::ReadOnly)) {
             NB_LOG_INFO(QStringLiteral("打开文件失败[%1]: %2").arg(filePath, file->errorString()));
-            completion(fileErrorData(*file));
+            call(completion, fileErrorData(*file));
             return;
         }
         filePart.setRawHeader("Content-Disposition",
@@ -180,6 +191,16 @@ void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& d
 // merge the cookies, send the body by the verb and wire the reply.
 void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
 {
+    if (refused(outgoing.method, outgoing.mergeCookies, callbacks.completion))
+        return;
+    if (m_dropBody && !callbacks.data)
+        callbacks.data = [](const QByteArray&) {
+        };
+    // A consumer that drains every piece caps the read-ahead and the body kept for the
+    // record; otherwise the body waits in the reply until the end.
+    if (callbacks.data)
+        m_receivedLimit = m_dropBody ? 0 : KeptBodyLimit;
+
     QNetworkAccessManager* manager = getManager();
     manager->setCookieJar(new NBNetworkCookieJar);
     const QString address = requestAddress(outgoing.method);
@@ -197,7 +218,7 @@ void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
         if (!m_file->open(QIODevice::ReadOnly)) {
             NB_LOG_AS(information, "upload",
                 QStringLiteral("打开文件失败[%1]: %2").arg(outgoing.filePath, m_file->errorString()));
-            callbacks.completion(fileErrorData(*m_file));
+            call(callbacks.completion, fileErrorData(*m_file));
             return;
         }
         request.setHeader(QNetworkRequest::ContentLengthHeader, m_file->size());
@@ -231,8 +252,8 @@ void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
         }
         break;
     }
-    if (reply && outgoing.readAhead > 0)
-        reply->setReadBufferSize(outgoing.readAhead);
+    if (reply && callbacks.data)
+        reply->setReadBufferSize(ReadAheadLimit);
     handleResopnse(std::move(callbacks.data), std::move(callbacks.uploadProgress),
         std::move(callbacks.downloadProgress), std::move(callbacks.completion), reply, manager);
 }
@@ -391,8 +412,10 @@ void RequestDispatcher::releaseFile()
 
 void RequestDispatcher::cancel()
 {
-    if (m_reply)
-        m_reply->close();
+    if (!isRunning())
+        return;
+    NB_LOG_FATAL(QStringLiteral("请求取消 %1").arg(url()));
+    m_reply->close();
 }
 
 void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProgressCallback uploadProgress,
@@ -416,11 +439,11 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
     connect(reply, &QNetworkReply::redirected, this,
         [](const QUrl& url) { NB_LOG_FATAL(QStringLiteral("[重定向]请求url: %1").arg(url.toString())); });
     connect(reply, &QNetworkReply::readyRead, this, [this, dataCallback, reply] {
-        if (!dataCallback)
+        if (!dataCallback || m_completed)
             return;
         const QByteArray piece = reply->readAll();
         keepReceived(piece);
-        dataCallback(piece);
+        call(dataCallback, piece);
     });
     // Certificate errors come only when peers are verified; the handshake's end always.
     connect(reply, &QNetworkReply::sslErrors, this,
@@ -431,14 +454,19 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
             QStringLiteral("QNetworkReply错误码: %1 原因:%2").arg(int(code)).arg(reply->errorString()));
     });
     connect(reply, &QNetworkReply::downloadProgress, this,
-        [this, downloadProgress](qint64 received, qint64 total) {
+        [this, downloadProgress, reply, whole = !dataCallback](qint64 received, qint64 total) {
+            if (m_completed)
+                return;
             m_bodyBytesReceived = received;
-            if (downloadProgress)
-                downloadProgress(DownloadProgressData { received, total });
+            if (whole && received > WholeBodyLimit) {
+                refuseLargeBody(reply);
+                return;
+            }
+            call(downloadProgress, DownloadProgressData { received, total });
         });
-    connect(reply, &QNetworkReply::uploadProgress, this, [uploadProgress](qint64 sent, qint64 total) {
-        if (uploadProgress)
-            uploadProgress(UploadProgressData { sent, total });
+    connect(reply, &QNetworkReply::uploadProgress, this, [this, uploadProgress](qint64 sent, qint64 total) {
+        if (!m_completed)
+            call(uploadProgress, UploadProgressData { sent, total });
     });
 }
 
@@ -467,8 +495,51 @@ bool RequestDispatcher::bodyCutShort(QNetworkReply* reply) const
     return known && m_bodyBytesReceived < announced;
 }
 
+// The body would stay in the reply until the end and then become text: past what a
+// record holds, the request ends here rather than the process later.
+void RequestDispatcher::refuseLargeBody(QNetworkReply* reply)
+{
+    if (m_tooLarge)
+        return;
+    m_tooLarge = true;
+    NB_LOG_ERROR(QStringLiteral("响应数据过大: more than %1 bytes without a data callback, url: %2")
+                     .arg(WholeBodyLimit)
+                     .arg(m_sentUrl));
+    reply->abort();
+}
+
+// A line break in a header value would end the header and start another on the wire:
+// such a request is not sent, and completes inside the call.
+bool RequestDispatcher::refused(
+    NBHttpMethod method, bool mergeCookies, const NBCompletionCallback& completion)
+{
+    const QString refusal = headerRefusal(requestHeaders(method), mergeCookies);
+    if (refusal.isEmpty())
+        return false;
+    NB_LOG_AS(error, "start", refusal);
+    call(completion, respData(QString(), {}, refusal, 0, RefusedRequestError));
+    return true;
+}
+
+QString RequestDispatcher::headerRefusal(const NBHeaderList& headers, bool mergeCookies) const
+{
+    for (const auto& header : headers) {
+        if (!breaksLine(header.second))
+            continue;
+        return QStringLiteral("The value of header \"%1\" holds a line break; the request was not sent")
+            .arg(header.first);
+    }
+    const bool cookieMerged = mergeCookies && !header(QStringLiteral("Cookie")).isEmpty();
+    if (cookieMerged && breaksLine(NBHttpClientManager::manager()->verifyCode()))
+        return QStringLiteral(
+            "The value of cookie \"S\" in header \"Cookie\" holds a line break; the request was not sent");
+    return QString();
+}
+
 int RequestDispatcher::replyError(QNetworkReply* reply) const
 {
+    if (m_tooLarge)
+        return BodyTooLargeError;
     if (m_pinMismatch)
         return int(QNetworkReply::SslHandshakeFailedError);
     return bodyCutShort(reply) ? int(QNetworkReply::RemoteHostClosedError) : int(reply->error());
@@ -476,6 +547,10 @@ int RequestDispatcher::replyError(QNetworkReply* reply) const
 
 QString RequestDispatcher::replyErrorText(QNetworkReply* reply) const
 {
+    if (m_tooLarge)
+        return QStringLiteral("The reply's body is larger than %1 bytes, more than a record holds; "
+                              "read it through a data callback")
+            .arg(WholeBodyLimit);
     if (m_pinMismatch)
         return QStringLiteral("SSL handshake failed: the server's public key is not the pinned one");
     return bodyCutShort(reply) ? QStringLiteral("Connection closed") : reply->errorString();
@@ -492,7 +567,8 @@ void RequestDispatcher::checkTls(QNetworkReply* reply, const QList<QSslError>& e
         for (const QSslError& error : errors)
             reasons << error.errorString();
         if (!reasons.isEmpty())
-            NB_LOG_ERROR(QStringLiteral("TLS 校验失败: %1, url: %2").arg(reasons.join(QStringLiteral("; ")), m_sentUrl));
+            NB_LOG_ERROR(QStringLiteral("TLS 校验失败: %1, url: %2")
+                             .arg(reasons.join(QStringLiteral("; ")), m_sentUrl));
         return;
     }
     const QByteArray key = NBHttpClientManager::publicKeyDigest(reply->sslConfiguration().peerCertificate());
@@ -504,8 +580,9 @@ void RequestDispatcher::checkTls(QNetworkReply* reply, const QList<QSslError>& e
     if (m_pinMismatch)
         return;
     m_pinMismatch = true;
-    NB_LOG_ERROR(QStringLiteral("TLS 校验失败: the server's public key (sha256 %1) is not the pinned one, url: %2")
-                     .arg(QString::fromLatin1(key.toHex()), m_sentUrl));
+    NB_LOG_ERROR(
+        QStringLiteral("TLS 校验失败: the server's public key (sha256 %1) is not the pinned one, url: %2")
+            .arg(QString::fromLatin1(key.toHex()), m_sentUrl));
     reply->abort();
 }
 
@@ -518,13 +595,15 @@ void RequestDispatcher::handleTimeout(
 void RequestDispatcher::complete(const NBCompletionCallback& completion, QNetworkReply* reply,
     QNetworkAccessManager* manager, const QString& errorText, int errorCode)
 {
+    m_completed = true;
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    const QString body = readReply(reply, "UTF-8");
+    // A body past the limit is left unread: reading it is what the limit prevents.
+    const QString body = m_tooLarge ? QString() : readReply(reply, "UTF-8");
     QHash<QByteArray, QByteArray> headers;
     for (const QByteArray& name : reply->rawHeaderList())
         headers.insert(name, reply->rawHeader(name));
     LogFinished(body, reply, manager);
-    completion(respData(body, headers, errorText, status, errorCode));
+    call(completion, respData(body, headers, errorText, status, errorCode));
 }
 
 QString RequestDispatcher::readReply(QNetworkReply* reply, const char* codecName)

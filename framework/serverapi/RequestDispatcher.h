@@ -24,7 +24,8 @@ using NBHeaderList = QList<QPair<QString, QString>>;
 
 // Every callback runs on the thread that created the dispatcher, from its event loop.
 // A request delivers one completion, or two after an inactivity time-out: the
-// "TimeOut" record (error 4), then the aborted reply's record (error 5).
+// "TimeOut" record (error 4), then the aborted reply's record (error 5). No progress
+// or data callback runs after the first completion.
 class RequestDispatcher : public QObject
 {
     Q_OBJECT
@@ -32,8 +33,17 @@ public:
     static constexpr int InactivityInterval = 120000;
     // How far the network layer may read ahead of a download's consumer.
     static constexpr qint64 ReadAheadLimit = 1 << 20;
-    // Body text kept from a download to a file, for the completion record.
-    static constexpr int FileDownloadBodyLimit = 1 << 20;
+    // Body kept for the completion record of a download whose pieces go to a callback
+    // or a file: the callback has every byte.
+    static constexpr int KeptBodyLimit = 1 << 20;
+    // The largest body a record takes whole (it becomes text of twice its size, and Qt's
+    // containers end below 2 GiB): a larger one without a data callback ends the request
+    // with an error record.
+    static constexpr qint64 WholeBodyLimit = (qint64(1) << 30) - (1 << 20);
+    // The record of a body past the whole-body limit.
+    static constexpr int BodyTooLargeError = QNetworkReply::UnknownContentError;
+    // The record of a request refused before sending (a header value with a line break).
+    static constexpr int RefusedRequestError = QNetworkReply::ProtocolInvalidOperationError;
 
     explicit RequestDispatcher(const QString& url, QObject* parent = nullptr);
     ~RequestDispatcher() override;
@@ -51,6 +61,8 @@ public:
     QString url() const { return m_sentUrl.isEmpty() ? m_url : m_sentUrl; }
     void setDebug(bool debug) { m_debug = debug; }
     bool debug() const { return m_debug; }
+    // Reads the body and drops it: the record carries the status and headers only.
+    void setDropBody(bool drop) { m_dropBody = drop; }
 
     QNetworkReply* reply() const { return m_reply; }
     // How much of the body is kept so far to become the record's body.
@@ -67,7 +79,7 @@ public:
         NBCompletionCallback completion);
     void mulitUpload(const QString& filePath, const QByteArray& data, NBUploadProgressCallback progress,
         NBCompletionCallback completion);
-    // Closes the reply; its completion (error 5) runs inside this call.
+    // Closes a running reply; its completion (error 5) runs inside this call.
     void cancel();
 
 signals:
@@ -83,8 +95,7 @@ private:
         bool followRedirects = true;
         // Uploads send their "Cookie" header as it is; the others merge it, with "S", through the jar.
         bool mergeCookies = true;
-        // 0 leaves the read-ahead to the network layer.
-        qint64 readAhead = 0;
+
         // Parameters: the encoded parameters for POST and PUT, nothing for GET and DELETE.
         Body body = Parameters;
         QString filePath;
@@ -125,6 +136,11 @@ private:
         const QString& errorText, int status, int errorCode);
     static ResponseData fileErrorData(const QFileDevice& file);
     void LogFinished(const QString& body, QNetworkReply* reply, QNetworkAccessManager* manager);
+    bool refused(NBHttpMethod method, bool mergeCookies, const NBCompletionCallback& completion);
+    QString headerRefusal(const NBHeaderList& headers, bool mergeCookies) const;
+    void refuseLargeBody(QNetworkReply* reply);
+    // Runs a host callback, when set, inside a callback scope.
+    template<typename Callback, typename... Args> static void call(const Callback& callback, Args&&... args);
     void keepReceived(const QByteArray& piece);
     void writeToFile(const QByteArray& piece);
     void finishFile(ResponseData& response);
@@ -146,5 +162,10 @@ private:
     QFile* m_file = nullptr;
     QHttpMultiPart* m_multipart = nullptr;
     bool m_debug = false;
+    bool m_dropBody = false;
+    // The first completion has run: progress and data callbacks are over.
+    bool m_completed = false;
+    // The body outgrew the whole-body limit: the reply was aborted.
+    bool m_tooLarge = false;
     NBHttpMethod m_method = GET;
 };

@@ -3,11 +3,14 @@
 #include "CNBFillUrlProtocol.h"
 #include "INBSeverApi.h"
 #include "InactivityInterval.h"
+#include "TestData.h"
+#include "TestLog.h"
 #include "TestMain.h"
 #include "TestServer.h"
 
 #include <QElapsedTimer>
 #include <QTcpServer>
+#include <QTemporaryDir>
 #include <QThread>
 
 namespace {
@@ -39,6 +42,8 @@ using Fill = bool (*)(const QString&, QString&);
 class TestCNBFillUrlProtocol : public QObject
 {
     Q_OBJECT
+    QTemporaryDir m_dir;
+
 private slots:
     void modes_data()
     {
@@ -107,7 +112,8 @@ private slots:
         QFETCH(bool, overTls);
         TestServer server({}, overTls ? tls() : TestServerOptions());
         QString out;
-        QVERIFY((byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)("/" + hostPart(server), out));
+        QVERIFY((byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(
+            "/" + hostPart(server), out));
         QCOMPARE(out, (overTls ? "https://" : "http://") + hostPart(server));
         QCOMPARE(server.lastRequest().target, QByteArray("/"));
     }
@@ -194,6 +200,87 @@ private slots:
         QVERIFY(
             !(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
         QCOMPARE(out, QString("unchanged"));
+    }
+
+    // Its nested loop could delete the reply whose signal is on the stack: inside any
+    // callback of the library the call is refused before anything happens.
+    void refusedInsideALibraryCallback_data()
+    {
+        QTest::addColumn<QString>("callback");
+        QTest::newRow("completion") << "completion";
+        QTest::newRow("download progress") << "download";
+        QTest::newRow("data") << "data";
+        QTest::newRow("upload progress") << "upload";
+    }
+
+    void refusedInsideALibraryCallback()
+    {
+        QFETCH(QString, callback);
+        TestServer target;
+        TestServer server([](const RecordedRequest&) { return ServerReply::ok(QByteArray(4096, 'b')); });
+        TestLog log;
+        ServerApi::init(ServerApi::Private);
+        QList<bool> results;
+        QString out = "unchanged";
+        const auto tryBoth = [&] {
+            results << ServerApi::FillUrlProtocol(hostPart(target), out)
+                    << ServerApi::FillUrlProtocolByStep(hostPart(target), out)
+                    << ServerApi::FillUrlProtocol("http://" + hostPart(target), out);
+        };
+        bool done = false;
+        const NBCompletionCallback completion = [&](const ResponseData&) {
+            if (callback == "completion")
+                tryBoth();
+            done = true;
+        };
+        const auto whenFirst = [&](const char* kind) {
+            if (callback == kind && results.isEmpty())
+                tryBoth();
+        };
+        if (callback == "upload") {
+            ServerApi::Upload(server.url("/up"), writeFile(m_dir.filePath("up"), QByteArray(1 << 20, 'u')),
+                completion, [&](const UploadProgressData&) { whenFirst("upload"); });
+        } else {
+            ServerApi::Download(
+                server.url("/down"), [&](const QByteArray&) { whenFirst("data"); }, completion,
+                [&](const DownloadProgressData&) { whenFirst("download"); });
+        }
+        QVERIFY(QTest::qWaitFor([&] { return done; }, 10000));
+        ServerApi::uninit();
+        QCOMPARE(results, QList<bool>({ false, false, false }));
+        QCOMPARE(out, QString("unchanged"));
+        QTest::qWait(100);
+        QCOMPARE(target.connectionCount(), 0);
+        QCOMPARE(log.count("ERROR", "refused",
+                     "FillUrlProtocol refused: called from inside a callback of the library, where its "
+                     "nested event loop could delete the reply whose signal is running"),
+            3);
+        // Outside callbacks the same calls work.
+        QVERIFY(ServerApi::FillUrlProtocol(hostPart(target), out));
+    }
+
+    // A server that drips its reply keeps the inactivity timer from firing; the probe's
+    // own bound ends it as a failure however far it got, one interval per probe.
+    void drippingServerHoldsAProbeOneIntervalAtMost_data() { modes_data(); }
+
+    void drippingServerHoldsAProbeOneIntervalAtMost()
+    {
+        QFETCH(bool, byStep);
+        const int intervalMs = 1500;
+        ScopedInactivityInterval interval(intervalMs);
+        TestServer server(
+            [](const RecordedRequest&) { return ServerReply::drip(QByteArray(100000, 'd'), 50); }, tls(true));
+        QString out = "unchanged";
+        QElapsedTimer clock;
+        clock.start();
+        QVERIFY(
+            !(byStep ? ServerApi::FillUrlProtocolByStep : ServerApi::FillUrlProtocol)(hostPart(server), out));
+        const qint64 elapsed = clock.elapsed();
+        QCOMPARE(out, QString("unchanged"));
+        // Both probes dripped: at once in parallel, one after the other by step.
+        QVERIFY(server.requestCount() == 2);
+        QVERIFY2(elapsed < (byStep ? 3 : 2) * intervalMs, qPrintable(QString::number(elapsed)));
+        QVERIFY2(elapsed >= (byStep ? 2 : 1) * intervalMs - 100, qPrintable(QString::number(elapsed)));
     }
 
     void fromAWorkerThreadWithItsOwnLoop()

@@ -9,11 +9,14 @@
 #include "NBPriServerApi.h"
 #include "NBPriSixServerApi.h"
 #include "NBPubServerApi.h"
+#include "TestData.h"
 #include "TestLog.h"
 #include "TestMain.h"
 #include "TestServer.h"
 
+#include <QDir>
 #include <QFile>
+#include <QThread>
 #include <QtNBLogger.h>
 
 class TestINBSeverApi : public QObject
@@ -282,6 +285,133 @@ private slots:
         ServerApi::Cancel(id);
         QCOMPARE(calls.completions.size(), 1);
         QCOMPARE(calls.last().networkError, 5);
+    }
+
+    // From another thread the closing is posted to the request's thread: its
+    // completion runs there, once.
+    void cancelFromAnotherThreadClosesTheRequestOnItsOwn()
+    {
+        TestServer server([](const RecordedRequest&) { return ServerReply::never(); });
+        ServerApi::init(ServerApi::Private);
+        Calls calls;
+        const long long id = ServerApi::GET(server.url("/hang"), calls.completion());
+        QVERIFY(server.waitForRequests(1));
+        QThread* other = QThread::create([id] { ServerApi::Cancel(id); });
+        other->start();
+        QVERIFY(other->wait(5000));
+        delete other;
+        QVERIFY(calls.completions.isEmpty());
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(calls.last().networkError, 5);
+        QCOMPARE(calls.threads.last(), QThread::currentThread());
+        QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
+        QTest::qWait(50);
+        QCOMPARE(calls.completions.size(), 1);
+    }
+
+    // A value from the host with a line break would end its header and start another:
+    // such a request sends nothing and completes inside the call.
+    void lineBreaksInHeaderValuesSendNothing()
+    {
+        struct Case
+        {
+            const char* name;
+            ServerApi::NBServerApiType type;
+            std::function<void()> set;
+            std::function<long long(const QString& url, Calls& calls)> call;
+            QString refusal;
+        };
+        const auto header = [](const QString& name) {
+            return QString("The value of header \"%1\" holds a line break; the request was not sent")
+                .arg(name);
+        };
+        const auto userInfo = [](const QString&, Calls& calls) {
+            return ServerApi::UserInfo(NBServerApiUserInfoModel(), calls.completion());
+        };
+        const QList<Case> cases {
+            { "user agent", ServerApi::Private, [] { ServerApi::setUserAgent("agent\r\nX-Evil: 1"); },
+                userInfo, header("User-Agent") },
+            { "language", ServerApi::Private, [] { ServerApi::setLanguage("zh\nX-Evil: 1"); }, userInfo,
+                header("Cookie") },
+            { "session from the setter", ServerApi::PublicCloud, [] { ServerApi::setSessionID("s\r"); },
+                userInfo, header("Cookie") },
+            { "session of a model", ServerApi::Private, [] {},
+                [](const QString& url, Calls& calls) {
+                    NBServerApiDeliveryAuthUploadModel m;
+                    m.serverUrl = url;
+                    m.session = "ds\r\nX-Evil: 1";
+                    return ServerApi::DeliveryAuthUpload(m, calls.completion());
+                },
+                header("Cookie") },
+            { "verification code, as cookie S", ServerApi::Private,
+                [] {
+                    ServerApi::setSessionID("s");
+                    ServerApi::setPriServerVerifyCode("v\nX-Evil: 1");
+                },
+                userInfo,
+                "The value of cookie \"S\" in header \"Cookie\" holds a line break; the request was not "
+                "sent" },
+            { "two-factor identifier", ServerApi::PublicCloud, [] {},
+                [](const QString&, Calls& calls) {
+                    return ServerApi::DyncCodeLogin("tfa\r\nX-Evil: 1", "123456", calls.completion());
+                },
+                header("Cookie") },
+            { "two-factor identifier of a model", ServerApi::PublicCloud, [] {},
+                [](const QString&, Calls& calls) {
+                    NBServerApiLoginStateModel m;
+                    m.tfaId = "tfa\n";
+                    return ServerApi::GetLoginState(m, calls.completion());
+                },
+                header("Cookie") },
+            { "range", ServerApi::Private, [] {},
+                [](const QString&, Calls& calls) {
+                    NBSeverApiDLRouterModel m;
+                    m.path = "/f";
+                    m.range = "bytes=0-1\r\nX-Evil: 1";
+                    return ServerApi::DownloadRouter(m, calls.data(), calls.completion());
+                },
+                header("Range") },
+            { "range of a shared link", ServerApi::Private, [] {},
+                [](const QString& url, Calls& calls) {
+                    NBSeverApiDeliveryDLRouterModel m;
+                    m.serverUrl = url;
+                    m.range = "bytes=0-1\n";
+                    return ServerApi::DeliveryDownloadRouter(m, calls.data(), calls.completion());
+                },
+                header("Range") },
+            { "a file download, whose file is left alone", ServerApi::Private,
+                [] { ServerApi::setUserAgent("agent\n"); },
+                [](const QString& url, Calls& calls) {
+                    NBServerApiDownloadFileModel m;
+                    m.serverUrl = url;
+                    m.path = "/f";
+                    m.localPath = QDir::home().filePath("kept.txt");
+                    writeFile(m.localPath, "kept");
+                    return ServerApi::DownloadFile(m, calls.completion());
+                },
+                header("User-Agent") },
+        };
+        for (const Case& c : cases) {
+            TestServer server;
+            ServerApi::init(c.type);
+            ServerApi::setBaseUrlString(server.url());
+            c.set();
+            TestLog log;
+            Calls calls;
+            const long long id = c.call(server.url(), calls);
+            QVERIFY2(calls.completions.size() == 1, c.name);
+            QVERIFY2(id > 0, c.name);
+            QCOMPARE(calls.last().networkError, 302);
+            QCOMPARE(calls.last().statusCode, 0);
+            QCOMPARE(calls.last().errorString, c.refusal);
+            QVERIFY2(log.has("ERROR", "start", c.refusal), c.name);
+            QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
+            QTest::qWait(50);
+            QVERIFY2(server.connectionCount() == 0, c.name);
+            QCOMPARE(calls.completions.size(), 1);
+            ServerApi::uninit();
+        }
+        QCOMPARE(readFile(QDir::home().filePath("kept.txt")), QByteArray("kept"));
     }
 
     void registryKeepsACopyOfTheEndpointsVerificationCode()

@@ -29,7 +29,8 @@ private:
     // its first part reads the same however the request encodes it, the rest needs encoding.
     static QString prefix(const QString& row, bool redact)
     {
-        return QStringLiteral("Zq%1%2").arg(QString(row).remove(' ').remove('-').remove('_'), redact ? "On" : "Off");
+        return QStringLiteral("Zq%1%2").arg(
+            QString(row).remove(' ').remove('-').remove('_'), redact ? "On" : "Off");
     }
 
     void finish(Calls& calls, int count = 1) { QVERIFY(calls.waitForCompletions(count, 20000)); }
@@ -38,7 +39,8 @@ private slots:
     void initTestCase()
     {
         m_server = std::make_unique<TestServer>([](const RecordedRequest&) {
-            return ServerReply::ok("{\"ok\":1}").header("Set-Cookie", "X-NIMBRA-SESS-ID=fromserver12; Path=/");
+            return ServerReply::ok("{\"ok\":1}")
+                .header("Set-Cookie", "X-NIMBRA-SESS-ID=fromserver12; Path=/");
         });
     }
 
@@ -59,7 +61,8 @@ private slots:
     void redactSecretsHidesWhateverTheLogDoes()
     {
         QVERIFY(!ServerApi::logRedaction());
-        QCOMPARE(ServerApi::RedactSecrets(QStringLiteral("{\"X-NIMBRA-SESS-ID\":\"abcdef\",\"user\":\"a\"} token=t0k")),
+        QCOMPARE(ServerApi::RedactSecrets(
+                     QStringLiteral("{\"X-NIMBRA-SESS-ID\":\"abcdef\",\"user\":\"a\"} token=t0k")),
             QStringLiteral("{\"X-NIMBRA-SESS-ID\":\"***(6)\",\"user\":\"a\"} token=***(3)"));
         QVERIFY(!ServerApi::logRedaction());
     }
@@ -70,21 +73,25 @@ private slots:
         QTest::addColumn<QString>("expected");
         QTest::newRow("query") << "请求地址：http://h/a?password=abc&x=1&old_password=p%20q"
                                << "请求地址：http://h/a?password=***(3)&x=1&old_password=***(5)";
-        QTest::newRow("parameter list") << "参数:\notp=123456\nverify_code=9876\ntoken=t0k\nS=vc\nname=kept\n"
-                                        << "参数:\notp=***(6)\nverify_code=***(4)\ntoken=***(3)\nS=***(2)\nname=kept\n";
+        QTest::newRow("parameter list")
+            << "参数:\notp=123456\nverify_code=9876\ntoken=t0k\nS=vc\nname=kept\n"
+            << "参数:\notp=***(6)\nverify_code=***(4)\ntoken=***(3)\nS=***(2)\nname=kept\n";
         QTest::newRow("longer names stay") << "delivery_token=keep&XS=keep&password_hint=keep"
                                            << "delivery_token=keep&XS=keep&password_hint=keep";
-        QTest::newRow("cookie header") << "Request Header:\nCookie : X-NIMBRA-SESS-ID=sess1;S=vc12;X-NIMBRA-TFA-ID=tfa1 \n"
-                                       << "Request Header:\nCookie : X-NIMBRA-SESS-ID=***(5);S=***(4);X-NIMBRA-TFA-ID=***(4) \n";
+        QTest::newRow("cookie header")
+            << "Request Header:\nCookie : X-NIMBRA-SESS-ID=sess1;S=vc12;X-NIMBRA-TFA-ID=tfa1 \n"
+            << "Request Header:\nCookie : X-NIMBRA-SESS-ID=***(5);S=***(4);X-NIMBRA-TFA-ID=***(4) \n";
         QTest::newRow("cookie jar lines") << "Cookie:\nX-NIMBRA-SESS-ID : sess1\nS : vc12\nk : v\n"
                                           << "Cookie:\nX-NIMBRA-SESS-ID : ***(5)\nS : ***(4)\nk : v\n";
         QTest::newRow("authorization") << "Request Header:\nAuthorization : Bearer abc.def \nAccept : */* \n"
                                        << "Request Header:\nAuthorization : ***(14) \nAccept : */* \n";
         QTest::newRow("set-cookie") << "Header:\nSet-Cookie:X-NIMBRA-SESS-ID=abcdef; Path=/\n"
                                     << "Header:\nSet-Cookie:X-NIMBRA-SESS-ID=***(6); Path=/\n";
-        QTest::newRow("json") << "responsedata: {\"token\": \"t1\",\"X-NIMBRA-SESS-ID\":\"s2\",\"name\":\"n\"}"
-                              << "responsedata: {\"token\": \"***(2)\",\"X-NIMBRA-SESS-ID\":\"***(2)\",\"name\":\"n\"}";
-        QTest::newRow("nothing secret") << "请求结束" << "请求结束";
+        QTest::newRow("json")
+            << "responsedata: {\"token\": \"t1\",\"X-NIMBRA-SESS-ID\":\"s2\",\"name\":\"n\"}"
+            << "responsedata: {\"token\": \"***(2)\",\"X-NIMBRA-SESS-ID\":\"***(2)\",\"name\":\"n\"}";
+        QTest::newRow("nothing secret") << "请求结束"
+                                        << "请求结束";
     }
 
     void lineRules()
@@ -99,7 +106,8 @@ private slots:
     {
         ServerApi::setLogRedaction(true);
         ServerApi::setProxyPassword("pr0xy secret");
-        QCOMPARE(NBLogRedactor::apply("proxy pr0xy secret or pr0xy%20secret"), QString("proxy ***(12) or ***(14)"));
+        QCOMPARE(NBLogRedactor::apply("proxy pr0xy secret or pr0xy%20secret"),
+            QString("proxy ***(12) or ***(14)"));
         ServerApi::setProxyPassword("");
     }
 
@@ -109,9 +117,9 @@ private slots:
         QTest::addColumn<bool>("redact");
         for (bool redact : { false, true }) {
             const char* state = redact ? "on" : "off";
-            for (const char* where : { "query password", "query token", "query S", "form password", "form old_password",
-                     "form otp", "form verify_code", "cookie session", "cookie two-factor", "cookie S",
-                     "proxy password" })
+            for (const char* where : { "query password", "query token", "query S", "form password",
+                     "form old_password", "form otp", "form verify_code", "cookie session",
+                     "cookie two-factor", "cookie S", "proxy password" })
                 QTest::newRow(qPrintable(QStringLiteral("%1, redaction %2").arg(where, state))) << redact;
         }
     }

@@ -184,7 +184,9 @@ private slots:
                 [](GoldenContext& c) {
                     return six()->queryHashSix(c.url(), { "b", "a" }, "x=1&y", c.calls.completion());
                 })
-                .sends(PriSix, "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=b&hashes[]=a&%26=x%3D1%26y"),
+                .sends(PriSix,
+                    "POST "
+                    "/v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=b&hashes[]=a&%26=x%3D1%26y"),
             golden("queryHash, 6.0 model form, empty extra still sent",
                 [](GoldenContext& c) {
                     return six()->queryHash(
@@ -207,6 +209,17 @@ private slots:
                 })
                 .verifyCode("vc")
                 .sends(PriSix, "POST /v2/chunked_upload?offset=0&S=vc&%26=e%261\n{upload}\nchunk"),
+            golden("chunkedUpload, 6.0 model form, + in the upload id, the hash, the code and the extra",
+                [](GoldenContext& c) {
+                    return six()->chunkedUpload(
+                        NBServerApiChunkedUploadSixModel { c.url(), "u+1", "h+", "chunk", "e+1" },
+                        c.calls.completion(), {});
+                })
+                .verifyCode("v+c")
+                .sends(PriSix,
+                    "POST "
+                    "/v2/"
+                    "chunked_upload?hash=h%2B&upload_id=u%2B1&offset=0&S=v%2Bc&%26=e%2B1\n{upload}\nchunk"),
         });
     }
 
@@ -259,7 +272,8 @@ private slots:
         for (bool assign : { true, false }) {
             const char* name = assign ? "assigned" : "virtual box";
             QTest::addRow("%s, success", name) << 200 << QByteArray("{\"entries\":[]}") << false << assign;
-            QTest::addRow("%s, server error", name) << 500 << QByteArray("{\"code\":\"boom\"}") << false << assign;
+            QTest::addRow("%s, server error", name)
+                << 500 << QByteArray("{\"code\":\"boom\"}") << false << assign;
             QTest::addRow("%s, refused connection", name) << 0 << QByteArray() << true << assign;
         }
     }
@@ -290,7 +304,8 @@ private slots:
         QCOMPARE(calls.last().statusCode, status);
         QCOMPARE(calls.last().networkError != 0, status != 200);
         const QString line = QStringLiteral("responsedata: ") + base
-            + (assign ? QStringLiteral("/v2/syncdata/assignVirtualBox") : QStringLiteral("/v2/syncdata/virtualBox"))
+            + (assign ? QStringLiteral("/v2/syncdata/assignVirtualBox")
+                      : QStringLiteral("/v2/syncdata/virtualBox"))
             + QString::fromUtf8(body);
         const LogEntry* entry = log.find(line);
         QVERIFY2(entry, qPrintable(log.dump()));

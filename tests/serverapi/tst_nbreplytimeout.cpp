@@ -14,6 +14,7 @@
 #include <QElapsedTimer>
 #include <QNetworkAccessManager>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTimer>
 
 class TestNBReplyTimeout : public QObject
@@ -136,9 +137,44 @@ private slots:
         QVERIFY(calls.waitForCompletions(2));
         QCOMPARE(calls.completions[0].errorString, QString("TimeOut"));
         QCOMPARE(calls.completions[0].statusCode, 200);
-        QVERIFY(!calls.downloads.isEmpty());
         for (const auto& p : calls.downloads)
             QCOMPARE(p.bytesReceived, 0);
+    }
+
+    // A host may free its job at the first completion: nothing but the second
+    // completion follows it, although aborting the reply makes the network layer report
+    // progress once more.
+    void noProgressOrDataAfterTheFirstCompletion_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("download with data") << "data";
+        QTest::newRow("download to a file") << "file";
+        QTest::newRow("upload") << "upload";
+    }
+
+    void noProgressOrDataAfterTheFirstCompletion()
+    {
+        QFETCH(QString, kind);
+        ScopedInactivityInterval interval(400);
+        // The head and two bytes at once, then nothing.
+        ServerReply reply = ServerReply::cut(ServerReply::Mode::StallMidBody, "0123456789", 2);
+        TestServer server(
+            [&](const RecordedRequest&) { return kind == "upload" ? ServerReply::never() : reply; });
+        QTemporaryDir dir;
+        NBHttpClient client(server.url("/stall"));
+        Calls calls;
+        if (kind == "data")
+            client.download(calls.data(), calls.downloadProgress(), calls.completion());
+        else if (kind == "file")
+            client.download(dir.filePath("f"), calls.downloadProgress(), calls.completion());
+        else
+            client.upload(QByteArray(64 << 10, 'u'), calls.uploadProgress(), calls.completion());
+        QVERIFY(calls.waitForCompletions(2));
+        QTest::qWait(100);
+        QCOMPARE(calls.completions.size(), 2);
+        QCOMPARE(calls.completions[0].networkError, 4);
+        QCOMPARE(calls.completions[1].networkError, 5);
+        QCOMPARE(calls.afterFirstCompletion(), QStringList());
     }
 
     // Reports every 50 ms against a 300 ms interval: zero-byte reports leave the

@@ -122,13 +122,14 @@ private slots:
                                                  << "/a"
                                                  << "";
         QTest::newRow("a host Qt cannot write back: empty") << "https:ve.example/&v2"
-                                                          << "/u"
-                                                          << ""
-                                                          << "";
-        QTest::newRow("a control character in a host typed without slashes: empty") << QString::fromUtf8("http:vE.\x13" "e")
-                                                                                  << "v2"
-                                                                                  << "/a"
-                                                                                  << "";
+                                                            << "/u"
+                                                            << ""
+                                                            << "";
+        QTest::newRow("a control character in a host typed without slashes: empty") << QString::fromUtf8(
+            "http:vE.\x13"
+            "e") << "v2"
+                                                                                    << "/a"
+                                                                                    << "";
         QTest::newRow("a host typed without slashes") << "http:host"
                                                       << "v2"
                                                       << "/a"
@@ -402,6 +403,31 @@ private slots:
         QVERIFY(NBHttpClientManager::manager()->getHttpClient(id) == nullptr);
         QTest::qWait(50);
         QCOMPARE(calls.completions.size(), 1);
+    }
+
+    // After a time-out the second completion leaves the identifier alone: by then a
+    // request drawn in the same millisecond may hold the same number.
+    void aSecondCompletionLeavesAReusedIdentifierAlone()
+    {
+        NBHttpClientManager* manager = NBHttpClientManager::manager();
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            const long long first = manager->createHttpClientHandle(new NBHttpClient("http://127.0.0.1:9/"));
+            const NBCompletionCallback handler = NBServerApi::replyHandler({}, first);
+            handler(ResponseData());
+            QVERIFY(manager->getHttpClient(first) == nullptr);
+            auto* next = new NBHttpClient("http://127.0.0.1:9/");
+            const long long id = manager->createHttpClientHandle(next);
+            if (id != first) {
+                // Drawn in another millisecond: try again.
+                manager->destroy(id);
+                continue;
+            }
+            handler(ResponseData());
+            QCOMPARE(manager->getHttpClient(id), next);
+            manager->destroy(id);
+            return;
+        }
+        QFAIL("no identifier was drawn twice within a millisecond");
     }
 
     void emptyCallbackStillReleasesTheHandle()

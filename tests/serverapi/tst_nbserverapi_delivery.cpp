@@ -134,6 +134,37 @@ private slots:
                     "Host: {host}\n{ua}Cookie: "
                     "language=zh;X-NIMBRA-SESS-ID=sess-1;X-NIMBRA-SESS-ID=ds;\n{form}"
                     "Content-Length: {length}\n{qt}\nbody"),
+            // A server reading the query as a form takes a raw "+" for a space.
+            golden("deliveryUploadFile, + in the name, the token and the verification code",
+                [](GoldenContext& c) {
+                    NBServerApiDeliveryUploadFileModel m;
+                    m.code = "C";
+                    m.path = "/Root/a+b.txt";
+                    m.token = "t+1";
+                    m.overwrite = "1";
+                    m.serverUrl = c.url();
+                    m.nbc = "n+";
+                    m.localPath = writeFile(c.dir + "/p", "p");
+                    return ServerApi::DeliveryUploadFile(m, c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "POST /v2/delivery/data/C?path=/Root/a%2Bb.txt&token=t%2B1&NBC=n%2B&overwrite=1&S=v%2Bc"
+                    "&language=en-US\n{upload}\np"),
+            golden("deliveryUploadData, + in the name, the token and the verification code",
+                [](GoldenContext& c) {
+                    NBServerApiDeliveryUploadDataModel m;
+                    m.code = "C";
+                    m.path = "/Root/a+b.txt";
+                    m.token = "t+1";
+                    m.serverUrl = c.url();
+                    m.data = "d";
+                    return ServerApi::DeliveryUploadData(m, c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "POST /v2/delivery/data/C?path=/Root/a%2Bb.txt&token=t%2B1&NBC=&overwrite=&S=v%2Bc"
+                    "&language=en-US\n{upload}\nd"),
             golden("deliveryUploadData, empty fields sent empty",
                 [](GoldenContext& c) {
                     NBServerApiDeliveryUploadDataModel m;
@@ -161,6 +192,51 @@ private slots:
                     "GET /v2/delivery/dl_router/C/d/f.txt?path=/Root/d/f.txt&token=t&NBC=n&overwrite=0&S=vc"
                     "&language=en-US?S=vc\n"
                     "Host: {host}\n{ua}Accept: */*\nCookie: S=vc; language=zh; X-NIMBRA-SESS-ID=ds\n{qt}\n"),
+            golden("deliveryDownloadFile, + in the name, the token and the verification code",
+                [](GoldenContext& c) {
+                    NBServerApiDeliveryDownloadFileModel m;
+                    m.code = "C";
+                    m.path = "/Root/a+b.txt";
+                    m.token = "t+1";
+                    m.serverUrl = c.url();
+                    m.localPath = c.dir + "/out";
+                    return ServerApi::DeliveryDownloadFile(m, c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "GET "
+                    "/v2/delivery/dl_router/C/a+b.txt?path=/Root/"
+                    "a%2Bb.txt&token=t%2B1&NBC=&overwrite=&S=v%2Bc"
+                    "&language=en-US?S=v%2Bc\n{get}\n"),
+            golden("deliveryDownloadData, + in the name, the token and the verification code",
+                [](GoldenContext& c) {
+                    NBServerApiDeliveryDownloadDataModel m;
+                    m.code = "C";
+                    m.path = "/Root/a+b.txt";
+                    m.token = "t+1";
+                    m.serverUrl = c.url();
+                    return ServerApi::DeliveryDownloadData(m, c.calls.data(), c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "GET "
+                    "/v2/delivery/dl_router/C/a+b.txt?path=/Root/"
+                    "a%2Bb.txt&token=t%2B1&NBC=&overwrite=&S=v%2Bc"
+                    "&language=en-US\n{get}\n"),
+            golden("deliveryDownloadRouter, + in the name, the token and the verification code",
+                [](GoldenContext& c) {
+                    NBSeverApiDeliveryDLRouterModel m;
+                    m.code = "C";
+                    m.path = "/Root/a+b.txt";
+                    m.token = "t+1";
+                    m.nbc = "n+";
+                    m.serverUrl = c.url();
+                    return ServerApi::DeliveryDownloadRouter(m, c.calls.data(), c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "GET /v2/delivery/dl_router/C/a+b.txt?path=/Root/a%2Bb.txt&token=t%2B1&NBC=n%2B&S=v%2Bc"
+                    "&language=en-US\n{get}\n"),
             golden("deliveryDownloadData",
                 [](GoldenContext& c) {
                     NBServerApiDeliveryDownloadDataModel m;
@@ -253,6 +329,16 @@ private slots:
                 .verifyCode("vc")
                 .sends(AllDeployments,
                     "POST /v2/delivery/chunked_upload/?hash=h1&upload_id=u1&offset=0&S=vc\n{upload}\nchunk"),
+            golden("deliveryChunkedUpload, + in the hash, the upload id and the verification code",
+                [](GoldenContext& c) {
+                    return ServerApi::DeliveryChunkedUpload(
+                        { c.url(), "u+1", "h+/=", "chunk" }, c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "POST "
+                    "/v2/delivery/chunked_upload/?hash=h%2B/"
+                    "%3D&upload_id=u%2B1&offset=0&S=v%2Bc\n{upload}\nchunk"),
             golden("deliveryChunkedUpload, empty model",
                 [](GoldenContext& c) {
                     NBServerApiDeliveryChunkedUploadModel m;

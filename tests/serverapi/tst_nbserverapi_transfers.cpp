@@ -136,8 +136,12 @@ private slots:
                     return ServerApi::AuthUpload(m, 7, c.calls.completion(), "a=1");
                 })
                 .sends(Pub,
-                    "GET /v2/fileops/auth_upload/databox/a&a=1?path=%2Fa&path_type=ent&full_path=%2Fa&bytes=7\n{get}\n")
-                .sends(Pri | PriSix, "POST /v2/fileops/auth_upload/databox&a=1\n{post}\ntarget_path=%2Fa&path_type=ent&bytes=7"),
+                    "GET "
+                    "/v2/fileops/auth_upload/databox/"
+                    "a&a=1?path=%2Fa&path_type=ent&full_path=%2Fa&bytes=7\n{get}\n")
+                .sends(Pri | PriSix,
+                    "POST "
+                    "/v2/fileops/auth_upload/databox&a=1\n{post}\ntarget_path=%2Fa&path_type=ent&bytes=7"),
             golden("authUpload, every field, a size past 2^31, verification code, extra query",
                 [](GoldenContext& c) {
                     NBServerApiEntryModel m;
@@ -223,9 +227,36 @@ private slots:
                 .sends(AllDeployments,
                     "POST /v2/files/databox/%E7%9B%AE%E5%BD%95/a%20b&c=d+e.txt"
                     "?path=/%E7%9B%AE%E5%BD%95/"
-                    "a%20b%26c%3Dd+e.txt&path_type=share_out&from=f&neid=n&prefix_neid=p"
+                    "a%20b%26c%3Dd%2Be.txt&path_type=share_out&from=f&neid=n&prefix_neid=p"
                     "&rev=7&parent_rev=6&overwrite=true&op_type=sync&S=v%26c&language=zh-CN\n"
                     "{upload}\nx"),
+            // A server reading the query as a form takes a raw "+" for a space.
+            golden("uploadFile, + in the name and the verification code",
+                [](GoldenContext& c) {
+                    NBServerApiUploadFileModel m;
+                    m.path = "/a+b.txt";
+                    m.pathType = NBPathType::Ent;
+                    m.serverUrl = c.url();
+                    m.localPath = writeFile(c.dir + "/p", "p");
+                    return ServerApi::UploadFile(m, c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "POST /v2/files/databox/a+b.txt?path=/a%2Bb.txt&path_type=ent&overwrite=false&S=v%2Bc"
+                    "&language=zh-CN\n{upload}\np"),
+            golden("uploadData, + in the name and the verification code",
+                [](GoldenContext& c) {
+                    NBServerApiUploadDataModel m;
+                    m.path = "/a+b.txt";
+                    m.pathType = NBPathType::Ent;
+                    m.serverUrl = c.url();
+                    m.data = "d";
+                    return ServerApi::UploadData(m, c.calls.completion());
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "POST /v2/files/databox/a+b.txt?path=/a%2Bb.txt&path_type=ent&overwrite=false&S=v%2Bc"
+                    "&language=zh-CN\n{upload}\nd"),
             golden("uploadData, never a revision",
                 [](GoldenContext& c) {
                     NBServerApiUploadDataModel m;
@@ -280,7 +311,9 @@ private slots:
                         c.url(), { "h3", "h1", "h 2" }, c.calls.completion(), QString());
                 })
                 .sends(AllDeployments,
-                    "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=h3&hashes[]=h1&hashes[]=h%202"),
+                    "POST "
+                    "/v2/commit_chunked_upload/commit/"
+                    "databox\n{post}\nhashes[]=h3&hashes[]=h1&hashes[]=h%202"),
             golden("queryHash, list form: no hash sends no hashes[]",
                 [](GoldenContext& c) {
                     return ServerApi::serverApi()->queryHash(c.url(), {}, c.calls.completion(), QString());
@@ -321,6 +354,20 @@ private slots:
                 .verifyCode("vc")
                 .sends(AllDeployments,
                     "POST /v2/chunked_upload?hash=abc&upload_id=u/1&offset=0&S=vc&x=y%20z\n"
+                    "{upload}\nchunk"),
+            golden("chunkedUpload, + in the hash, the upload id and the verification code; the extra query "
+                   "as written",
+                [](GoldenContext& c) {
+                    NBServerApiChunkedUploadModel m;
+                    m.serverUrl = c.url();
+                    m.uploadId = "u+1";
+                    m.hash = "h+/=";
+                    m.data = "chunk";
+                    return ServerApi::ChunkedUpload(m, c.calls.completion(), {}, "x=a+b");
+                })
+                .verifyCode("v+c")
+                .sends(AllDeployments,
+                    "POST /v2/chunked_upload?hash=h%2B/%3D&upload_id=u%2B1&offset=0&S=v%2Bc&x=a+b\n"
                     "{upload}\nchunk"),
             golden("commitHash, both flags false",
                 [](GoldenContext& c) {

@@ -20,10 +20,11 @@ namespace {
 QByteArray pinOf(const QString& certificatePath)
 {
     QProcess shell;
-    shell.start("sh", { "-c",
-                          QStringLiteral("openssl x509 -pubkey -noout -in '%1' | openssl pkey -pubin -outform der | "
-                                         "openssl dgst -sha256 -binary | base64")
-                              .arg(certificatePath) });
+    shell.start("sh",
+        { "-c",
+            QStringLiteral("openssl x509 -pubkey -noout -in '%1' | openssl pkey -pubin -outform der | "
+                           "openssl dgst -sha256 -binary | base64")
+                .arg(certificatePath) });
     shell.waitForFinished(30000);
     return shell.readAllStandardOutput().trimmed();
 }
@@ -53,7 +54,8 @@ private slots:
     {
         TestServerOptions options;
         options.tls = true;
-        m_server = std::make_unique<TestServer>([](const RecordedRequest&) { return ServerReply::ok("{\"ok\":1}"); }, options);
+        m_server = std::make_unique<TestServer>(
+            [](const RecordedRequest&) { return ServerReply::ok("{\"ok\":1}"); }, options);
         m_caFile = m_dir.filePath("ca.pem");
         QFile file(m_caFile);
         QVERIFY(file.open(QIODevice::WriteOnly));
@@ -88,8 +90,9 @@ private slots:
         QCOMPARE(r.networkError, 6); // SslHandshakeFailedError
         QCOMPARE(r.statusCode, 0);
         QVERIFY2(r.errorString.startsWith("SSL handshake failed"), qPrintable(r.errorString));
-        const LogEntry* line = log.find(QStringLiteral("TLS 校验失败: The certificate is self-signed, and untrusted, url: ")
-            + m_server->url("/a"));
+        const LogEntry* line
+            = log.find(QStringLiteral("TLS 校验失败: The certificate is self-signed, and untrusted, url: ")
+                + m_server->url("/a"));
         QVERIFY2(line, qPrintable(log.dump()));
         QCOMPARE(line->level, QString("ERROR"));
     }
@@ -117,7 +120,8 @@ private slots:
         const QString url = QStringLiteral("https://localhost:%1/a").arg(m_server->port());
         const ResponseData r = get(url);
         QCOMPARE(r.networkError, 6);
-        QVERIFY2(log.dump().contains("The host name did not match any of the valid hosts for this certificate"),
+        QVERIFY2(
+            log.dump().contains("The host name did not match any of the valid hosts for this certificate"),
             qPrintable(log.dump()));
     }
 
@@ -145,9 +149,11 @@ private slots:
         const ResponseData r = get(m_server->url("/a"));
         QCOMPARE(r.networkError, 6);
         QCOMPARE(r.statusCode, 0);
-        QCOMPARE(r.errorString, QString("SSL handshake failed: the server's public key is not the pinned one"));
-        QVERIFY2(log.dump().contains(QStringLiteral("TLS 校验失败: the server's public key (sha256 %1) is not the pinned one")
-                                         .arg(QString::fromLatin1(QByteArray::fromBase64(pin).toHex()))),
+        QCOMPARE(
+            r.errorString, QString("SSL handshake failed: the server's public key is not the pinned one"));
+        QVERIFY2(log.dump().contains(
+                     QStringLiteral("TLS 校验失败: the server's public key (sha256 %1) is not the pinned one")
+                         .arg(QString::fromLatin1(QByteArray::fromBase64(pin).toHex()))),
             qPrintable(log.dump()));
     }
 
@@ -158,7 +164,8 @@ private slots:
         QCOMPARE(ServerApi::tlsPinnedPublicKey(), QString::fromLatin1(digest.toHex()));
         QVERIFY(ServerApi::setTlsPinnedPublicKey("sha256//" + QString::fromLatin1(digest.toBase64())));
         QCOMPARE(ServerApi::tlsPinnedPublicKey(), QString::fromLatin1(digest.toHex()));
-        for (const char* bad : { "abc", "sha256//abc", "zz", "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcde" })
+        for (const char* bad :
+            { "abc", "sha256//abc", "zz", "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcde" })
             QVERIFY2(!ServerApi::setTlsPinnedPublicKey(bad), bad);
         QCOMPARE(ServerApi::tlsPinnedPublicKey(), QString::fromLatin1(digest.toHex()));
         QVERIFY(ServerApi::setTlsPinnedPublicKey(QString()));

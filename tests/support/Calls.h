@@ -5,6 +5,7 @@
 #include "Wait.h"
 
 #include <QList>
+#include <QStringList>
 #include <QTest>
 #include <QThread>
 
@@ -15,11 +16,14 @@ struct Calls
     QList<DownloadProgressData> downloads;
     QList<QByteArray> pieces;
     QList<QThread*> threads;
+    // Every callback in the order it ran: "completion", "upload", "download", "data".
+    QStringList events;
 
     NBCompletionCallback completion(std::function<void(const ResponseData&)> also = {})
     {
         return [this, also](const ResponseData& r) {
             completions.append(r);
+            events.append("completion");
             threads.append(QThread::currentThread());
             if (also)
                 also(r);
@@ -29,6 +33,7 @@ struct Calls
     {
         return [this, also](const UploadProgressData& p) {
             uploads.append(p);
+            events.append("upload");
             threads.append(QThread::currentThread());
             if (also)
                 also(p);
@@ -38,6 +43,7 @@ struct Calls
     {
         return [this, also](const DownloadProgressData& p) {
             downloads.append(p);
+            events.append("download");
             threads.append(QThread::currentThread());
             if (also)
                 also(p);
@@ -47,6 +53,7 @@ struct Calls
     {
         return [this](const QByteArray& piece) {
             pieces.append(piece);
+            events.append("data");
             threads.append(QThread::currentThread());
         };
     }
@@ -56,6 +63,17 @@ struct Calls
         for (const auto& p : pieces)
             all += p;
         return all;
+    }
+    // The callbacks that ran after the first completion, other than completions.
+    QStringList afterFirstCompletion() const
+    {
+        const int first = events.indexOf("completion");
+        QStringList after;
+        for (int i = first + 1; first >= 0 && i < events.size(); ++i) {
+            if (events.at(i) != "completion")
+                after << events.at(i);
+        }
+        return after;
     }
     bool waitForCompletions(int count, int timeoutMs = 10000)
     {

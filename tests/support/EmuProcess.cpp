@@ -33,8 +33,8 @@ bool EmuProcess::start()
     const QString portFile = m_dir.filePath("port");
     QFile::remove(portFile);
     m_port = 0;
-    QStringList arguments { "--data", dataDir(), "--port-file", portFile, "--log", m_dir.filePath("requests.log"),
-        "--type", QString::number(m_type), "--control" };
+    QStringList arguments { "--data", dataDir(), "--port-file", portFile, "--log",
+        m_dir.filePath("requests.log"), "--type", QString::number(m_type), "--control" };
     arguments += m_arguments;
     m_process.setProcessChannelMode(QProcess::SeparateChannels);
     m_process.start(QStringLiteral(NBEMU_PATH), arguments);
@@ -71,7 +71,8 @@ QString EmuProcess::url(const QString& path) const
     return QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path);
 }
 
-QJsonObject EmuProcess::control(const QString& method, const QString& path, const QList<QPair<QString, QString>>& form)
+QJsonObject EmuProcess::control(
+    const QString& method, const QString& path, const QList<QPair<QString, QString>>& form)
 {
     QNetworkAccessManager manager;
     QNetworkRequest request(QUrl(url(path)));

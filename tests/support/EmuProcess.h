@@ -23,7 +23,8 @@ public:
     QString dataDir() const { return m_dir.filePath("data"); }
 
     // A request to the control interface (or any route), answered as JSON; bounded wait.
-    QJsonObject control(const QString& method, const QString& path, const QList<QPair<QString, QString>>& form = {});
+    QJsonObject control(
+        const QString& method, const QString& path, const QList<QPair<QString, QString>>& form = {});
     // The request log: one JSON object per request.
     QList<QJsonObject> requests() const;
     int requestCount(const QString& pathPart) const;

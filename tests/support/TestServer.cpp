@@ -193,6 +193,13 @@ ServerReply ServerReply::cut(Mode mode, const QByteArray& body, qint64 after)
     return reply;
 }
 
+ServerReply ServerReply::repeated(const QByteArray& block, qint64 size)
+{
+    ServerReply reply = ok(block, "application/octet-stream");
+    reply.repeatedSize = size;
+    return reply;
+}
+
 ServerReply& ServerReply::header(const QByteArray& name, const QByteArray& value)
 {
     headers.append({ name, value });
@@ -320,14 +327,15 @@ private:
             + (reply.reason.isEmpty() ? reasonPhrase(reply.status) : reply.reason) + "\r\n";
         for (const auto& h : reply.headers)
             head += h.first + ": " + h.second + "\r\n";
+        const qint64 size = reply.repeatedSize >= 0 ? reply.repeatedSize : reply.body.size();
         if (reply.sendContentLength)
-            head += "Content-Length: " + QByteArray::number(reply.body.size()) + "\r\n";
+            head += "Content-Length: " + QByteArray::number(size) + "\r\n";
         else
             head += "Connection: close\r\n";
         head += "\r\n";
         m_socket->write(head);
         m_sent = 0;
-        m_limit = reply.body.size();
+        m_limit = size;
         if (reply.mode == ServerReply::Mode::CloseMidBody || reply.mode == ServerReply::Mode::ResetMidBody
             || reply.mode == ServerReply::Mode::StallMidBody)
             m_limit = qMin<qint64>(reply.cutAfter, reply.body.size());
@@ -352,10 +360,11 @@ private:
     {
         if (!m_answering || m_reply.mode == ServerReply::Mode::Drip)
             return;
-        const qint64 chunk = 1 << 20;
-        while (m_sent < m_limit && m_socket->bytesToWrite() < 4 * chunk) {
+        const bool repeated = m_reply.repeatedSize >= 0;
+        const qint64 chunk = repeated ? qMax(1, m_reply.body.size()) : 1 << 20;
+        while (m_sent < m_limit && m_socket->bytesToWrite() < qMax<qint64>(4 * chunk, 4 << 20)) {
             const qint64 n = qMin(chunk, m_limit - m_sent);
-            m_socket->write(m_reply.body.constData() + m_sent, n);
+            m_socket->write(m_reply.body.constData() + (repeated ? 0 : m_sent), n);
             m_sent += n;
         }
         if (m_sent >= m_limit && m_socket->bytesToWrite() == 0)

@@ -6,9 +6,9 @@
 #include <QByteArray>
 #include <QList>
 #include <QMutex>
-#include <QSslCertificate>
 #include <QObject>
 #include <QPair>
+#include <QSslCertificate>
 #include <QString>
 #include <functional>
 
@@ -57,6 +57,8 @@ struct ServerReply
     int dripInterval = 0;
     int dripBytes = 1;
     bool sendContentLength = true;
+    // When set, the body is `body` sent again and again up to this many bytes.
+    qint64 repeatedSize = -1;
 
     static ServerReply ok(const QByteArray& body, const QByteArray& contentType = "application/json");
     static ServerReply withStatus(int status, const QByteArray& body = QByteArray());
@@ -67,6 +69,9 @@ struct ServerReply
     // 200 announcing the whole body, of which only `after` bytes are sent before `mode`
     // (CloseMidBody, ResetMidBody or StallMidBody) ends it.
     static ServerReply cut(Mode mode, const QByteArray& body, qint64 after);
+    // 200 with a body of `size` bytes made of `block` over and over, fed as the socket
+    // drains: any size in little memory.
+    static ServerReply repeated(const QByteArray& block, qint64 size);
     ServerReply& header(const QByteArray& name, const QByteArray& value);
 };
 

@@ -1,6 +1,7 @@
 #include "NBPriServerApi.h"
 
 #include "NBRequestParams.h"
+#include "NBUnserved.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -39,20 +40,15 @@ long long NBPriServerApi::createFolder(const NBServerApiCreateFolderModel& model
     return request(combinPath(m_fileopsCreateFolderUrl, model.path))
         .method(POST)
         .paramIfSet(NBKey::Nsid, model.nsid)
-        .param(NBKey::PathType, model.pathType)
-        .paramsIfSet(
-            { { NBKey::From, model.from }, { NBKey::PrefixNeid, model.prefixNeid }, { "dc_id", model.dcId },
-                { "full_path", model.path }, { NBKey::IgnorePrefixPath, model.ignorePrefixPath } })
+        .with(folderParams, model)
+        .paramsIfSet({ { "full_path", model.path }, { NBKey::IgnorePrefixPath, model.ignorePrefixPath } })
         .flag("disable_rename", model.disableRename)
         .flag("is_update", model.isUpdate)
         .withDefaults()
         .send(std::move(done));
 }
 
-long long NBPriServerApi::createFile(const NBServerApiCreateFileModel&, NBCompletionCallback)
-{
-    return -1;
-}
+NB_UNSERVED(NBPriServerApi, createFile, -1, const NBServerApiCreateFileModel&, NBCompletionCallback)
 
 // The JSON text reaches the parameter byte by byte, each byte read as one Latin-1 character.
 long long NBPriServerApi::extra(QList<QString> neids, NBCompletionCallback done)
@@ -79,12 +75,7 @@ long long NBPriServerApi::downloadRouterInternal(const NBSeverApiDLRouterModel& 
     NBRequestBuilder router
         = usePost ? request(m_dlRouterUrl) : request(combinPath(m_dlRouterUrl, model.path));
     router.method(usePost ? POST : GET)
-        .param(usePost ? QStringLiteral("target_path") : NBKey::Path, model.path)
-        .param(NBKey::PathType, model.pathType)
-        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid }, { NBKey::Rev, model.rev },
-            { NBKey::PrefixNeid, model.prefixNeid } })
-        .rangeIfSet(model.range)
-        .paramIfSet(NBKey::OpType, model.opType)
+        .with(routeParams(usePost ? QStringLiteral("target_path") : NBKey::Path), model)
         .withDefaults();
     return usePost ? router.downloadUsePost(std::move(onData), std::move(onProgress), std::move(done))
                    : router.download(std::move(onData), std::move(onProgress), std::move(done));

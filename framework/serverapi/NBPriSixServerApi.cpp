@@ -63,11 +63,8 @@ long long NBPriSixServerApi::queryHash(const NBServerApiQueryHashSixModel& model
 long long NBPriSixServerApi::chunkedUpload(const NBServerApiChunkedUploadSixModel& model,
     NBCompletionCallback done, NBUploadProgressCallback onProgress)
 {
-    return requestOn(model.serverUrl, QStringLiteral("/chunked_upload"))
-        .inQuery()
-        .paramsIfSet({ { "hash", model.hash }, { "upload_id", model.uploadId } })
-        .param("offset", "0")
-        .verifyCodeParam()
+    return requestOn(model.serverUrl, m_chunkedUploadUrl)
+        .with(chunkQuery, model)
         .paramIfSet("&", model.extra)
         .defaultHeaders()
         .upload(model.data, std::move(onProgress), std::move(done));

@@ -2,6 +2,7 @@
 
 #include "CNBLoggerWrapper.h"
 #include "NBRequestParams.h"
+#include "NBUnserved.h"
 
 #include <QDateTime>
 #include <QFileInfo>
@@ -154,10 +155,7 @@ long long NBPubServerApi::initDelta(const NBServerApiEntryModel& model, NBComple
         .send(std::move(done));
 }
 
-long long NBPubServerApi::getSyncDataForDisk(const NBServerApiGetSyncDataModel&, NBCompletionCallback)
-{
-    return -1;
-}
+NB_UNSERVED(NBPubServerApi, getSyncDataForDisk, -1, const NBServerApiGetSyncDataModel&, NBCompletionCallback)
 
 // --- Verification and two-factor flows: the default headers, then the cookie that
 // carries the flow's identifier. ------------------------------------------------------

@@ -54,6 +54,47 @@ inline constexpr auto authUploadParams = [](NBRequestBuilder& request, const NBS
         { NBKey::PrefixNeid, entry.prefixNeid }, { NBKey::Nsid, entry.nsid }, { NBKey::Neid, entry.neid } });
 };
 
+// A page of a listing: "orderby", "sort", "limit", "offset".
+inline constexpr auto pageParams = [](NBRequestBuilder& request, const auto& listing) {
+    request.param(QStringLiteral("orderby"), listing.orderby)
+        .param(QStringLiteral("sort"), listing.sort)
+        .number(QStringLiteral("limit"), listing.limit)
+        .number(QStringLiteral("offset"), listing.offset);
+};
+
+// One chunk's query: "hash" and "upload_id" when set, "offset" always "0", then "S"
+// when the endpoint has a verification code.
+inline constexpr auto chunkQuery = [](NBRequestBuilder& request, const auto& chunk) {
+    request.inQuery()
+        .paramsIfSet(
+            { { QStringLiteral("hash"), chunk.hash }, { QStringLiteral("upload_id"), chunk.uploadId } })
+        .param(QStringLiteral("offset"), QStringLiteral("0"))
+        .verifyCodeParam();
+};
+
+// Where a new folder goes: "path_type", then "from", "prefix_neid" and "dc_id" when set.
+inline constexpr auto folderParams
+    = [](NBRequestBuilder& request, const NBServerApiCreateFolderModel& folder) {
+          request.param(NBKey::PathType, folder.pathType)
+              .paramsIfSet({ { NBKey::From, folder.from }, { NBKey::PrefixNeid, folder.prefixNeid },
+                  { QStringLiteral("dc_id"), folder.dcId } });
+      };
+
+// What a download route names: the path under `pathKey`, "path_type", then "from",
+// "neid", "rev" and "prefix_neid" when set, both range headers when set, "op_type"
+// when set.
+inline auto routeParams(const QString& pathKey)
+{
+    return [pathKey](NBRequestBuilder& request, const NBSeverApiDLRouterModel& route) {
+        request.param(pathKey, route.path)
+            .param(NBKey::PathType, route.pathType)
+            .paramsIfSet({ { NBKey::From, route.from }, { NBKey::Neid, route.neid },
+                { NBKey::Rev, route.rev }, { NBKey::PrefixNeid, route.prefixNeid } })
+            .rangeIfSet(route.range)
+            .paramIfSet(NBKey::OpType, route.opType);
+    };
+}
+
 // The entry under prefixed keys, each sent even when empty: "<prefix>path",
 // "<prefix>path_type", "<prefix>from", "<prefix>neid", "<prefix>prefix_neid".
 inline auto prefixedEntryParams(const QString& prefix)

@@ -4,6 +4,7 @@
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
 #include "NBRequestParams.h"
+#include "NBUnserved.h"
 
 #include <NBConfigure.h>
 #include <QJsonArray>
@@ -210,10 +211,7 @@ long long NBServerApi::metaData(const NBServerApiMetaEntryModel& model, NBComple
         .flag("with_seed", model.withSeed)
         .flag("list", model.list)
         .paramIfSet("content_type", model.contentType)
-        .param("orderby", model.orderby)
-        .param("sort", model.sort)
-        .number("limit", model.limit)
-        .number("offset", model.offset)
+        .with(pageParams, model)
         .withDefaults()
         .send(std::move(done));
 }
@@ -222,9 +220,7 @@ long long NBServerApi::createFolder(const NBServerApiCreateFolderModel& model, N
 {
     return request(combinPath(m_fileopsCreateFolderUrl, model.path))
         .method(POST)
-        .param(NBKey::PathType, model.pathType)
-        .paramsIfSet(
-            { { NBKey::From, model.from }, { NBKey::PrefixNeid, model.prefixNeid }, { "dc_id", model.dcId } })
+        .with(folderParams, model)
         .withDefaults()
         .send(std::move(done));
 }
@@ -285,12 +281,7 @@ long long NBServerApi::downloadRouter(const NBSeverApiDLRouterModel& model, NBDa
     NBCompletionCallback done, NBDownloadProgressCallback onProgress)
 {
     return request(combinPath(m_dlRouterUrl, model.path))
-        .param(NBKey::Path, model.path)
-        .param(NBKey::PathType, model.pathType)
-        .paramsIfSet({ { NBKey::From, model.from }, { NBKey::Neid, model.neid }, { NBKey::Rev, model.rev },
-            { NBKey::PrefixNeid, model.prefixNeid } })
-        .rangeIfSet(model.range)
-        .paramIfSet(NBKey::OpType, model.opType)
+        .with(routeParams(NBKey::Path), model)
         .withDefaults()
         .download(std::move(onData), std::move(onProgress), std::move(done));
 }
@@ -363,10 +354,7 @@ long long NBServerApi::chunkedUpload(const NBServerApiChunkedUploadModel& model,
     NBUploadProgressCallback onProgress, QString extraQuery)
 {
     return requestOn(model.serverUrl, m_chunkedUploadUrl)
-        .inQuery()
-        .paramsIfSet({ { "hash", model.hash }, { "upload_id", model.uploadId } })
-        .param("offset", "0")
-        .verifyCodeParam()
+        .with(chunkQuery, model)
         .defaultHeaders()
         .extraQuery(extraQuery)
         .upload(model.data, std::move(onProgress), std::move(done));
@@ -447,8 +435,7 @@ long long NBServerApi::deliveryUploadData(const NBServerApiDeliveryUploadDataMod
 long long NBServerApi::deliveryDownloadFile(const NBServerApiDeliveryDownloadFileModel& model,
     NBCompletionCallback done, NBDownloadProgressCallback onProgress)
 {
-    return requestOn(model.serverUrl,
-        combinPath(combinPath(m_deliveryDlRouter, model.code), deliveryRootPathHandle(model.path)))
+    return linkRequest(model, m_deliveryDlRouter, deliveryRootPathHandle(model.path))
         .with(deliveryQuery, model)
         .withDefaults()
         .session(model.session)
@@ -458,8 +445,7 @@ long long NBServerApi::deliveryDownloadFile(const NBServerApiDeliveryDownloadFil
 long long NBServerApi::deliveryDownloadData(const NBServerApiDeliveryDownloadDataModel& model,
     NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress)
 {
-    return requestOn(model.serverUrl,
-        combinPath(combinPath(m_deliveryDlRouter, model.code), deliveryRootPathHandle(model.path)))
+    return linkRequest(model, m_deliveryDlRouter, deliveryRootPathHandle(model.path))
         .with(deliveryQuery, model)
         .defaultHeaders()
         .session(model.session)
@@ -469,8 +455,7 @@ long long NBServerApi::deliveryDownloadData(const NBServerApiDeliveryDownloadDat
 long long NBServerApi::deliveryDownloadRouter(const NBSeverApiDeliveryDLRouterModel& model,
     NBDataCallback onData, NBCompletionCallback done, NBDownloadProgressCallback onProgress)
 {
-    return requestOn(model.serverUrl,
-        combinPath(combinPath(m_deliveryDlRouter, model.code), deliveryRootPathHandle(model.path)))
+    return linkRequest(model, m_deliveryDlRouter, deliveryRootPathHandle(model.path))
         .inQuery()
         .param(NBKey::Path, model.path)
         .param(NBKey::Token, model.token)
@@ -486,18 +471,14 @@ long long NBServerApi::deliveryDownloadRouter(const NBSeverApiDeliveryDLRouterMo
 long long NBServerApi::deliveryMetadata(
     const NBServerApiDeliveryMetadataModel& model, NBCompletionCallback done)
 {
-    return requestOn(model.serverUrl,
-        combinPath(combinPath(m_deliveryMetadata, model.code), deliveryRootPathHandle(model.path)))
+    return linkRequest(model, m_deliveryMetadata, deliveryRootPathHandle(model.path))
         .param(NBKey::Token, model.token)
         .param("delivery_token", model.deliveryToken)
         .param("code", model.code)
         .param("password", model.password)
         .flag("with_seed", model.withSeed)
         .flag("walk_folder_content", model.walkFolderContent)
-        .param("orderby", model.orderby)
-        .param("sort", model.sort)
-        .number("limit", model.limit)
-        .number("offset", model.offset)
+        .with(pageParams, model)
         .withDefaults()
         .session(model.session)
         .send(std::move(done));
@@ -505,8 +486,7 @@ long long NBServerApi::deliveryMetadata(
 
 long long NBServerApi::deliveryCreateFolder(NBServerApiDeliveryCreateFolder model, NBCompletionCallback done)
 {
-    return requestOn(
-        model.serverUrl, combinPath(combinPath(m_deliveryCreateFolder, model.code), model.relativePath))
+    return linkRequest(model, m_deliveryCreateFolder, model.relativePath)
         .method(POST)
         .param(NBKey::Token, model.token)
         .param("code", model.code)
@@ -520,8 +500,7 @@ long long NBServerApi::deliveryCreateFolder(NBServerApiDeliveryCreateFolder mode
 long long NBServerApi::deliveryQueryHash(
     const NBServerApiDeliveryQueryHashModel& model, NBCompletionCallback done)
 {
-    return requestOn(
-        model.serverUrl, combinPath(combinPath(m_deliveryQueryHash, model.code), model.relativePath))
+    return linkRequest(model, m_deliveryQueryHash, model.relativePath)
         .method(POST)
         .param("code", model.code)
         .param("relative_path", model.relativePath)
@@ -538,10 +517,7 @@ long long NBServerApi::deliveryChunkedUpload(const NBServerApiDeliveryChunkedUpl
     NBCompletionCallback done, NBUploadProgressCallback onProgress)
 {
     return requestOn(model.serverUrl, m_deliveryChunkedUpload)
-        .inQuery()
-        .paramsIfSet({ { "hash", model.hash }, { "upload_id", model.uploadId } })
-        .param("offset", "0")
-        .verifyCodeParam()
+        .with(chunkQuery, model)
         .defaultHeaders()
         .upload(model.data, std::move(onProgress), std::move(done));
 }
@@ -549,8 +525,7 @@ long long NBServerApi::deliveryChunkedUpload(const NBServerApiDeliveryChunkedUpl
 long long NBServerApi::deliveryCommitHash(
     const NBServerApiDeliveryCommitHashModel& model, NBCompletionCallback done)
 {
-    return requestOn(
-        model.serverUrl, combinPath(combinPath(m_deliveryCommitHash, model.code), model.relativePath))
+    return linkRequest(model, m_deliveryCommitHash, model.relativePath)
         .method(POST)
         .param("code", model.code)
         .param("relative_path", model.relativePath)
@@ -606,11 +581,6 @@ long long NBServerApi::GetSyncData(const NBServerApiDeltaModel& model, const QSt
         .paramOrZero("deltaDataId", deltaDataId)
         .number("syncType", syncType)
         .send(std::move(done));
-}
-
-long long NBServerApi::getSyncData(const NBServerApiGetSyncDataModel&, NBCompletionCallback)
-{
-    return -1;
 }
 
 long long NBServerApi::checkApproveIsOne(const QString& neids, int actionType, NBCompletionCallback done)
@@ -708,122 +678,32 @@ long long NBServerApi::batchAsyncQuery(const QString& taskId, NBCompletionCallba
     return request(m_batchAsyncQueryUrl).withDefaults().param("task_id", taskId).send(std::move(done));
 }
 
-// --- Served by the variants: here nothing is sent and nothing calls back. ------------
-
-long long NBServerApi::login(const NBServerApiLoginModel&, NBCompletionCallback)
-{
-    return -1;
-}
-
-long long NBServerApi::getFuns(NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::getEstEncryptRule(NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::vboxDelta(const NBServerApiDeltaModel&, NBCompletionCallback)
-{
-    return -1;
-}
-
-long long NBServerApi::initDelta(const NBServerApiEntryModel&, NBCompletionCallback)
-{
-    return -1;
-}
-
-long long NBServerApi::getSyncDataForDisk(const NBServerApiGetSyncDataModel&, NBCompletionCallback)
-{
-    return -1;
-}
-
-long long NBServerApi::getAssingJid(const NBServerApiEntryModel&, NBCompletionCallback)
-{
-    return -1;
-}
-
-long long NBServerApi::getAssignSyncData(const NBServerApiGetSyncDataModel&, NBCompletionCallback)
-{
-    return -1;
-}
-
-long long NBServerApi::fileExist(
-    const QString&, const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
-{
-    return -1;
-}
-
-long long NBServerApi::GetEnterpriseAddressByCode(const QString&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::GetZipDownloadUrl(const QString&, const QString&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::GetZipFolderMetadata(
-    const QString&, const QString&, qint64, qint64, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::GetQuickLoginVerifyPic(NBDataCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::GetQuickLoginSmsCode(const NBServerApiSmsCodeModel&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::GetQRCode(int, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::GetLoginState(NBServerApiLoginStateModel, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::GetLoginEmailVerify(
-    const QString&, const QString&, const QString&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::LoginCheckEmailVerify(
-    const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::DyncCodeLogin(const QString&, const QString&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::SendSmsCode(const QString&, const QString&, const QString&, const QString&,
-    const QString&, const QString&, const QString&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::SmsCodeLogin(const QString&, const QString&, NBCompletionCallback)
-{
-    return 0;
-}
-
-long long NBServerApi::ResetPassword(const QString&, const QString&, const QString&, NBCompletionCallback)
-{
-    return 0;
-}
+// --- Served by the variants, or by none: here nothing is sent and nothing calls back. -
+// clang-format off
+NB_UNSERVED(NBServerApi, login,                      -1, const NBServerApiLoginModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, getFuns,                     0, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, getEstEncryptRule,           0, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, vboxDelta,                  -1, const NBServerApiDeltaModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, initDelta,                  -1, const NBServerApiEntryModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, getSyncData,                -1, const NBServerApiGetSyncDataModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, getSyncDataForDisk,         -1, const NBServerApiGetSyncDataModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, getAssingJid,               -1, const NBServerApiEntryModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, getAssignSyncData,          -1, const NBServerApiGetSyncDataModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, fileExist,                  -1, const QString&, const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, GetEnterpriseAddressByCode,  0, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, GetZipDownloadUrl,           0, const QString&, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, GetZipFolderMetadata,        0, const QString&, const QString&, qint64, qint64, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, GetQuickLoginVerifyPic,      0, NBDataCallback)
+NB_UNSERVED(NBServerApi, GetQuickLoginSmsCode,        0, const NBServerApiSmsCodeModel&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, GetQRCode,                   0, int, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, GetLoginState,               0, NBServerApiLoginStateModel, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, GetLoginEmailVerify,         0, const QString&, const QString&, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, LoginCheckEmailVerify,       0, const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, DyncCodeLogin,               0, const QString&, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, SendSmsCode,                 0, const QString&, const QString&, const QString&, const QString&, const QString&, const QString&, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, SmsCodeLogin,                0, const QString&, const QString&, NBCompletionCallback)
+NB_UNSERVED(NBServerApi, ResetPassword,               0, const QString&, const QString&, const QString&, NBCompletionCallback)
+// clang-format on
 
 long long NBServerApi::getNoRedirect(const QString& url, NBCompletionCallback done)
 {

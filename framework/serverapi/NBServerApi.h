@@ -247,6 +247,12 @@ protected:
     NBRequestBuilder requestOn(const QString& serverUrl, const QString& path);
     // A request to an address taken as it is.
     NBRequestBuilder requestTo(const QString& url);
+    // A request to a shared link's operation on its server: "<operation>/<code><rest>".
+    template<typename Link>
+    NBRequestBuilder linkRequest(const Link& link, const QString& operation, const QString& rest)
+    {
+        return requestOn(link.serverUrl, combinPath(combinPath(operation, link.code), rest));
+    }
 
     // A setting read or written under the settings lock.
     QString read(const QString& setting) const;

@@ -1,13 +1,16 @@
 # Wraps CMake: `make` builds, `make test` installs what is missing, builds and runs every test.
 BUILD_DIR ?= build
 ASAN_DIR  ?= build-asan
+TSAN_DIR  ?= build-tsan
+COVERAGE_DIR ?= build-coverage
+MEMCHECK_DIR ?= build-memcheck
 BENCH_DIR ?= build-bench
 FUZZ_DIR  ?= build-fuzz
 FUZZ_SECONDS ?= 60
 JOBS      ?= $(shell nproc)
 CTEST_J   ?= 2
 
-.PHONY: all deps build demo test test-asan soak bench fuzz install format clean
+.PHONY: all deps build demo test test-asan test-tsan memcheck coverage soak bench fuzz install format clean
 
 all: build
 
@@ -31,6 +34,40 @@ test-asan: deps
 	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DNB_SANITIZE=ON
 	cmake --build $(ASAN_DIR) -j$(JOBS)
 	cd $(ASAN_DIR) && ctest --output-on-failure -j$(CTEST_J) -LE slow
+
+# The library's and the emulator's suites under ThreadSanitizer, with the hammer test of
+# eight threads (tst_threads); any race fails its test. Qt itself is not instrumented:
+# its accesses are left out, the library's locks tell the sanitizer what they order, and
+# the programs and tests lock with the standard library, which the sanitizer sees.
+# nbcli, a single-threaded program, is left out for time.
+TSAN_OPTIONS_CI = ignore_noninstrumented_modules=1 halt_on_error=1 second_deadlock_stack=1
+test-tsan: deps
+	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNB_TSAN=ON -DNB_BUILD_CLI=OFF
+	cmake --build $(TSAN_DIR) -j$(JOBS)
+	cd $(TSAN_DIR) && TSAN_OPTIONS="$(TSAN_OPTIONS_CI)" ctest --output-on-failure -j$(CTEST_J) -LE slow
+
+# The library's, the host libraries' and the emulator's suites, each test process under
+# valgrind's memcheck; the two-minute time-out and the gigabyte tests are left out.
+memcheck: deps
+	@tools/install-deps.sh --memcheck
+	cmake -S . -B $(MEMCHECK_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNB_MEMCHECK=ON -DNB_BUILD_CLI=OFF
+	cmake --build $(MEMCHECK_DIR) -j$(JOBS)
+	cd $(MEMCHECK_DIR) && ctest --output-on-failure -j$(CTEST_J) -LE 'slow|big'
+
+# Line and branch coverage of framework/serverapi/ from the plain suite: a table per file
+# on the terminal, the annotated sources in $(COVERAGE_DIR)/coverage/index.html.
+coverage: deps
+	@tools/install-deps.sh --coverage
+	cmake -S . -B $(COVERAGE_DIR) -DCMAKE_BUILD_TYPE=Debug -DNB_COVERAGE=ON
+	cmake --build $(COVERAGE_DIR) -j$(JOBS)
+	find $(COVERAGE_DIR) -name '*.gcda' -delete
+	cd $(COVERAGE_DIR) && ctest --output-on-failure -j$(CTEST_J)
+	mkdir -p $(COVERAGE_DIR)/coverage
+	gcovr -r . --object-directory $(COVERAGE_DIR) --filter 'framework/serverapi/' \
+	    --exclude-unreachable-branches --exclude-throw-branches --sort-percentage \
+	    --txt - --html-details $(COVERAGE_DIR)/coverage/index.html
+	gcovr -r . --object-directory $(COVERAGE_DIR) --filter 'framework/serverapi/' \
+	    --exclude-unreachable-branches --exclude-throw-branches --branches --txt - | tail -3
 
 # The emulator killed at 50 random moments of uploads and commits (make test runs 4).
 soak: build
@@ -57,4 +94,4 @@ format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(MEMCHECK_DIR) $(COVERAGE_DIR) $(BENCH_DIR) $(FUZZ_DIR)

@@ -103,7 +103,7 @@ void ControlRoutes::install(Router& router)
                 400, QStringLiteral("invalid request"), QStringLiteral("\"fail\" is a regular expression"));
         if (call.has(Param::Polls))
             m_context.taskPolls = polls;
-        QMutexLocker lock(&m_context.taskMutex);
+        const std::lock_guard lock(m_context.taskMutex);
         if (call.has(Param::Fail))
             m_context.taskFailPattern = call.value(Param::Fail);
         call.json(

@@ -99,7 +99,7 @@ bool Database::migrate(QString* error)
 
 bool Database::run(bool write, const std::function<bool()>& work)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     if (!write)
         return work();
     if (!exec("BEGIN IMMEDIATE"))
@@ -119,7 +119,7 @@ bool Database::run(bool write, const std::function<bool()>& work)
 
 bool Database::exec(const char* sql)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     return sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 

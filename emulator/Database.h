@@ -5,10 +5,10 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMutex>
 #include <QString>
 #include <QVariant>
 #include <functional>
+#include <mutex>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -68,5 +68,5 @@ private:
     bool migrate(QString* error);
 
     sqlite3* m_db = nullptr;
-    QRecursiveMutex m_mutex;
+    std::recursive_mutex m_mutex;
 };

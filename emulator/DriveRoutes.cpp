@@ -129,7 +129,7 @@ void DriveRoutes::batch(HttpCall& call, const QString& kind)
         return;
     QString failPattern;
     {
-        QMutexLocker lock(&m_context.taskMutex);
+        const std::lock_guard lock(m_context.taskMutex);
         failPattern = m_context.taskFailPattern;
     }
     const QRegularExpression failing(failPattern);

@@ -12,10 +12,10 @@
 #include "Router.h"
 #include "Tasks.h"
 
-#include <QMutex>
 #include <QString>
 #include <QStringList>
 #include <atomic>
+#include <mutex>
 
 struct EmuOptions
 {
@@ -56,5 +56,5 @@ struct EmuContext
     // (a regular expression; empty fails none), set through the control interface.
     std::atomic<int> taskPolls { 1 };
     QString taskFailPattern;
-    QMutex taskMutex;
+    std::mutex taskMutex;
 };

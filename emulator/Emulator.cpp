@@ -398,7 +398,7 @@ void Emulator::log(const QByteArray& method, const QByteArray& target, int statu
         { "status", status }, { "in", in }, { "out", out }, { "ms", ms } };
     if (!fault.isEmpty())
         line.insert("fault", fault);
-    QMutexLocker lock(&m_logMutex);
+    const std::lock_guard lock(m_logMutex);
     m_log.write(QJsonDocument(line).toJson(QJsonDocument::Compact) + '\n');
     m_log.flush();
 }

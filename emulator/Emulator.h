@@ -14,9 +14,9 @@
 #include "TransferRoutes.h"
 
 #include <QFile>
-#include <QMutex>
 #include <QTextStream>
 #include <atomic>
+#include <mutex>
 #include <optional>
 
 // One --user option: NAME:PASSWORD[:tfa].
@@ -72,7 +72,7 @@ private:
     ControlRoutes m_control;
     DataFolder m_data;
     HttpServer m_server;
-    QMutex m_logMutex;
+    std::mutex m_logMutex;
     QFile m_log;
     std::atomic<qint64> m_requests { 0 };
 };

@@ -79,25 +79,25 @@ Faults::Faults(quint64 seed)
 
 void Faults::reseed(quint64 seed)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     m_random.seed(seed);
 }
 
 void Faults::add(const FaultRule& rule)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     m_rules.append(rule);
 }
 
 void Faults::clear()
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     m_rules.clear();
 }
 
 QJsonArray Faults::rules() const
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     QJsonArray list;
     for (const FaultRule& rule : m_rules)
         list.append(rule.text);
@@ -106,7 +106,7 @@ QJsonArray Faults::rules() const
 
 std::optional<FaultRule> Faults::pick(const QString& path)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     for (const FaultRule& rule : qAsConst(m_rules)) {
         if (!rule.pattern.match(path).hasMatch())
             continue;

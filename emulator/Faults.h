@@ -14,9 +14,9 @@
 #pragma once
 
 #include <QJsonArray>
-#include <QMutex>
 #include <QRegularExpression>
 #include <QString>
+#include <mutex>
 #include <optional>
 #include <random>
 
@@ -51,7 +51,7 @@ public:
     std::optional<FaultRule> pick(const QString& path);
 
 private:
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex;
     QList<FaultRule> m_rules;
     std::mt19937_64 m_random;
 };

@@ -86,19 +86,19 @@ QJsonArray Links::list()
 void Links::clear()
 {
     m_db.run(true, [&] { return m_db.exec("DELETE FROM links"); });
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     m_pausedUntil.clear();
 }
 
 qint64 Links::pausedFor(const QString& code)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     return qMax<qint64>(0, m_pausedUntil.value(code) - steadyMs());
 }
 
 bool Links::wrongGuess(const QString& code)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard lock(m_mutex);
     const qint64 now = steadyMs();
     if (m_pausedUntil.value(code) > now)
         return false;

@@ -10,7 +10,7 @@
 
 #include <QHash>
 #include <QJsonArray>
-#include <QMutex>
+#include <mutex>
 #include <optional>
 
 struct Link
@@ -50,6 +50,6 @@ public:
 private:
     Database& m_db;
     Drive& m_drive;
-    QMutex m_mutex;
+    std::mutex m_mutex;
     QHash<QString, qint64> m_pausedUntil; // by code, on a steady clock
 };

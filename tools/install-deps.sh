@@ -8,6 +8,8 @@ packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin jq
 case "${1:-}" in
 --bench) packages+=(nginx-light curl) ;;
 --fuzz) packages+=(clang libclang-rt-14-dev) ;;
+--memcheck) packages+=(valgrind) ;;
+--coverage) packages+=(gcovr) ;;
 esac
 
 missing=()

@@ -5,9 +5,17 @@
 // thread's event loop, which must be running. A completion runs once per request;
 // after an inactivity time-out it runs twice ("TimeOut" with error 4, then error 5).
 //
-// Threads: once init has run, settings and operations may be called from any thread
-// with an event loop. init and uninit replace the endpoint without a lock: call them
-// only while no other thread calls the library.
+// After a request's first completion none of its progress or data callbacks runs again.
+//
+// Threads:
+// - operations may start on any thread that runs a Qt event loop; all of a request's
+//   callbacks run on that thread, which must outlive the request;
+// - settings (setters and getters) may be called from any thread at any time;
+// - Cancel may be called from any thread: on the request's own thread it completes the
+//   request inside the call, from another it is carried out on the request's thread;
+// - FillUrlProtocol and FillUrlProtocolByStep block their thread, never from a callback;
+// - init and uninit replace the endpoint without a lock: call them only while no other
+//   thread calls the library (requests in flight may go on).
 #pragma once
 
 #include "NBServerApiConstants.h"
@@ -114,7 +122,8 @@ public:
     static bool FillUrlProtocol(const QString& in, QString& out);
     static bool FillUrlProtocolByStep(const QString& in, QString& out);
 
-    // Closes a running request on its thread; its completion (error 5) runs inside this call.
+    // Closes a running request; its completion (error 5) runs inside this call when called
+    // on the request's thread, and soon after on that thread when called from another.
     static void Cancel(long long id);
 
     // Sign-in: the public cloud takes kind 2 (account) or 3 (enterprise); the reply's

@@ -39,7 +39,7 @@ long long NBHttpClientManager::createHttpClientHandle(NBHttpClient* client)
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED
     qsrand(uint(now.second() * 1000 + now.msec()));
-    QMutexLocker lock(&m_mutex);
+    NBMutexLocker lock(&m_mutex);
     long long id;
     do {
         id = qrand();
@@ -51,13 +51,13 @@ long long NBHttpClientManager::createHttpClientHandle(NBHttpClient* client)
 
 NBHttpClient* NBHttpClientManager::getHttpClient(long long id)
 {
-    QMutexLocker lock(&m_mutex);
+    NBMutexLocker lock(&m_mutex);
     return m_clients.value(id, nullptr);
 }
 
 void NBHttpClientManager::destroy(long long id)
 {
-    QMutexLocker lock(&m_mutex);
+    NBMutexLocker lock(&m_mutex);
     auto it = m_clients.find(id);
     if (it == m_clients.end())
         return;
@@ -67,7 +67,7 @@ void NBHttpClientManager::destroy(long long id)
 
 void NBHttpClientManager::cancelHttpClient(long long id)
 {
-    QMutexLocker lock(&m_mutex);
+    NBMutexLocker lock(&m_mutex);
     NBHttpClient* client = m_clients.value(id, nullptr);
     if (!client)
         return;
@@ -87,7 +87,7 @@ void NBHttpClientManager::cancelHttpClient(long long id)
 QSslConfiguration NBHttpClientManager::sslConfig() const
 {
     QSslConfiguration config = QSslConfiguration::defaultConfiguration();
-    QMutexLocker lock(&m_settingsMutex);
+    NBMutexLocker lock(&m_settingsMutex);
     // Unless the host asks for verification, no server certificate is verified.
     config.setPeerVerifyMode(m_tlsVerifyPeer ? QSslSocket::VerifyPeer : QSslSocket::VerifyNone);
     if (m_tlsVerifyPeer && !m_tlsCaCertificates.isEmpty()) {
@@ -100,7 +100,7 @@ QSslConfiguration NBHttpClientManager::sslConfig() const
 
 void NBHttpClientManager::addTlsCaCertificates(const QList<QSslCertificate>& certificates)
 {
-    QMutexLocker lock(&m_settingsMutex);
+    NBMutexLocker lock(&m_settingsMutex);
     m_tlsCaCertificates += certificates;
 }
 
@@ -112,7 +112,7 @@ QByteArray NBHttpClientManager::publicKeyDigest(const QSslCertificate& certifica
 void NBHttpClientManager::proxy(bool autoDetect, int scheme, const QString& host, unsigned short port,
     const QString& user, const QString& password, bool open)
 {
-    QMutexLocker lock(&m_settingsMutex);
+    NBMutexLocker lock(&m_settingsMutex);
     m_proxyAutoDetect = autoDetect;
     m_proxyScheme = scheme;
     m_proxyHostname = host;

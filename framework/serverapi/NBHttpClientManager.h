@@ -2,6 +2,8 @@
 // that operations return, and the network settings every request reads.
 #pragma once
 
+#include "NBMutexLocker.h"
+
 #include <QList>
 #include <QMap>
 #include <QMutex>
@@ -70,12 +72,12 @@ public:
 private:
     template<typename T> T read(const T& setting) const
     {
-        QMutexLocker lock(&m_settingsMutex);
+        NBMutexLocker lock(&m_settingsMutex);
         return setting;
     }
     template<typename T> void write(T& setting, const T& value)
     {
-        QMutexLocker lock(&m_settingsMutex);
+        NBMutexLocker lock(&m_settingsMutex);
         setting = value;
     }
 

@@ -1,5 +1,7 @@
 #include "NBLogRedactor.h"
 
+#include "NBMutexLocker.h"
+
 #include <QMutex>
 #include <QRegularExpression>
 #include <QUrl>
@@ -72,7 +74,7 @@ bool NBLogRedactor::enabled()
 
 void NBLogRedactor::remember(Secret secret, const QString& value)
 {
-    QMutexLocker lock(&s_mutex);
+    NBMutexLocker lock(&s_mutex);
     s_secrets[secret] = value;
 }
 
@@ -86,7 +88,7 @@ QString NBLogRedactor::hide(const QString& line)
     QString text = hideCaptures(hideCaptures(hideCaptures(line, pairs()), lines()), fields());
     QStringList known;
     {
-        QMutexLocker lock(&s_mutex);
+        NBMutexLocker lock(&s_mutex);
         for (const QString& secret : s_secrets)
             known << secret;
     }

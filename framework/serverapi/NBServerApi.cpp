@@ -791,13 +791,13 @@ QString NBServerApi::priServerVerifyCode()
 
 QString NBServerApi::read(const QString& setting) const
 {
-    QMutexLocker lock(&m_settingsMutex);
+    NBMutexLocker lock(&m_settingsMutex);
     return setting;
 }
 
 void NBServerApi::write(QString& setting, const QString& value)
 {
-    QMutexLocker lock(&m_settingsMutex);
+    NBMutexLocker lock(&m_settingsMutex);
     setting = value;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "NBHttpMethod.h"
+#include "NBMutexLocker.h"
 #include "NBRequestBuilder.h"
 #include "NBServerApiModels.h"
 #include "ResponseData.h"

@@ -1,21 +1,22 @@
 #include "NBConfigure.h"
 
 #include <QHash>
-#include <QReadWriteLock>
+#include <mutex>
+#include <shared_mutex>
 
 namespace {
-QReadWriteLock lock;
+std::shared_mutex lock;
 QHash<int, QString> attributes;
 } // namespace
 
 QString NBConfigure::getQStringAttribute(int attribute)
 {
-    QReadLocker locker(&lock);
+    const std::shared_lock locker(lock);
     return attributes.value(attribute);
 }
 
 void NBConfigure::setQStringAttribute(int attribute, const QString& value)
 {
-    QWriteLocker locker(&lock);
+    const std::unique_lock locker(lock);
     attributes.insert(attribute, value);
 }

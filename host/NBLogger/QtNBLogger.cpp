@@ -6,8 +6,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMutex>
 #include <QVector>
+#include <mutex>
 
 namespace {
 
@@ -15,13 +15,13 @@ struct Channel
 {
     QString path;
     QFile file;
-    QMutex mutex;
+    std::mutex mutex;
     QAtomicInt level { QtNBLogger::DefaultLevel };
 };
 
 // Channels are never freed: lines may be written from static destructors and from
 // threads that outlive the application object.
-QMutex registryMutex;
+std::mutex registryMutex;
 QVector<Channel*>& channels()
 {
     static auto* all = new QVector<Channel*>;
@@ -30,7 +30,7 @@ QVector<Channel*>& channels()
 
 Channel* channel(int handle)
 {
-    QMutexLocker lock(&registryMutex);
+    std::lock_guard<std::mutex> lock(registryMutex);
     if (handle < 1 || handle > channels().size())
         return nullptr;
     return channels().at(handle - 1);
@@ -75,7 +75,7 @@ QByteArray timestamp()
 int QtNBLogger::create(const QString& path)
 {
     const QString absolute = QFileInfo(path).absoluteFilePath();
-    QMutexLocker lock(&registryMutex);
+    std::lock_guard<std::mutex> lock(registryMutex);
     QVector<Channel*>& all = channels();
     for (int i = 0; i < all.size(); ++i) {
         if (all.at(i)->path == absolute)
@@ -93,7 +93,7 @@ void QtNBLogger::init(int handle)
     Channel* c = channel(handle);
     if (!c)
         return;
-    QMutexLocker lock(&c->mutex);
+    std::lock_guard<std::mutex> lock(c->mutex);
     if (c->file.isOpen())
         return;
     QDir().mkpath(QFileInfo(c->path).absolutePath());
@@ -138,7 +138,7 @@ void QtNBLogger::write(int handle, Priority priority, const QString& line)
     text += ' ';
     text += line.toUtf8();
     text += '\n';
-    QMutexLocker lock(&c->mutex);
+    std::lock_guard<std::mutex> lock(c->mutex);
     if (c->file.isOpen())
         c->file.write(text);
 }

@@ -49,25 +49,25 @@ ChunkServer::ChunkServer()
 
 void ChunkServer::putFile(const QString& path, const QByteArray& content)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_files.insert(path, content);
 }
 
 QByteArray ChunkServer::file(const QString& path) const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_files.value(path);
 }
 
 int ChunkServer::chunkUploads() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_chunkUploads;
 }
 
 int ChunkServer::storedChunks() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_chunks.size();
 }
 
@@ -110,7 +110,7 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
         const QString hash = value(query, "hash");
         if (hashOf(request.body) != hash.toLatin1())
             return ServerReply::withStatus(400, "{\"code\":\"content_hash_error\"}");
-        QMutexLocker lock(&m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         m_chunks.insert(hash, request.body);
         ++m_chunkUploads;
         return ServerReply::ok(json({ { "hash", hash } }));
@@ -121,7 +121,7 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
     if (commitRoute) {
         if (value(form, "is_file_commit").isEmpty()) {
             QJsonArray needed;
-            QMutexLocker lock(&m_mutex);
+            std::lock_guard<std::mutex> lock(m_mutex);
             for (const QString& hash : values(form, "hashes[]")) {
                 if (!m_chunks.contains(hash))
                     needed.append(hash);
@@ -144,7 +144,7 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
     }
     TestServer::Handler fallback;
     {
-        QMutexLocker lock(&m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         fallback = m_fallback;
     }
     if (fallback)
@@ -154,7 +154,7 @@ ServerReply ChunkServer::answer(const RecordedRequest& request)
 
 void ChunkServer::setFallback(TestServer::Handler handler)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_fallback = std::move(handler);
 }
 
@@ -162,7 +162,7 @@ ServerReply ChunkServer::commit(const QString& path, const QList<QPair<QString, 
 {
     QByteArray content;
     {
-        QMutexLocker lock(&m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         for (const QString& hash : values(form, "hashes[]")) {
             if (!m_chunks.contains(hash))
                 return ServerReply::withStatus(
@@ -182,7 +182,7 @@ ServerReply ChunkServer::commit(const QString& path, const QList<QPair<QString, 
 
 ServerReply ChunkServer::serve(const QString& path, const QByteArray& range) const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_files.contains(path))
         return ServerReply::withStatus(404, "{\"code\":\"file/folder not found\"}");
     const QByteArray content = m_files.value(path);

@@ -17,8 +17,8 @@
 #include "TestServer.h"
 
 #include <QHash>
-#include <QMutex>
 #include <QUrlQuery>
+#include <mutex>
 
 class ChunkServer
 {
@@ -44,7 +44,7 @@ private:
     ServerReply commit(const QString& path, const QList<QPair<QString, QString>>& form);
     ServerReply serve(const QString& path, const QByteArray& range) const;
 
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex;
     QHash<QString, QByteArray> m_chunks;
     QHash<QString, QByteArray> m_files;
     int m_chunkUploads = 0;

@@ -25,6 +25,10 @@ EmuProcess::~EmuProcess()
         if (!m_process.waitForFinished(10000))
             m_process.kill();
         m_process.waitForFinished(5000);
+    } else if (m_port != 0) {
+        // Gone without being told: whatever it printed last (a sanitizer's report) says why.
+        qWarning("nbemu ended on its own with status %d: %s", m_process.exitCode(),
+            m_process.readAllStandardError().right(4000).constData());
     }
 }
 

@@ -5,12 +5,12 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
 #include <QObject>
 #include <QPair>
 #include <QSslCertificate>
 #include <QString>
 #include <functional>
+#include <mutex>
 
 class QThread;
 class TestServerWorker;
@@ -117,11 +117,10 @@ private:
     ServerReply answer(const RecordedRequest& request);
 
     Options m_options;
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex;
     Handler m_handler;
     QList<RecordedRequest> m_requests;
     int m_connections = 0;
     quint16 m_port = 0;
     QThread* m_thread = nullptr;
-    TestServerWorker* m_worker = nullptr;
 };

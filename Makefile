@@ -63,10 +63,10 @@ coverage: deps
 	find $(COVERAGE_DIR) -name '*.gcda' -delete
 	cd $(COVERAGE_DIR) && ctest --output-on-failure -j$(CTEST_J)
 	mkdir -p $(COVERAGE_DIR)/coverage
-	gcovr -r . --object-directory $(COVERAGE_DIR) --filter 'framework/serverapi/' \
+	tools/coverage-report -r . --object-directory $(COVERAGE_DIR) --filter 'framework/serverapi/' \
 	    --exclude-unreachable-branches --exclude-throw-branches --sort-percentage \
 	    --txt - --html-details $(COVERAGE_DIR)/coverage/index.html
-	gcovr -r . --object-directory $(COVERAGE_DIR) --filter 'framework/serverapi/' \
+	tools/coverage-report -r . --object-directory $(COVERAGE_DIR) --filter 'framework/serverapi/' \
 	    --exclude-unreachable-branches --exclude-throw-branches --branches --txt - | tail -3
 
 # The emulator killed at 50 random moments of uploads and commits (make test runs 4).

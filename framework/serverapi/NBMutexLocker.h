@@ -11,8 +11,8 @@
 #define NB_TSAN_ACQUIRE(address) __tsan_acquire(address)
 #define NB_TSAN_RELEASE(address) __tsan_release(address)
 #else
-#define NB_TSAN_ACQUIRE(address)
-#define NB_TSAN_RELEASE(address)
+#define NB_TSAN_ACQUIRE(address) ((void)0)
+#define NB_TSAN_RELEASE(address) ((void)0)
 #endif
 
 class NBMutexLocker

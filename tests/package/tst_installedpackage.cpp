@@ -54,6 +54,9 @@ private slots:
 
     void onlyTheFacadeAndTheParserAreExported()
     {
+#ifdef NB_COVERAGE
+        QSKIP("A coverage build emits Qt's inline functions as weak symbols of its own");
+#endif
         QString symbols;
         QCOMPARE(run("nm", { "-DC", "--defined-only", m_prefix + "/lib/libNBServerApi.so" }, &symbols), 0);
         // Functions, data, weak template instances alike: nothing but the facade and the

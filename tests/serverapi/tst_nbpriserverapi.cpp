@@ -109,6 +109,7 @@ private slots:
                     return dynamic_cast<NBPriServerApi*>(ServerApi::serverApi())
                         ->downloadRouterInternal(m, c.calls.data(), c.calls.completion(), {}, true);
                 })
+                .throughTheEndpoint()
                 .verifyCode("vc")
                 .sends(Pri | PriSix,
                     "POST /v2/dl_router/databox?S=vc\nHost: {host}\nRange: bytes=0-9\nx-nimbraws-range: "
@@ -123,6 +124,7 @@ private slots:
                     return dynamic_cast<NBPriServerApi*>(ServerApi::serverApi())
                         ->downloadRouterInternal(m, c.calls.data(), c.calls.completion(), {}, false);
                 })
+                .throughTheEndpoint()
                 .sends(Pri | PriSix, "GET /v2/dl_router/databox/d?path=%2Fd&path_type=ent\n{get}\n"),
         });
     }
@@ -177,6 +179,7 @@ private slots:
                     return six()->queryHash(
                         NBServerApiQueryHashSixModel { c.url(), "h1", "x y" }, c.calls.completion());
                 })
+                .throughTheEndpoint()
                 .verifyCode("vc")
                 .sends(PriSix,
                     "POST /v2/commit_chunked_upload/commit/databox?S=vc\n{post}\nhashes[]=h1&%26=x%20y"),
@@ -184,6 +187,7 @@ private slots:
                 [](GoldenContext& c) {
                     return six()->queryHashSix(c.url(), { "b", "a" }, "x=1&y", c.calls.completion());
                 })
+                .throughTheEndpoint()
                 .sends(PriSix,
                     "POST "
                     "/v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=b&hashes[]=a&%26=x%3D1%26y"),
@@ -192,6 +196,7 @@ private slots:
                     return six()->queryHash(
                         NBServerApiQueryHashSixModel { c.url(), "h1", "" }, c.calls.completion());
                 })
+                .throughTheEndpoint()
                 .sends(PriSix, "POST /v2/commit_chunked_upload/commit/databox\n{post}\nhashes[]=h1&%26="),
             golden("chunkedUpload, 6.0 model form, no extra",
                 [](GoldenContext& c) {
@@ -199,6 +204,7 @@ private slots:
                         NBServerApiChunkedUploadSixModel { c.url(), "u", "h", "chunk", "" },
                         c.calls.completion(), {});
                 })
+                .throughTheEndpoint()
                 .verifyCode("vc")
                 .sends(PriSix, "POST /v2/chunked_upload?hash=h&upload_id=u&offset=0&S=vc\n{upload}\nchunk"),
             golden("chunkedUpload, 6.0 model form, extra after S",
@@ -207,6 +213,7 @@ private slots:
                         NBServerApiChunkedUploadSixModel { c.url(), "", "", "chunk", "e&1" },
                         c.calls.completion(), {});
                 })
+                .throughTheEndpoint()
                 .verifyCode("vc")
                 .sends(PriSix, "POST /v2/chunked_upload?offset=0&S=vc&%26=e%261\n{upload}\nchunk"),
             golden("chunkedUpload, 6.0 model form, + in the upload id, the hash, the code and the extra",
@@ -215,6 +222,7 @@ private slots:
                         NBServerApiChunkedUploadSixModel { c.url(), "u+1", "h+", "chunk", "e+1" },
                         c.calls.completion(), {});
                 })
+                .throughTheEndpoint()
                 .verifyCode("v+c")
                 .sends(PriSix,
                     "POST "

@@ -310,6 +310,7 @@ private slots:
                     return ServerApi::serverApi()->queryHash(
                         c.url(), { "h3", "h1", "h 2" }, c.calls.completion(), QString());
                 })
+                .throughTheEndpoint()
                 .sends(AllDeployments,
                     "POST "
                     "/v2/commit_chunked_upload/commit/"
@@ -318,6 +319,7 @@ private slots:
                 [](GoldenContext& c) {
                     return ServerApi::serverApi()->queryHash(c.url(), {}, c.calls.completion(), QString());
                 })
+                .throughTheEndpoint()
                 .sends(AllDeployments, "POST /v2/commit_chunked_upload/commit/databox\n{post}\n"),
             golden("queryHash, verification code and extra query",
                 [](GoldenContext& c) {

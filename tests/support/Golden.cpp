@@ -1,6 +1,8 @@
 #include "Golden.h"
 
 #include "NBHttpClientManager.h"
+#include "TestLog.h"
+#include "TestServer.h"
 
 #include <QRegularExpression>
 #include <QTest>
@@ -44,7 +46,16 @@ GoldenRow& GoldenRow::noCompletion()
     return *this;
 }
 
+GoldenRow& GoldenRow::throughTheEndpoint()
+{
+    facade = false;
+    return *this;
+}
+
 namespace {
+
+// The "type" of the rows that run a call before any init.
+constexpr int NoEndpoint = -1;
 
 const char* deploymentName(int type)
 {
@@ -123,7 +134,27 @@ void addRows(const QList<GoldenRow>& rows)
             if (named)
                 QTest::addRow("%s %s", qPrintable(row.name), deploymentName(type)) << row << type;
         }
+        if (row.facade)
+            QTest::addRow("%s without an endpoint", qPrintable(row.name)) << row << NoEndpoint;
     }
+}
+
+// Without an endpoint every operation sends nothing, never calls back, returns -1 and
+// says so in the log.
+void runWithoutEndpoint(const GoldenRow& row)
+{
+    TestServer server;
+    QTemporaryDir dir;
+    ServerApi::uninit();
+    TestLog log;
+    GoldenContext context;
+    context.server = server.url(QString());
+    context.dir = dir.path();
+    QCOMPARE(row.call(context), -1LL);
+    QTest::qWait(20);
+    QCOMPARE(server.requestCount(), 0);
+    QVERIFY(context.calls.completions.isEmpty());
+    QVERIFY(log.find(QString::fromUtf8("未初始化api，调用被忽略")) != nullptr);
 }
 
 QByteArray expand(QByteArray wire, const QByteArray& host, const GoldenSettings& s)
@@ -185,6 +216,8 @@ void run()
 {
     QFETCH(GoldenRow, row);
     QFETCH(int, type);
+    if (type == NoEndpoint)
+        return runWithoutEndpoint(row);
     const QByteArray replyBody = "{\"golden\":\"" + row.name.toUtf8() + "\"}";
     TestServer server([replyBody](const RecordedRequest&) { return ServerReply::ok(replyBody); });
     QTemporaryDir dir;

@@ -69,6 +69,8 @@ struct GoldenRow
     GoldenSettings settings;
     // The call hands no completion to the caller (the record is not checked).
     bool completes = true;
+    // The call goes through ServerApi, so it also runs once before any init.
+    bool facade = true;
 
     // The request each of these deployments sends.
     GoldenRow& sends(int deployments, const QByteArray& wire);
@@ -77,6 +79,8 @@ struct GoldenRow
     GoldenRow& verifyCode(const QString& code);
     GoldenRow& withSettings(const GoldenSettings& settings);
     GoldenRow& noCompletion();
+    // The call reaches an endpoint's own function, which needs an endpoint.
+    GoldenRow& throughTheEndpoint();
 };
 Q_DECLARE_METATYPE(GoldenRow)
 

@@ -1,6 +1,7 @@
 // The endpoint base: addresses, cookie, default headers, verification code, the
 // generic requests and the reply handler.
 #include "Calls.h"
+#include "INBSeverApi.h"
 #include "NBHttpClient.h"
 #include "NBHttpClientManager.h"
 #include "ProbeApi.h"
@@ -508,6 +509,22 @@ private slots:
             QVERIFY(r.header("User-Agent").startsWith("agent"));
             QVERIFY(r.header("Cookie").contains("X-NIMBRA-SESS-ID=s"));
         }
+    }
+
+    void theVersionStringIsTheAddressesSecondPiece()
+    {
+        TestServer server;
+        ServerApi::init(ServerApi::Private);
+        ServerApi::setBaseUrlString(server.url());
+        NBServerApi* api = ServerApi::serverApi();
+        QCOMPARE(api->versionString(), QString("v2"));
+        api->setVersionString("v3");
+        QCOMPARE(api->versionString(), QString("v3"));
+        Calls calls;
+        ServerApi::RegionGet(calls.completion());
+        QVERIFY(calls.waitForCompletions(1));
+        QCOMPARE(server.lastRequest().target, QByteArray("/v3/region/get"));
+        ServerApi::uninit();
     }
 };
 

@@ -12,6 +12,8 @@ inline QByteArray randomBytes(int size, quint32 seed = 42)
     QByteArray bytes(size, Qt::Uninitialized);
     QRandomGenerator generator(seed);
     generator.fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
+    for (int i = size - size % 4; i < size; ++i)
+        bytes[i] = char(generator.generate());
     return bytes;
 }
 

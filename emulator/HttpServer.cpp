@@ -29,6 +29,7 @@ const std::size_t HeadLimit = 64 * 1024;
 // so that the connection goes on; anything else ends the connection after the reply.
 const std::uint64_t DrainLimit = 64 << 20;
 const std::size_t PieceSize = 128 * 1024;
+const std::size_t ReadSize = 64 * 1024;
 
 QByteArray bytesOf(boost::beast::string_view text)
 {
@@ -299,9 +300,13 @@ void HttpServer::work()
 
 void HttpServer::serve(SocketStream& stream)
 {
+    // Beast reads at most what the buffer has room for, from 512 bytes. A head is read
+    // into a buffer without spare room, so that its size limit holds; a body is read
+    // with room for ReadSize, or it would arrive in a recv call per kilobyte or so.
     boost::beast::flat_buffer buffer;
     std::vector<char> piece(PieceSize);
     while (!m_stopping) {
+        buffer.shrink_to_fit();
         http::request_parser<http::buffer_body> parser;
         parser.header_limit(std::uint32_t(HeadLimit));
         parser.body_limit(boost::none);
@@ -352,6 +357,7 @@ void HttpServer::serve(SocketStream& stream)
                 if (!stream.writeAll(Continue, sizeof Continue - 1))
                     return !(broken = true);
             }
+            buffer.reserve(ReadSize);
             while (!parser.is_done()) {
                 head.body().data = piece.data();
                 head.body().size = piece.size();

@@ -38,9 +38,9 @@ int distance(const QString& a, const QString& b)
 }
 
 // "  -j, --jobs N            text", the text aligned.
-QString optionLine(const OptionSpec& spec)
+QString optionLine(const OptionSpec& option)
 {
-    return QStringLiteral("  %1 %2").arg(spec.synopsis().leftJustified(24), spec.description);
+    return QStringLiteral("  %1 %2").arg(option.synopsis().leftJustified(24), option.description);
 }
 
 } // namespace
@@ -110,8 +110,8 @@ QString Cli::overview()
     for (const Command& command : commands())
         text += QStringLiteral("  %1 %2\n").arg(command.name.leftJustified(10), command.summary);
     text += QStringLiteral("\nGlobal options (before or after the command):\n");
-    for (const OptionSpec& spec : globalOptions())
-        text += optionLine(spec) + QLatin1Char('\n');
+    for (const OptionSpec& option : globalOptions())
+        text += optionLine(option) + QLatin1Char('\n');
     text += QStringLiteral(
                 "  --help                   This help; nbcli COMMAND --help, a command's.\n"
                 "  --version                The version.\n\n"
@@ -135,12 +135,12 @@ QString Cli::help(const Command& command)
         text += QLatin1Char('\n') + command.details + QLatin1Char('\n');
     if (!command.options.isEmpty()) {
         text += QStringLiteral("\nOptions:\n");
-        for (const OptionSpec& spec : command.options)
-            text += optionLine(spec) + QLatin1Char('\n');
+        for (const OptionSpec& option : command.options)
+            text += optionLine(option) + QLatin1Char('\n');
     }
     QStringList global;
-    for (const OptionSpec& spec : globalOptions())
-        global << spec.synopsis();
+    for (const OptionSpec& option : globalOptions())
+        global << option.synopsis();
     text += QStringLiteral("\nGlobal options (nbcli --help explains them): ")
         + global.join(QStringLiteral("; ")) + QLatin1String(".\n\n") + QLatin1String(exitTable());
     return text;
@@ -193,8 +193,8 @@ int Cli::runCommand(const QStringList& arguments)
     // QCommandLineParser has no subcommands: find the verb first, then parse again with its options.
     QCommandLineParser first;
     first.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
-    for (const OptionSpec& spec : globalOptions())
-        first.addOption(spec.option());
+    for (const OptionSpec& option : globalOptions())
+        first.addOption(option.option());
     first.addOption({ { "h", "help" }, "help" });
     first.addOption({ "version", "version" });
     console.json = arguments.contains(QStringLiteral("--json"));
@@ -234,10 +234,10 @@ int Cli::runCommand(const QStringList& arguments)
 
     QCommandLineParser parser;
     const bool ownH = std::any_of(command.options.cbegin(), command.options.cend(),
-        [](const OptionSpec& spec) { return spec.names.contains(QStringLiteral("h")); });
+        [](const OptionSpec& option) { return option.names.contains(QStringLiteral("h")); });
     parser.addOption(ownH ? QCommandLineOption("help", "help") : QCommandLineOption({ "h", "help" }, "help"));
-    for (const OptionSpec& spec : globalOptions() + command.options)
-        parser.addOption(spec.option());
+    for (const OptionSpec& option : globalOptions() + command.options)
+        parser.addOption(option.option());
     if (!parser.parse(arguments))
         throw Failure(Exit::Usage,
             QStringLiteral("%1 (nbcli %2 --help explains)").arg(parser.errorText(), command.name));

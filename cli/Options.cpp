@@ -8,31 +8,31 @@
 
 OptionSpec OptionSpec::flag(QStringList names, QString description)
 {
-    OptionSpec spec;
-    spec.names = std::move(names);
-    spec.description = std::move(description);
-    return spec;
+    OptionSpec option;
+    option.names = std::move(names);
+    option.description = std::move(description);
+    return option;
 }
 
 OptionSpec OptionSpec::value(
     QStringList names, QString description, QString valueName, Kind kind, QString defaultValue)
 {
-    OptionSpec spec;
-    spec.names = std::move(names);
-    spec.description = std::move(description);
-    spec.valueName = std::move(valueName);
-    spec.kind = kind;
-    spec.defaultValue = std::move(defaultValue);
-    return spec;
+    OptionSpec option;
+    option.names = std::move(names);
+    option.description = std::move(description);
+    option.valueName = std::move(valueName);
+    option.kind = kind;
+    option.defaultValue = std::move(defaultValue);
+    return option;
 }
 
 OptionSpec OptionSpec::choice(
     QStringList names, QString description, QString valueName, QStringList choices, QString defaultValue)
 {
-    OptionSpec spec = value(
+    OptionSpec option = value(
         std::move(names), std::move(description), std::move(valueName), Choice, std::move(defaultValue));
-    spec.choices = std::move(choices);
-    return spec;
+    option.choices = std::move(choices);
+    return option;
 }
 
 QString OptionSpec::name() const
@@ -95,11 +95,11 @@ namespace Options {
 
 void validate(const QCommandLineParser& parser, const QList<OptionSpec>& specs)
 {
-    for (const OptionSpec& spec : specs) {
-        if (spec.kind == OptionSpec::Flag || !parser.isSet(spec.name()))
+    for (const OptionSpec& option : specs) {
+        if (option.kind == OptionSpec::Flag || !parser.isSet(option.name()))
             continue;
-        for (const QString& text : parser.values(spec.name()))
-            spec.check(text, QStringLiteral("--") + spec.name());
+        for (const QString& text : parser.values(option.name()))
+            option.check(text, QStringLiteral("--") + option.name());
     }
 }
 

@@ -175,10 +175,10 @@ private slots:
         QFETCH(int, kind);
         QFETCH(QString, text);
         QFETCH(bool, taken);
-        const OptionSpec spec = OptionSpec::value({ "x" }, "x", "X", OptionSpec::Kind(kind));
+        const OptionSpec option = OptionSpec::value({ "x" }, "x", "X", OptionSpec::Kind(kind));
         bool threw = false;
         try {
-            spec.check(text, QStringLiteral("--x"));
+            option.check(text, QStringLiteral("--x"));
         } catch (const Failure& failure) {
             threw = true;
             QCOMPARE(failure.exit, Exit::Usage);
@@ -192,9 +192,9 @@ private slots:
 
     void choices()
     {
-        const OptionSpec spec = OptionSpec::choice({ "tfa" }, "t", "M", { "otp", "sms", "qr" });
-        spec.check("sms", "--tfa");
-        QVERIFY_EXCEPTION_THROWN(spec.check("pigeon", "--tfa"), Failure);
+        const OptionSpec option = OptionSpec::choice({ "tfa" }, "t", "M", { "otp", "sms", "qr" });
+        option.check("sms", "--tfa");
+        QVERIFY_EXCEPTION_THROWN(option.check("pigeon", "--tfa"), Failure);
     }
 
     // Whether a reply may succeed later decides both the retry and the exit status.
@@ -344,9 +344,9 @@ private slots:
         for (const Command& command : Cli::commands()) {
             const QString help = Cli::help(command);
             QVERIFY(help.startsWith("Usage: nbcli " + command.name + " "));
-            for (const OptionSpec& spec : command.options)
-                QVERIFY2(
-                    help.indexOf(spec.synopsis()) < help.indexOf("Global options"), qPrintable(command.name));
+            for (const OptionSpec& option : command.options)
+                QVERIFY2(help.indexOf(option.synopsis()) < help.indexOf("Global options"),
+                    qPrintable(command.name));
         }
     }
 };

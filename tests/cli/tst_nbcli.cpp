@@ -219,13 +219,7 @@ private slots:
         // The CA given at login stays with the session.
         CLI_OK(nbcli({ "whoami" }));
         // Another folder, another run: the CA file was kept by its absolute path.
-        QVERIFY(QFileInfo(QJsonDocument::fromJson(
-                              readFile(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-                                  + "/nbcli/session.json"))
-                              .object()
-                              .value("cacert")
-                              .toString())
-                    .isAbsolute());
+        QVERIFY(QFileInfo(storedSignIn().value("cacert").toString()).isAbsolute());
         run = nbcli({ "whoami", "--insecure" });
         CLI_OK(run);
         QVERIFY(run.err.contains("TLS: the server's certificate is not verified (--insecure)"));

@@ -319,12 +319,7 @@ private slots:
         EmuProcess emu;
         EmuProcess other;
         QVERIFY(signIn(emu));
-        const QString session = QJsonDocument::fromJson(
-            readFile(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-                + "/nbcli/session.json"))
-                                    .object()
-                                    .value("session")
-                                    .toString();
+        const QString session = storedSignIn().value("session").toString();
         QVERIFY(!session.isEmpty());
         CliRun run = nbcli({ "raw", "GET", other.url("/v2/region/get") });
         QCOMPARE(run.exit, 2); // no session there: refused
@@ -502,12 +497,7 @@ private slots:
                     .toString()
                     .startsWith("Usage: nbcli ls"));
         // raw's text never shows the session, errors included.
-        const QString session = QJsonDocument::fromJson(
-            readFile(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-                + "/nbcli/session.json"))
-                                    .object()
-                                    .value("session")
-                                    .toString();
+        const QString session = storedSignIn().value("session").toString();
         run = nbcli({ "raw", "GET", "/nonexistent" });
         QVERIFY(!(run.out + run.err).contains(session));
         QVERIFY(run.out.contains("***("));

@@ -5,11 +5,13 @@
 
 #include "Wait.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMap>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QStringList>
 #include <memory>
 
@@ -23,6 +25,15 @@ struct CliRun
     QJsonObject document() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
     QJsonArray results() const { return document().value("results").toArray(); }
 };
+
+// The sign-in nbcli keeps in the configuration folder of the test's home.
+inline QJsonObject storedSignIn()
+{
+    QFile file(
+        QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/nbcli/session.json");
+    file.open(QIODevice::ReadOnly);
+    return QJsonDocument::fromJson(file.readAll()).object();
+}
 
 class CliProcess
 {

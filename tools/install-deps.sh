@@ -10,6 +10,7 @@ case "${1:-}" in
 --fuzz) packages+=(clang libclang-rt-14-dev) ;;
 --memcheck) packages+=(valgrind) ;;
 --coverage) packages+=(gcovr) ;;
+--docs) packages+=(doxygen) ;;
 esac
 
 missing=()

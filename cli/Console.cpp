@@ -1,6 +1,7 @@
 #include "Console.h"
 
 #include <INBSeverApi.h>
+#include <NBQtCompat.h>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -15,8 +16,8 @@ Console::Console()
     , m_err(stderr)
     , m_errTerminal(::isatty(STDERR_FILENO) == 1)
 {
-    m_out.setCodec("UTF-8");
-    m_err.setCodec("UTF-8");
+    NBQtCompat::setTextCodec(m_out, "UTF-8");
+    NBQtCompat::setTextCodec(m_err, "UTF-8");
 }
 
 QString Console::redacted(const QString& text)

@@ -3,6 +3,7 @@
 #include "CNBLoggerWrapper.h"
 #include "NBHttpClient.h"
 #include "NBLogRedactor.h"
+#include "NBQtCompat.h"
 
 #include <QCryptographicHash>
 #include <QNetworkAccessManager>
@@ -36,15 +37,12 @@ long long NBHttpClientManager::createHttpClientHandle(NBHttpClient* client)
     // handles of the same millisecond draw the same first value, and the loop below
     // is what keeps identifiers distinct.
     const QTime now = QTime::currentTime();
-    QT_WARNING_PUSH
-    QT_WARNING_DISABLE_DEPRECATED
-    qsrand(uint(now.second() * 1000 + now.msec()));
+    NBQtCompat::seedRandom(uint(now.second() * 1000 + now.msec()));
     NBMutexLocker lock(&m_mutex);
     long long id;
     do {
-        id = qrand();
+        id = NBQtCompat::random();
     } while (m_clients.contains(id));
-    QT_WARNING_POP
     m_clients.insert(id, client);
     return id;
 }

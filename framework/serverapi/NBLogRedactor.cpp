@@ -53,11 +53,11 @@ QString hideCaptures(const QString& text, const QRegularExpression& expression)
         const QRegularExpressionMatch match = it.next();
         if (match.capturedLength(1) == 0)
             continue;
-        result += text.midRef(done, match.capturedStart(1) - done);
+        result.append(QStringView(text).mid(done, match.capturedStart(1) - done));
         result += NBLogRedactor::hidden(match.capturedLength(1));
         done = match.capturedEnd(1);
     }
-    return done == 0 ? text : result + text.midRef(done);
+    return done == 0 ? text : result.append(QStringView(text).mid(done));
 }
 
 } // namespace

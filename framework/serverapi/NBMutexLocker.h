@@ -1,10 +1,10 @@
 // QMutexLocker, told to ThreadSanitizer. Qt's own library is not instrumented, so
 // when a locked QMutex is handed to a waiting thread the sanitizer sees no ordering
 // between the two and would report every guarded access; the annotations state it.
-// In other builds this is QMutexLocker.
+// In other builds it is a plain scoped lock, as QMutexLocker is.
 #pragma once
 
-#include <QMutexLocker>
+#include <QMutex>
 
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
@@ -20,14 +20,14 @@ class NBMutexLocker
 public:
     explicit NBMutexLocker(QMutex* mutex)
         : m_mutex(mutex)
-        , m_locker(mutex)
     {
+        m_mutex->lock();
         NB_TSAN_ACQUIRE(m_mutex);
     }
     ~NBMutexLocker()
     {
         if (m_locked)
-            NB_TSAN_RELEASE(m_mutex);
+            unlock();
     }
     NBMutexLocker(const NBMutexLocker&) = delete;
     NBMutexLocker& operator=(const NBMutexLocker&) = delete;
@@ -36,11 +36,10 @@ public:
     {
         NB_TSAN_RELEASE(m_mutex);
         m_locked = false;
-        m_locker.unlock();
+        m_mutex->unlock();
     }
 
 private:
     QMutex* m_mutex;
-    QMutexLocker m_locker;
     bool m_locked = true;
 };

@@ -6,10 +6,13 @@
 #include "CNBLoggerWrapper.h"
 #include "NBCallbackScope.h"
 #include "NBHttpClientManager.h"
+#include "NBInflater.h"
 #include "NBNetworkCookieJar.h"
+#include "NBQtCompat.h"
 #include "NBReplyTimeout.h"
 
 #include <NBUtil.h>
+#include <QBuffer>
 #include <QFile>
 #include <QHttpMultiPart>
 #include <QNetworkAccessManager>
@@ -151,12 +154,28 @@ void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& d
     NBUploadProgressCallback progress, NBCompletionCallback completion)
 {
     m_multipart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+    // The size of the body Qt makes of the parts: each between its boundary line ("--",
+    // the boundary, a line break) and a line break, its header lines and a blank line
+    // before its body; then the closing boundary line ("--", the boundary, "--", a line break).
+    const qint64 boundary = m_multipart->boundary().size();
+    m_multipartSize = boundary + 6;
+    const auto append = [this, boundary](QHttpPart& part, const QList<QPair<QByteArray, QByteArray>>& headers,
+                            qint64 bodySize) {
+        qint64 headerSize = 2;
+        for (const auto& header : headers) {
+            part.setRawHeader(header.first, header.second);
+            headerSize += header.first.size() + 2 + header.second.size() + 2;
+        }
+        m_multipartSize += boundary + 4 + headerSize + bodySize + 2;
+        m_multipart->append(part);
+    };
     for (const auto& item : m_params.queryItems(QUrl::FullyDecoded)) {
         QHttpPart part;
-        part.setRawHeader(
-            "Content-Disposition", QStringLiteral("form-data; name=\"%1\"").arg(item.first).toUtf8());
-        part.setBody(item.second.toUtf8());
-        m_multipart->append(part);
+        const QByteArray body = item.second.toUtf8();
+        part.setBody(body);
+        append(part,
+            { { "Content-Disposition", QStringLiteral("form-data; name=\"%1\"").arg(item.first).toUtf8() } },
+            body.size());
     }
 
     QHttpPart filePart;
@@ -167,16 +186,19 @@ void RequestDispatcher::mulitUpload(const QString& filePath, const QByteArray& d
             call(completion, fileErrorData(*file));
             return;
         }
-        filePart.setRawHeader("Content-Disposition",
-            QStringLiteral("form-data; name=\"file\"; filename=\"%1\"").arg(filePath).toUtf8());
-        filePart.setHeader(QNetworkRequest::ContentLengthHeader, file->size());
         filePart.setBodyDevice(file);
+        append(filePart,
+            { { "Content-Disposition",
+                  QStringLiteral("form-data; name=\"file\"; filename=\"%1\"").arg(filePath).toUtf8() },
+                { "Content-Length", QByteArray::number(file->size()) } },
+            file->size());
     } else {
-        filePart.setRawHeader("Content-Disposition", "form-data; name=\"file\"; filename=\"no-name\"");
-        filePart.setHeader(QNetworkRequest::ContentLengthHeader, data.size());
         filePart.setBody(data);
+        append(filePart,
+            { { "Content-Disposition", "form-data; name=\"file\"; filename=\"no-name\"" },
+                { "Content-Length", QByteArray::number(data.size()) } },
+            data.size());
     }
-    m_multipart->append(filePart);
 
     // The request keeps the fixed form Content-Type, so the boundary is not announced
     // in a header; the body still carries every part between its boundary lines.
@@ -211,6 +233,8 @@ void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
     if (outgoing.mergeCookies)
         mergeCookies(request, manager);
 
+    // Every body's length is set here, after the request's own headers, where the network
+    // layer would put it.
     QNetworkReply* reply = nullptr;
     switch (outgoing.body) {
     case Outgoing::File:
@@ -222,16 +246,24 @@ void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
             return;
         }
         request.setHeader(QNetworkRequest::ContentLengthHeader, m_file->size());
+        setTransportHeaders(request, manager);
         reply = manager->post(request, m_file);
         break;
     case Outgoing::Bytes:
         request.setHeader(QNetworkRequest::ContentLengthHeader, outgoing.bytes.size());
+        setTransportHeaders(request, manager);
         reply = manager->post(request, outgoing.bytes);
         break;
     case Outgoing::Multipart:
+        request.setRawHeader("MIME-Version", "1.0");
+        request.setHeader(QNetworkRequest::ContentLengthHeader, m_multipartSize);
+        setTransportHeaders(request, manager);
         reply = manager->post(request, m_multipart);
         break;
     case Outgoing::Parameters:
+        if (outgoing.method == POST || outgoing.method == PUT)
+            request.setHeader(QNetworkRequest::ContentLengthHeader, encodedParams().size());
+        setTransportHeaders(request, manager);
         switch (outgoing.method) {
         case GET:
             reply = manager->get(request);
@@ -256,6 +288,25 @@ void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
         reply->setReadBufferSize(ReadAheadLimit);
     handleResopnse(std::move(callbacks.data), std::move(callbacks.uploadProgress),
         std::move(callbacks.downloadProgress), std::move(callbacks.completion), reply, manager);
+}
+
+// Qt 6 announces every coding it decodes (zstd and br as well), and moves the cookies and
+// its connection headers after the body's length. There the request carries
+// them as Qt 5 sends them, and the replies are decoded here.
+void RequestDispatcher::setTransportHeaders(QNetworkRequest& request, QNetworkAccessManager* manager)
+{
+    if (!NBQtCompat::announcesEveryCoding)
+        return;
+    // The "Cookie" header is whole already; Qt 6 would set it again, after these headers.
+    request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
+    const QByteArray connection
+        = manager->proxy().type() == QNetworkProxy::HttpCachingProxy ? "Proxy-Connection" : "Connection";
+    if (!request.hasRawHeader(connection))
+        request.setRawHeader(connection, "Keep-Alive");
+    if (!request.hasRawHeader("Accept-Encoding")) {
+        request.setRawHeader("Accept-Encoding", "gzip, deflate");
+        m_decodeReplies = true;
+    }
 }
 
 QNetworkAccessManager* RequestDispatcher::getManager()
@@ -310,6 +361,8 @@ QNetworkRequest RequestDispatcher::createRequest(
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
         followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy : QNetworkRequest::ManualRedirectPolicy);
     request.setMaximumRedirectsAllowed(5);
+    // HTTP/1.1 only, on Qt 6 as on Qt 5, even where a server offers HTTP/2.
+    request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
     request.setSslConfiguration(NBHttpClientManager::manager()->sslConfig());
     return request;
 }
@@ -355,8 +408,12 @@ void RequestDispatcher::mergeCookies(QNetworkRequest& request, QNetworkAccessMan
     if (!verifyCode.isEmpty())
         cookies.append(QNetworkCookie(QByteArrayLiteral("S"), verifyCode.toUtf8()));
     cookies += jar->cookiesForUrl(request.url());
-    request.setHeader(QNetworkRequest::CookieHeader, QVariant::fromValue(cookies));
     jar->setCookiesFromUrl(cookies, request.url());
+    // The jar's cookies for the address are what goes out, as the network layer writes them.
+    QByteArrayList pairs;
+    for (const QNetworkCookie& cookie : jar->cookiesForUrl(request.url()))
+        pairs << cookie.toRawForm(QNetworkCookie::NameAndValueOnly);
+    request.setRawHeader("Cookie", pairs.join("; "));
 }
 
 QByteArray RequestDispatcher::encodedParams() const
@@ -438,10 +495,14 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
     });
     connect(reply, &QNetworkReply::redirected, this,
         [](const QUrl& url) { NB_LOG_FATAL(QStringLiteral("[重定向]请求url: %1").arg(url.toString())); });
+    connect(reply, &QNetworkReply::metaDataChanged, this, [this, reply] {
+        if (m_decodeReplies)
+            m_inflater = NBInflater::forCoding(reply->rawHeader("Content-Encoding"));
+    });
     connect(reply, &QNetworkReply::readyRead, this, [this, dataCallback, reply] {
         if (!dataCallback || m_completed)
             return;
-        const QByteArray piece = reply->readAll();
+        const QByteArray piece = readBody(reply);
         keepReceived(piece);
         call(dataCallback, piece);
     });
@@ -542,6 +603,8 @@ int RequestDispatcher::replyError(QNetworkReply* reply) const
         return BodyTooLargeError;
     if (m_pinMismatch)
         return int(QNetworkReply::SslHandshakeFailedError);
+    if (m_corrupt)
+        return int(QNetworkReply::ProtocolFailure);
     return bodyCutShort(reply) ? int(QNetworkReply::RemoteHostClosedError) : int(reply->error());
 }
 
@@ -553,6 +616,8 @@ QString RequestDispatcher::replyErrorText(QNetworkReply* reply) const
             .arg(WholeBodyLimit);
     if (m_pinMismatch)
         return QStringLiteral("SSL handshake failed: the server's public key is not the pinned one");
+    if (m_corrupt)
+        return QStringLiteral("Data corrupted");
     return bodyCutShort(reply) ? QStringLiteral("Connection closed") : reply->errorString();
 }
 
@@ -600,10 +665,18 @@ void RequestDispatcher::complete(const NBCompletionCallback& completion, QNetwor
     // A body past the limit is left unread: reading it is what the limit prevents.
     const QString body = m_tooLarge ? QString() : readReply(reply, "UTF-8");
     QHash<QByteArray, QByteArray> headers;
-    for (const QByteArray& name : reply->rawHeaderList())
+    for (const QByteArray& name : reply->rawHeaderList()) {
+        // A decoded body has another length than the one announced; Qt 5 drops the header.
+        if (m_inflater && name.compare("Content-Length", Qt::CaseInsensitive) == 0)
+            continue;
         headers.insert(name, reply->rawHeader(name));
+    }
     LogFinished(body, reply, manager);
-    call(completion, respData(body, headers, errorText, status, errorCode));
+    // A coded body found damaged only as it is read here fails as one found on the way.
+    if (m_corrupt)
+        call(completion, respData(QString(), headers, replyErrorText(reply), status, replyError(reply)));
+    else
+        call(completion, respData(body, headers, errorText, status, errorCode));
 }
 
 QString RequestDispatcher::readReply(QNetworkReply* reply, const char* codecName)
@@ -611,8 +684,13 @@ QString RequestDispatcher::readReply(QNetworkReply* reply, const char* codecName
     // Lines are joined without their terminators: replies are JSON, which does not mind.
     QString text;
     if (reply->isReadable()) {
-        QTextStream stream(reply);
-        stream.setCodec(codecName);
+        QBuffer decoded;
+        if (m_inflater) {
+            decoded.setData(readBody(reply));
+            decoded.open(QIODevice::ReadOnly);
+        }
+        QTextStream stream(m_inflater ? static_cast<QIODevice*>(&decoded) : reply);
+        NBQtCompat::setTextCodec(stream, codecName);
         while (!stream.atEnd())
             text += stream.readLine();
     }
@@ -621,6 +699,21 @@ QString RequestDispatcher::readReply(QNetworkReply* reply, const char* codecName
         m_received.clear();
     }
     return text;
+}
+
+QByteArray RequestDispatcher::readBody(QNetworkReply* reply)
+{
+    if (!m_inflater)
+        return reply->readAll();
+    const QByteArray decoded = m_inflater->inflate(reply->readAll());
+    // Qt 5 ends a reply it cannot decode as a protocol failure, "Data corrupted".
+    if (m_inflater->failed() && !m_corrupt) {
+        m_corrupt = true;
+        NB_LOG_ERROR(QStringLiteral("响应数据解压失败: %1, url: %2")
+                         .arg(QString::fromUtf8(reply->rawHeader("Content-Encoding")), m_sentUrl));
+        reply->abort();
+    }
+    return decoded;
 }
 
 void RequestDispatcher::keepReceived(const QByteArray& piece)

@@ -13,7 +13,9 @@
 #include <QPointer>
 #include <QSslError>
 #include <QUrlQuery>
+#include <memory>
 
+class NBInflater;
 class QFile;
 class QFileDevice;
 class QHttpMultiPart;
@@ -117,6 +119,7 @@ private:
         const QString& address, const NBHeaderList& headers, bool followRedirects) const;
     void traceRequest(const QString& address, const NBHeaderList& headers) const;
     void mergeCookies(QNetworkRequest& request, QNetworkAccessManager* manager);
+    void setTransportHeaders(QNetworkRequest& request, QNetworkAccessManager* manager);
     QByteArray encodedParams() const;
     void handleResopnse(NBDataCallback dataCallback, NBUploadProgressCallback uploadProgress,
         NBDownloadProgressCallback downloadProgress, NBCompletionCallback completion, QNetworkReply* reply,
@@ -132,6 +135,8 @@ private:
     bool bodyCutShort(QNetworkReply* reply) const;
     void checkTls(QNetworkReply* reply, const QList<QSslError>& errors);
     QString readReply(QNetworkReply* reply, const char* codecName);
+    // What of the body has arrived, decoded when the library decodes it.
+    QByteArray readBody(QNetworkReply* reply);
     static ResponseData respData(const QString& body, const QHash<QByteArray, QByteArray>& headers,
         const QString& errorText, int status, int errorCode);
     static ResponseData fileErrorData(const QFileDevice& file);
@@ -161,6 +166,12 @@ private:
     int m_receivedLimit = -1;
     QFile* m_file = nullptr;
     QHttpMultiPart* m_multipart = nullptr;
+    qint64 m_multipartSize = 0;
+    // The request announced the codings itself: a coded reply is decoded here.
+    bool m_decodeReplies = false;
+    std::unique_ptr<NBInflater> m_inflater;
+    // A coded reply could not be decoded: the request was aborted.
+    bool m_corrupt = false;
     bool m_debug = false;
     bool m_dropBody = false;
     // The first completion has run: progress and data callbacks are over.

@@ -428,11 +428,12 @@ private:
 class TestServerWorker : public QTcpServer
 {
 public:
-    TestServerWorker(TestServer* owner, bool tls, bool plainToo, bool readBodies)
+    TestServerWorker(TestServer* owner, bool tls, bool plainToo, bool readBodies, bool offerHttp2)
         : m_owner(owner)
         , m_tls(tls)
         , m_plainToo(plainToo)
         , m_readBodies(readBodies)
+        , m_offerHttp2(offerHttp2)
     {
     }
 
@@ -456,6 +457,12 @@ protected:
             ssl->setPrivateKey(TestCertificate::get().key);
             ssl->setLocalCertificate(TestCertificate::get().certificate);
             ssl->setPeerVerifyMode(QSslSocket::VerifyNone);
+            if (m_offerHttp2) {
+                QSslConfiguration configuration = ssl->sslConfiguration();
+                configuration.setAllowedNextProtocols(
+                    { QSslConfiguration::ALPNProtocolHTTP2, QSslConfiguration::NextProtocolHttp1_1 });
+                ssl->setSslConfiguration(configuration);
+            }
             ssl->startServerEncryption();
             socket = ssl;
         } else {
@@ -475,6 +482,7 @@ private:
     bool m_tls;
     bool m_plainToo;
     bool m_readBodies;
+    bool m_offerHttp2;
 };
 
 TestServer::TestServer(Handler handler, Options options)
@@ -488,7 +496,8 @@ TestServer::TestServer(Handler handler, Options options)
     std::promise<quint16> listening;
     std::future<quint16> port = listening.get_future();
     m_thread = QThread::create([this, &listening] {
-        TestServerWorker worker(this, m_options.tls, m_options.plainToo, m_options.readBodies);
+        TestServerWorker worker(
+            this, m_options.tls, m_options.plainToo, m_options.readBodies, m_options.offerHttp2);
         if (!worker.listen(QHostAddress::LocalHost, 0))
             qFatal("test server cannot listen");
         QEventLoop loop;

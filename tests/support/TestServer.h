@@ -83,6 +83,9 @@ struct TestServerOptions
     bool plainToo = false;
     // False: record the request head and never read its body nor answer.
     bool readBodies = true;
+    // With tls: the handshake offers HTTP/2 before HTTP/1.1 (ALPN), as servers that speak
+    // both do; a client that takes it opens with HTTP/2's preface, recorded as method "PRI".
+    bool offerHttp2 = false;
 };
 
 class TestServer

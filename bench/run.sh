@@ -15,6 +15,9 @@
 set -euo pipefail
 
 build=$(cd "${1:?usage: bench/run.sh BUILD_DIR}" && pwd)
+# The Qt major the build was made with.
+qt_major=$(sed -n 's/^NB_QT_MAJOR:STRING=//p' "$build/CMakeCache.txt" 2>/dev/null || true)
+qt_major=${qt_major:-5}
 bin=$build/bench
 rounds=${NB_BENCH_ROUNDS:-5}
 gets=${NB_BENCH_GETS:-2000}
@@ -468,7 +471,7 @@ emu_listing_rss=$(chosen "nbemu listings" && emu_peak || echo "-")
 echo
 echo "Medians of $rounds round(s) after a warm-up, sides alternating; $(nproc) CPUs; nginx" \
     "$("$nginx_bin" -v 2>&1 | sed 's|.*/||'), curl $(curl -V | awk 'NR == 1 { print $2 }'), Qt" \
-    "$(pkg-config --modversion Qt5Core 2>/dev/null || echo 5)."
+    "$(pkg-config --modversion "Qt${qt_major}Core" 2>/dev/null || echo "$qt_major")."
 echo "Rates in MiB/s (2^20 bytes) or requests/s; peak RSS is the largest of the runs (wait4 ru_maxrss)."
 printf '%-21s %14s   %-36s  %6s  %-13s  %-19s  %9s\n' case library reference lib/ref target "library peak RSS" \
     "ref RSS"

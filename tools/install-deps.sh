@@ -7,6 +7,7 @@ packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin jq
     libboost1.81-dev libsqlite3-dev libssl-dev zlib1g-dev)
 case "${1:-}" in
 --bench) packages+=(nginx-light curl) ;;
+--qt6) packages+=(qt6-base-dev) ;;
 --fuzz) packages+=(clang libclang-rt-14-dev) ;;
 --memcheck) packages+=(valgrind) ;;
 --coverage) packages+=(gcovr) ;;

@@ -159,8 +159,9 @@ public:
     virtual long long post(const QString& url, QMap<QString, QString> params, NBCompletionCallback done);
     // The scheme probes' GET: a generic request whose body is read and dropped.
     long long probe(const QString& url, NBRequestBuilder::Redirects redirects, NBCompletionCallback done);
-    // Not served by any deployment.
+    // The model form of getSyncData is served by no deployment.
     virtual long long getSyncData(const NBServerApiGetSyncDataModel& model, NBCompletionCallback done);
+    // Approval policy, served by every deployment; fileExist by the private ones.
     virtual long long checkApproveIsOne(const QString& neids, int actionType, NBCompletionCallback done);
     virtual long long checkApproveFloder(const QString& nsid, const QString& path, NBCompletionCallback done);
     virtual long long isCreateSyndisc(

@@ -25,8 +25,10 @@
 /// the server closed the connection before the announced Content-Length arrived), 4
 /// ("TimeOut"), 5 (cancelled, or the second completion after a time-out), 6 (TLS
 /// verification or a pinned key failed), 299 (a body larger than 1023 MiB with no data
-/// callback to take it), 301 (no valid address could be made) or 302 (a header or cookie
-/// value held a line break; nothing was sent).
+/// callback to take it), 301 (no valid address could be made), 302 (a header or cookie
+/// value held a line break; nothing was sent) or 399 ("Data corrupted": a body sent with
+/// "Content-Encoding: gzip" or "deflate" was not of that coding). Such bodies arrive
+/// decoded, and the record's headers then hold no "Content-Length" (the coded one).
 struct ResponseData
 {
     /// The reply's body as UTF-8 text, its lines joined without their line breaks; empty

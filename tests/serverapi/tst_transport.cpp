@@ -211,6 +211,30 @@ private slots:
                   "User-Agent: Mozilla/5.0\n\na=1");
     }
 
+    // A followed redirect carries the request's cookies and, after them, those the
+    // redirecting reply set.
+    void aRedirectCarriesTheRequestsCookies()
+    {
+        TestServer server([](const RecordedRequest& request) {
+            if (request.path() == "/from")
+                return ServerReply::redirect("/to").header("Set-Cookie", "r=1; Path=/");
+            return ServerReply::ok("{}");
+        });
+        NBHttpClientManager::manager()->setVerifyCode("vc");
+        NBHttpClient client(server.url("/from"));
+        client.header("Cookie", "language=zh; X-NIMBRA-SESS-ID=s");
+        Calls calls;
+        client.request(calls.completion(), true);
+        QVERIFY(calls.waitForCompletions(1, 10000));
+        QCOMPARE(calls.last().networkError, 0);
+        QCOMPARE(server.requestCount(), 2);
+        QCOMPARE(
+            server.requests().at(0).header("Cookie"), QByteArray("S=vc; language=zh; X-NIMBRA-SESS-ID=s"));
+        QCOMPARE(server.requests().at(1).path(), QByteArray("/to"));
+        QCOMPARE(server.requests().at(1).header("Cookie"),
+            QByteArray("S=vc; language=zh; X-NIMBRA-SESS-ID=s; r=1"));
+    }
+
     // Qt 6 would take HTTP/2 where the server offers it; the library speaks HTTP/1.1.
     void tlsNeverTurnsIntoHttp2()
     {

@@ -24,6 +24,13 @@
 ///     ServerApi::setSessionID(session);
 ///     long long id = ServerApi::MetaData(folder, [](const ResponseData& r) { ... });
 ///
+/// \section mainpage_linking Linking, on Qt 5 or Qt 6
+/// The library builds on Qt 5.15 or Qt 6, with the same requests and records on both. A
+/// Qt 5 build installs the package NBServerApi (CMake: `find_package(NBServerApi)` and the
+/// target `NBServerApi::NBServerApi`; pkg-config: `NBServerApi`), a Qt 6 build the package
+/// NBServerApiQt6 (`NBServerApiQt6::NBServerApi`; pkg-config: `NBServerApiQt6`), so that
+/// both install into one prefix. Hosts compile as C++17.
+///
 /// \section mainpage_requests Requests, identifiers and callbacks
 /// Every operation is asynchronous: it returns the request's identifier at once (the
 /// value Cancel accepts) and answers later through its callbacks, on the calling

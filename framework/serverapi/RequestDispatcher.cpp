@@ -291,8 +291,8 @@ void RequestDispatcher::transmit(const Outgoing& outgoing, Callbacks callbacks)
 }
 
 // Qt 6 announces every coding it decodes (zstd and br as well), and moves the cookies and
-// its connection headers after the body's length. There the request carries
-// them as Qt 5 sends them, and the replies are decoded here.
+// its connection headers after the body's length. There the request carries them as Qt 5
+// sends them, and the replies are decoded here.
 void RequestDispatcher::setTransportHeaders(QNetworkRequest& request, QNetworkAccessManager* manager)
 {
     if (!NBQtCompat::announcesEveryCoding)
@@ -503,6 +503,9 @@ void RequestDispatcher::handleResopnse(NBDataCallback dataCallback, NBUploadProg
         if (!dataCallback || m_completed)
             return;
         const QByteArray piece = readBody(reply);
+        // A piece that could not be decoded ended the request.
+        if (m_completed)
+            return;
         keepReceived(piece);
         call(dataCallback, piece);
     });

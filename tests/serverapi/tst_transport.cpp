@@ -161,6 +161,8 @@ private slots:
             QCOMPARE(calls->last().errorString, QString("Data corrupted"));
             QCOMPARE(calls->last().body, QString());
         }
+        // Nothing of the damaged body reached the data callback, before or after the end.
+        QVERIFY(pieceCalls.pieces.isEmpty());
     }
 
     // A host's own "Accept-Encoding" goes out in its place, and the body as it came.

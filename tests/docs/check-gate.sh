@@ -36,6 +36,7 @@ gate() {
 
 copy_headers() {
     mkdir -p "$work/$1"
+    local header
     for header in $installed; do
         cp "$headers/$header" "$work/$1/"
     done
@@ -50,36 +51,33 @@ else
     fail "the public headers as they are do not pass"
 fi
 
+# expect_failure CASE HEADER SYMBOL WHAT SED: a copy of the headers whose HEADER the sed
+# script SED gives the undocumented SYMBOL must fail the gate, and for that symbol.
+expect_failure() {
+    local name=$1 target=$2 symbol=$3 what=$4 script=$5
+    copy_headers "$name"
+    sed -i "$script" "$work/$name/$target"
+    if ! grep -q "$symbol" "$work/$name/$target"; then
+        fail "could not add $what to $target"
+    elif gate "$name"; then
+        fail "$what passed"
+    elif ! grep -q "$symbol.*not documented" "$work/$name.log"; then
+        cat "$work/$name.log" >&2
+        fail "the gate failed, but not for $what"
+    else
+        echo "ok: $what fails"
+    fi
+}
+
 # 2. An undocumented public function of ServerApi fails. It goes after the deleted
 # constructor, the class's last line: just before it, the constructor's comment would
 # document the function instead.
-copy_headers function
-sed -i 's/^\( *\)ServerApi() = delete;.*$/&\n\1static void undocumentedForTheCheck();/' "$work/function/INBSeverApi.h"
-if ! grep -q 'undocumentedForTheCheck' "$work/function/INBSeverApi.h"; then
-    fail "could not add the undocumented function (no 'ServerApi() = delete;' in INBSeverApi.h)"
-elif gate function; then
-    fail "an undocumented function of ServerApi passed"
-elif ! grep -q 'undocumentedForTheCheck.*not documented' "$work/function.log"; then
-    cat "$work/function.log" >&2
-    fail "the gate failed, but not for the undocumented function"
-else
-    echo "ok: an undocumented function of ServerApi fails"
-fi
+expect_failure function INBSeverApi.h undocumentedForTheCheck "an undocumented function of ServerApi" \
+    's/^\( *\)ServerApi() = delete;.*$/&\n\1static void undocumentedForTheCheck();/'
 
 # 3. An undocumented field of a request model fails.
-copy_headers field
-sed -i '/^struct NBServerApiEntryModel$/,/^};/s/^};/    QString undocumentedFieldForTheCheck;\n};/' \
-    "$work/field/NBServerApiModels.h"
-if ! grep -q 'undocumentedFieldForTheCheck' "$work/field/NBServerApiModels.h"; then
-    fail "could not add the undocumented field (no struct NBServerApiEntryModel in NBServerApiModels.h)"
-elif gate field; then
-    fail "an undocumented field of a request model passed"
-elif ! grep -q 'undocumentedFieldForTheCheck.*not documented' "$work/field.log"; then
-    cat "$work/field.log" >&2
-    fail "the gate failed, but not for the undocumented field"
-else
-    echo "ok: an undocumented field of a request model fails"
-fi
+expect_failure field NBServerApiModels.h undocumentedFieldForTheCheck "an undocumented field of a request model" \
+    '/^struct NBServerApiEntryModel$/,/^};/s/^};/    QString undocumentedFieldForTheCheck;\n};/'
 
 if [ "$failures" -ne 0 ]; then
     echo "docs gate: $failures check(s) failed" >&2

@@ -44,6 +44,13 @@ QByteArray jsonText(int size)
     return text + "{}]}";
 }
 
+// Downloads to a data callback and waits for the completion.
+bool downloadPieces(NBHttpClient& client, Calls& calls, int timeoutMs = 10000)
+{
+    client.download(calls.data(), calls.downloadProgress(), calls.completion());
+    return calls.waitForCompletions(1, timeoutMs);
+}
+
 QByteArray joined(const QList<QByteArray>& pieces)
 {
     QByteArray all;
@@ -103,8 +110,7 @@ private slots:
 
         NBHttpClient pieces(server.url("/pieces"));
         Calls pieceCalls;
-        pieces.download(pieceCalls.data(), pieceCalls.downloadProgress(), pieceCalls.completion());
-        QVERIFY(pieceCalls.waitForCompletions(1, 30000));
+        QVERIFY(downloadPieces(pieces, pieceCalls, 30000));
         QCOMPARE(pieceCalls.last().networkError, 0);
         QCOMPARE(joined(pieceCalls.pieces), text);
 
@@ -134,8 +140,7 @@ private slots:
         });
         NBHttpClient client(server.url("/br"));
         Calls calls;
-        client.download(calls.data(), calls.downloadProgress(), calls.completion());
-        QVERIFY(calls.waitForCompletions(1, 10000));
+        QVERIFY(downloadPieces(client, calls));
         QCOMPARE(calls.last().networkError, 0);
         QCOMPARE(joined(calls.pieces), body);
         QCOMPARE(calls.last().headers.value("Content-Length"), QByteArray::number(body.size()));
@@ -175,8 +180,7 @@ private slots:
         NBHttpClient client(server.url("/own"));
         client.header("Accept-Encoding", "gzip");
         Calls calls;
-        client.download(calls.data(), calls.downloadProgress(), calls.completion());
-        QVERIFY(calls.waitForCompletions(1, 10000));
+        QVERIFY(downloadPieces(client, calls));
         QCOMPARE(joined(calls.pieces), coded);
         QCOMPARE(server.lastRequest().wireText().replace(QByteArray::number(server.port()), "{port}"),
             QByteArray("GET /own\nHost: 127.0.0.1:{port}\nAccept-Encoding: gzip\nAccept: */*\n"

@@ -190,6 +190,7 @@ bool Cli::speaksPlainHttp(const QUrl& server)
 int Cli::runCommand(const QStringList& arguments)
 {
     const QList<Command> all = commands();
+    this->arguments = arguments;
     // QCommandLineParser has no subcommands: find the verb first, then parse again with its options.
     QCommandLineParser first;
     first.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);

@@ -53,6 +53,8 @@ public:
     // This run's TLS choices: its options, else NB_CACERT, else what the login kept.
     QString caFile;
     bool insecure = false;
+    // The command line as given: where the order of different options matters.
+    QStringList arguments;
 
     static QList<OptionSpec> globalOptions();
     static QList<Command> commands();
@@ -84,6 +86,10 @@ private:
     // session only for the server and type it was made for. Applies the global options.
     void configure(const QCommandLineParser& parser);
 };
+
+// How files are transferred: the options of put, get, share and sync, and their values.
+QList<OptionSpec> transferOptions();
+struct TransferSettings transferSettings(const QCommandLineParser& parser);
 
 QList<Command> accountCommands();
 QList<Command> namespaceCommands();

@@ -2,21 +2,27 @@
 
 #include "ChunkHasher.h"
 #include "Progress.h"
+#include "RateLimit.h"
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QScopeGuard>
+#include <QTimer>
 #include <cstdio>
+#include <deque>
 #include <fcntl.h>
+#include <memory>
 #include <optional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-// A range request asks for at most this much: a data download keeps its body for the
-// record, so memory stays bounded however large the file.
-constexpr qint64 RangeSpan = 64 << 20;
+// A range request asks for at most this much, and each range in flight is held until
+// whole: memory stays within `jobs` ranges however large the file.
+constexpr qint64 RangeSpan = 4 << 20;
 
 } // namespace
 
@@ -26,10 +32,18 @@ QJsonObject Downloader::Result::json() const
         { "resumed_from", resumedFrom }, { "hash", hash }, { "ms", ms } };
 }
 
-Downloader::Downloader(RemoteTree& endpoint, Progress& progress)
+Downloader::Downloader(RemoteTree& endpoint, Progress& progress, int jobs, RateLimit& limit)
     : m_tree(endpoint)
     , m_progress(progress)
+    , m_jobs(qMax(1, jobs))
+    , m_limit(limit)
 {
+}
+
+void Downloader::advance(qint64 bytes)
+{
+    m_progress.setDone(bytes);
+    m_tree.runner().touch();
 }
 
 QString Downloader::partPath(const QString& localPath, const QString& rev)
@@ -93,18 +107,26 @@ Downloader::Result Downloader::get(
         result.resumedFrom = 0;
     }
     m_progress.beginFile(QFileInfo(localPath).fileName(), entry.bytes);
-    // The part is hashed as it grows; what a failed range took back makes it read again.
-    QFile created(part);
-    if (!created.exists() && !created.open(QIODevice::WriteOnly))
-        throw Failure { Exit::Local, QStringLiteral("cannot write %1: %2").arg(part, created.errorString()) };
-    created.close();
+    // The part is hashed as it grows, on a worker.
+    QFile file(part);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Append))
+        throw Failure { Exit::Local, QStringLiteral("cannot write %1: %2").arg(part, file.errorString()) };
     Hashing hashing(m_tree.runner(), part);
     hashing.hasher.follow(entry.bytes);
     hashing.hasher.start();
-    m_rewound = false;
-    if (result.resumedFrom == 0 && entry.bytes > 0)
-        fetchWhole(remotePath, part);
-    fetchRest(remotePath, part, entry.bytes);
+    if (result.resumedFrom == 0 && entry.bytes > 0 && entry.bytes <= RangeSpan && !m_limit.limited()) {
+        file.close();
+        fetchWhole(remotePath, entry, part);
+        file.open(QIODevice::WriteOnly | QIODevice::Append);
+    }
+    // What is missing, from the end of what is there: a body cut short, or an earlier run's part.
+    if (file.size() < entry.bytes)
+        fetchRanges(remotePath, entry, file.size(), [&](const QByteArray& range) {
+            if (file.write(range) != range.size() || !file.flush())
+                throw Failure { Exit::Local,
+                    QStringLiteral("cannot write %1: %2").arg(part, file.errorString()) };
+        });
+    file.close();
 
     const qint64 size = QFileInfo(part).size();
     if (size != entry.bytes)
@@ -112,8 +134,8 @@ Downloader::Result Downloader::get(
             QStringLiteral("%1 arrived with %2 of its %3 bytes: run get again to continue")
                 .arg(m_tree.describe(remotePath), QString::number(size), QString::number(entry.bytes)),
             QStringLiteral("damaged"));
-    result.hash = m_rewound ? hashOf(part) : hashing.result();
-    if (!entry.hash.isEmpty() && entry.hash != result.hash && !m_rewound)
+    result.hash = hashing.result();
+    if (!entry.hash.isEmpty() && entry.hash != result.hash)
         result.hash = hashOf(part); // read whole once more before calling it damaged
     if (!entry.hash.isEmpty() && entry.hash != result.hash) {
         QFile::remove(part);
@@ -121,6 +143,11 @@ Downloader::Result Downloader::get(
             QStringLiteral("%1 arrived damaged (hash %2, the server's %3): run get again")
                 .arg(m_tree.describe(remotePath), result.hash, entry.hash),
             QStringLiteral("damaged"));
+    }
+    // The server's modification time, as copies that keep times have it.
+    if (entry.modified > 0) {
+        const timespec times[2] = { { 0, UTIME_OMIT }, { time_t(entry.modified), 0 } };
+        ::utimensat(AT_FDCWD, QFile::encodeName(part).constData(), times, 0);
     }
     // rename(2) replaces the target in one step: it is the old file or the whole new one.
     if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(localPath).constData()) != 0)
@@ -131,73 +158,137 @@ Downloader::Result Downloader::get(
     return result;
 }
 
-void Downloader::fetchWhole(const QString& remotePath, const QString& part)
+void Downloader::fetchWhole(const QString& remotePath, const RemoteEntry& entry, const QString& part)
 {
     const QString what = QStringLiteral("download %1").arg(m_tree.describe(remotePath));
     RequestRunner& remote = m_tree.runner();
     Reply reply;
     bool finished = false;
-    // Not retried: a new attempt would start from the first byte again, while the range
-    // requests of fetchRest continue from the last one that arrived.
+    // Not retried: a new attempt would start from the first byte again, while ranges
+    // continue from the last one that arrived.
     remote.start(
         what,
-        m_tree.downloadWhole(remotePath, part,
-            [this](const DownloadProgressData& progress) { m_progress.setDone(progress.bytesReceived); }),
+        m_tree.downloadWhole(remotePath, entry.rev, part,
+            [this](const DownloadProgressData& progress) { advance(progress.bytesReceived); }),
         [&](const Reply& last) {
             reply = last;
             finished = true;
         },
         false);
     remote.waitFor([&] { return finished; });
-    if (reply.data.statusCode >= 300) // the part holds the error body, not content
-        QFile::remove(part);
+    if (reply.data.statusCode >= 300 || !reply.served) // the part holds the error body, not content
+        QFile::resize(part, 0);
     if (!reply.served || reply.data.statusCode >= 300 || RequestRunner::isLocalFileError(reply.data))
         throw RequestRunner::failureOf(what, reply);
 }
 
-void Downloader::fetchRest(const QString& remotePath, const QString& part, qint64 total)
+void Downloader::fetchRanges(
+    const QString& remotePath, const RemoteEntry& entry, qint64 from, const Sink& sink)
 {
-    QFile file(part);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Append))
-        throw Failure { Exit::Local, QStringLiteral("cannot write %1: %2").arg(part, file.errorString()) };
+    struct Range
+    {
+        qint64 begin = 0;
+        qint64 length = 0;
+        QByteArray data;
+        bool whole = false;
+    };
     RequestRunner& remote = m_tree.runner();
     const QString what = QStringLiteral("download %1").arg(m_tree.describe(remotePath));
-    // Each attempt asks for what the part lacks at that moment, so a retry after a
-    // broken connection continues where the bytes stopped; what an attempt wrote is
-    // taken back when it was not the range (an error body, or the whole file).
-    while (file.size() < total) {
-        std::optional<Failure> writeError;
-        qint64 begin = 0;
-        const RequestRunner::Start ranged = [&](NBCompletionCallback done) {
-            begin = file.size();
-            const qint64 end = qMin(begin + RangeSpan, total) - 1;
-            const RequestRunner::Start request
-                = m_tree.downloadRange(remotePath, QStringLiteral("bytes=%1-%2").arg(begin).arg(end),
-                    [&](const QByteArray& piece) {
-                        if (!writeError && file.write(piece) != piece.size())
-                            writeError = Failure { Exit::Local,
-                                QStringLiteral("cannot write %1: %2").arg(part, file.errorString()) };
-                        m_progress.setDone(file.size());
+    const qint64 total = entry.bytes;
+    const qint64 span = m_limit.span(RangeSpan);
+    std::deque<std::shared_ptr<Range>> window; // from the first range not yet given to the sink
+    qint64 next = from; // the first byte no range asks for yet
+    qint64 written = from;
+    int inFlight = 0;
+    std::optional<Failure> failure;
+    // A range waiting for the rate limit starts later, unless the wait has ended by then.
+    const auto alive = std::make_shared<bool>(true);
+    const auto ending = qScopeGuard([alive] { *alive = false; });
+
+    const auto shown = [&] {
+        qint64 bytes = written;
+        for (const auto& range : window)
+            bytes += range->data.size();
+        advance(bytes);
+    };
+    const auto flush = [&] {
+        while (!failure && !window.empty() && window.front()->whole) {
+            try {
+                sink(window.front()->data);
+            } catch (const Failure& problem) {
+                failure = problem;
+                return;
+            }
+            written += window.front()->length;
+            window.pop_front();
+        }
+    };
+    std::function<void()> launch;
+    const auto request = [&](const std::shared_ptr<Range>& range) {
+        const QString bytes
+            = QStringLiteral("bytes=%1-%2")
+                  .arg(QString::number(range->begin), QString::number(range->begin + range->length - 1));
+        remote.start(
+            what,
+            [&, range, bytes](NBCompletionCallback done) {
+                range->data.clear();
+                return m_tree.downloadRange(remotePath, entry.rev, bytes,
+                    [&, range](const QByteArray& piece) {
+                        // A server that ignores the range sends more: kept only to tell.
+                        if (range->data.size() <= range->length)
+                            range->data += piece.left(int(range->length + 1 - range->data.size()));
+                        shown();
                     },
-                    {});
-            return request([this, &file, begin, done](const ResponseData& data) {
-                if (data.statusCode != 206 && file.size() > begin) {
-                    file.resize(begin);
-                    m_rewound = true;
+                    {})(std::move(done));
+            },
+            [&, range](const Reply& reply) {
+                --inFlight;
+                if (!reply.ok()) {
+                    if (!failure)
+                        failure = RequestRunner::failureOf(what, reply);
+                } else if (reply.data.statusCode != 206) {
+                    if (!failure)
+                        failure = Failure(Exit::Refused,
+                            QStringLiteral("%1: the server ignored the range request").arg(what));
+                } else if (range->data.size() != range->length) {
+                    if (!failure)
+                        failure = Failure(Exit::Network,
+                            QStringLiteral("%1: the server did not send the range asked for").arg(what),
+                            QStringLiteral("damaged"));
+                } else {
+                    range->whole = true;
+                    flush();
                 }
-                done(data);
+                launch();
             });
-        };
-        const Reply reply = remote.fetch(what, ranged);
-        file.flush();
-        if (writeError)
-            throw *writeError;
-        if (reply.data.statusCode == 200)
-            throw Failure { Exit::Refused,
-                QStringLiteral("%1: the server ignored the range request").arg(what) };
-        if (!reply.ok())
-            throw RequestRunner::failureOf(what, reply);
-    }
+    };
+    launch = [&] {
+        while (!failure && next < total && int(window.size()) < m_jobs) {
+            auto range = std::make_shared<Range>();
+            range->begin = next;
+            range->length = qMin(span, total - next);
+            next += range->length;
+            window.push_back(range);
+            ++inFlight;
+            const int wait = m_limit.reserve(range->length);
+            if (wait <= 0) {
+                request(range);
+                continue;
+            }
+            QTimer::singleShot(wait, &remote, [&, alive, range] {
+                if (!*alive)
+                    return;
+                if (!failure)
+                    return request(range);
+                --inFlight;
+                remote.wake();
+            });
+        }
+    };
+    launch();
+    remote.waitFor([&] { return inFlight == 0 && (failure || written >= total); });
+    if (failure)
+        throw *failure;
 }
 
 Downloader::Hashing::Hashing(RequestRunner& runner, const QString& path)
@@ -224,34 +315,12 @@ QString Downloader::Hashing::result()
 void Downloader::stream(
     const QString& remotePath, const RemoteEntry& entry, int fd, const QString& shown, Result& result)
 {
-    const QString what = QStringLiteral("download %1").arg(m_tree.describe(remotePath));
     m_progress.beginFile(shown, entry.bytes);
     StreamHash hash;
-    qint64 written = 0;
-    // Range after range, each held until it has come whole: what reaches the target
-    // cannot be taken back.
-    while (written < entry.bytes) {
-        const qint64 end = qMin(written + ChunkHasher::DefaultChunkSize, entry.bytes) - 1;
-        QByteArray piece;
-        const RequestRunner::Start ranged = [&](NBCompletionCallback done) {
-            piece.clear();
-            return m_tree.downloadRange(remotePath,
-                QStringLiteral("bytes=%1-%2").arg(QString::number(written), QString::number(end)),
-                [&](const QByteArray& data) {
-                    piece += data;
-                    m_progress.setDone(written + piece.size());
-                },
-                {})(std::move(done));
-        };
-        const Reply reply = m_tree.runner().fetch(what, ranged);
-        if (!reply.ok())
-            throw RequestRunner::failureOf(what, reply);
-        if (reply.data.statusCode != 206 || piece.size() != end - written + 1)
-            throw Failure(Exit::Network,
-                QStringLiteral("%1: the server did not send the range asked for").arg(what),
-                QStringLiteral("damaged"));
-        for (qint64 at = 0; at < piece.size();) {
-            const ssize_t n = ::write(fd, piece.constData() + at, size_t(piece.size() - at));
+    // What reaches the target cannot be taken back: only whole ranges, in order.
+    fetchRanges(remotePath, entry, 0, [&](const QByteArray& range) {
+        for (qint64 at = 0; at < range.size();) {
+            const ssize_t n = ::write(fd, range.constData() + at, size_t(range.size() - at));
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
@@ -259,9 +328,8 @@ void Downloader::stream(
                     Exit::Local, QStringLiteral("cannot write %1: %2").arg(shown, qt_error_string(errno)));
             at += n;
         }
-        hash.add(piece.constData(), piece.size());
-        written += piece.size();
-    }
+        hash.add(range.constData(), range.size());
+    });
     result.hash = hash.result();
     if (!entry.hash.isEmpty() && entry.hash != result.hash)
         throw Failure(Exit::Network,

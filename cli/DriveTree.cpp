@@ -1,5 +1,7 @@
 #include "DriveTree.h"
 
+#include <QDeadlineTimer>
+
 DriveTree::DriveTree(RequestRunner& runner, const QString& server, const QString& pathType)
     : RemoteTree(runner)
     , m_server(server)
@@ -84,10 +86,18 @@ RequestRunner::Start DriveTree::commit(
     };
 }
 
+RequestRunner::Start DriveTree::revisions(const QString& path)
+{
+    return [model = at<NBServerApiRevisionsModel>(path)](NBCompletionCallback done) {
+        return ServerApi::Revisions(model, std::move(done));
+    };
+}
+
 RequestRunner::Start DriveTree::downloadWhole(
-    const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress)
+    const QString& path, const QString& rev, const QString& localPath, NBDownloadProgressCallback onProgress)
 {
     auto model = at<NBServerApiDownloadFileModel>(path);
+    model.rev = rev;
     model.serverUrl = m_server;
     model.localPath = localPath;
     return [model, onProgress](NBCompletionCallback done) {
@@ -95,12 +105,72 @@ RequestRunner::Start DriveTree::downloadWhole(
     };
 }
 
-RequestRunner::Start DriveTree::downloadRange(
-    const QString& path, const QString& range, NBDataCallback onData, NBDownloadProgressCallback onProgress)
+RequestRunner::Start DriveTree::downloadRange(const QString& path, const QString& rev, const QString& range,
+    NBDataCallback onData, NBDownloadProgressCallback onProgress)
 {
     auto model = at<NBSeverApiDLRouterModel>(path);
+    model.rev = rev;
     model.range = range;
     return [model, onData, onProgress](NBCompletionCallback done) {
         return ServerApi::DownloadRouter(model, onData, std::move(done), onProgress);
     };
+}
+
+std::unique_ptr<RemoteTree> DriveTree::on(RequestRunner& runner) const
+{
+    return std::make_unique<DriveTree>(runner, m_server, m_pathType);
+}
+
+RequestRunner::Start DriveTree::move(const QString& from, const QString& to)
+{
+    NBServerApiMoveModel model;
+    model.from = at<NBServerApiEntryModel>(from);
+    model.to = at<NBServerApiEntryModel>(to);
+    return [model](NBCompletionCallback done) {
+        return ServerApi::Move(model, std::move(done));
+    };
+}
+
+RequestRunner::Start DriveTree::remove(const QStringList& paths)
+{
+    NBServerApiBatchDeleteModel model;
+    for (const QString& path : paths)
+        model.pathes.append(at<NBServerApiEntryModel>(path));
+    return [model](NBCompletionCallback done) {
+        return ServerApi::BatchDelete(model, std::move(done));
+    };
+}
+
+QJsonArray DriveTree::taskResults(const QString& what, const QJsonObject& started)
+{
+    const QString taskId = started.value("task_id").toString();
+    QJsonObject state = started;
+    const QDeadlineTimer deadline(10 * 60 * 1000);
+    for (int poll = 0;
+         state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
+        if (taskId.isEmpty() || deadline.hasExpired())
+            throw Failure(Exit::Network,
+                QStringLiteral("%1: the server's task did not finish; look again later").arg(what),
+                QStringLiteral("timeout"));
+        if (poll > 0)
+            m_runner.sleep(qMin(250 * poll, 2000));
+        state = m_runner
+                    .call(QStringLiteral("ask about task %1").arg(taskId),
+                        [taskId](NBCompletionCallback done) {
+                            return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done));
+                        })
+                    .json;
+    }
+    return state.value("results").toArray();
+}
+
+Failure DriveTree::entryFailure(const QString& what, const QJsonObject& result)
+{
+    const QString code = result.value("code").toString();
+    const QString message = result.value("message").toString(code);
+    return Failure(Exit::Refused,
+        QStringLiteral("%1 failed for %2: %3")
+            .arg(what, result.value("path").toString(),
+                message == code ? code : code + QStringLiteral(": ") + message),
+        code);
 }

@@ -3,6 +3,8 @@
 
 #include "RemoteTree.h"
 
+#include <QJsonArray>
+
 class DriveTree : public RemoteTree
 {
 public:
@@ -21,10 +23,20 @@ public:
         NBUploadProgressCallback onProgress) override;
     RequestRunner::Start commit(
         const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
-    RequestRunner::Start downloadWhole(
-        const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress) override;
-    RequestRunner::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,
+    RequestRunner::Start revisions(const QString& path) override;
+    RequestRunner::Start downloadWhole(const QString& path, const QString& rev, const QString& localPath,
         NBDownloadProgressCallback onProgress) override;
+    RequestRunner::Start downloadRange(const QString& path, const QString& rev, const QString& range,
+        NBDataCallback onData, NBDownloadProgressCallback onProgress) override;
+    std::unique_ptr<RemoteTree> on(RequestRunner& runner) const override;
+
+    RequestRunner::Start move(const QString& from, const QString& to);
+    // One server task that deletes the entries.
+    RequestRunner::Start remove(const QStringList& paths);
+    // The results of a server task of copies, moves or deletions, one per entry, once it ended.
+    QJsonArray taskResults(const QString& what, const QJsonObject& started);
+    // The failure of one entry of a task.
+    static Failure entryFailure(const QString& what, const QJsonObject& result);
 
     // An entry model of this space: path and path type set.
     template<typename Model> Model at(const QString& path) const

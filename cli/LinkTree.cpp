@@ -109,8 +109,16 @@ RequestRunner::Start LinkTree::commit(
     };
 }
 
+// A link serves its files' current revisions only: no request lists the others.
+RequestRunner::Start LinkTree::revisions(const QString&)
+{
+    return [](NBCompletionCallback) {
+        return 0LL;
+    };
+}
+
 RequestRunner::Start LinkTree::downloadWhole(
-    const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress)
+    const QString& path, const QString&, const QString& localPath, NBDownloadProgressCallback onProgress)
 {
     auto model = linked<NBServerApiDeliveryDownloadFileModel>(path);
     model.localPath = localPath;
@@ -119,12 +127,21 @@ RequestRunner::Start LinkTree::downloadWhole(
     };
 }
 
-RequestRunner::Start LinkTree::downloadRange(
-    const QString& path, const QString& range, NBDataCallback onData, NBDownloadProgressCallback onProgress)
+RequestRunner::Start LinkTree::downloadRange(const QString& path, const QString&, const QString& range,
+    NBDataCallback onData, NBDownloadProgressCallback onProgress)
 {
     auto model = linked<NBSeverApiDeliveryDLRouterModel>(path);
     model.range = range;
     return [model, onData, onProgress](NBCompletionCallback done) {
         return ServerApi::DeliveryDownloadRouter(model, onData, std::move(done), onProgress);
     };
+}
+
+std::unique_ptr<RemoteTree> LinkTree::on(RequestRunner& runner) const
+{
+    auto tree = std::make_unique<LinkTree>(runner, m_server, m_code, m_password);
+    tree->m_token = m_token;
+    tree->m_session = m_session;
+    tree->m_root = m_root;
+    return tree;
 }

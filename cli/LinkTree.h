@@ -27,10 +27,12 @@ public:
         NBUploadProgressCallback onProgress) override;
     RequestRunner::Start commit(
         const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes) override;
-    RequestRunner::Start downloadWhole(
-        const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress) override;
-    RequestRunner::Start downloadRange(const QString& path, const QString& range, NBDataCallback onData,
+    RequestRunner::Start revisions(const QString& path) override;
+    RequestRunner::Start downloadWhole(const QString& path, const QString& rev, const QString& localPath,
         NBDownloadProgressCallback onProgress) override;
+    RequestRunner::Start downloadRange(const QString& path, const QString& rev, const QString& range,
+        NBDataCallback onData, NBDownloadProgressCallback onProgress) override;
+    std::unique_ptr<RemoteTree> on(RequestRunner& runner) const override;
 
 private:
     // The path as the link's requests name it: the folder's name, then the path inside.

@@ -145,42 +145,6 @@ void mkdir(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
     }
 }
 
-// Waits for a server task of copies, moves or deletions: its results, one per entry.
-QJsonArray taskResults(Cli& cli, const QString& what, const QJsonObject& started)
-{
-    const QString taskId = started.value("task_id").toString();
-    QJsonObject state = started;
-    const QDeadlineTimer deadline(10 * 60 * 1000);
-    for (int poll = 0;
-         state.value("state").toString() == QLatin1String("running") || !state.contains("results"); ++poll) {
-        if (taskId.isEmpty() || deadline.hasExpired())
-            throw Failure(Exit::Network,
-                QStringLiteral("%1: the server's task did not finish; look again later").arg(what),
-                QStringLiteral("timeout"));
-        if (poll > 0)
-            cli.runner.sleep(qMin(250 * poll, 2000));
-        state = cli.runner
-                    .call(QStringLiteral("ask about task %1").arg(taskId),
-                        [taskId](NBCompletionCallback done) {
-                            return ServerApi::BatchTaskAsyncQuery(taskId, std::move(done));
-                        })
-                    .json;
-    }
-    return state.value("results").toArray();
-}
-
-// The failure of one entry of a task.
-Failure entryFailure(const QString& what, const QJsonObject& result)
-{
-    const QString code = result.value("code").toString();
-    const QString message = result.value("message").toString(code);
-    return Failure(Exit::Refused,
-        QStringLiteral("%1 failed for %2: %3")
-            .arg(what, result.value("path").toString(),
-                message == code ? code : code + QStringLiteral(": ") + message),
-        code);
-}
-
 // Each entry's outcome of a task.
 void reportTask(
     Cli& cli, const QString& verb, const QString& what, const QJsonArray& results, bool missingIsFine = false)
@@ -192,7 +156,7 @@ void reportTask(
         if (!result.value("ok").toBool()
             && !(
                 missingIsFine && result.value("code").toString() == QLatin1String("file/folder not found"))) {
-            cli.output.failed(item, entryFailure(what, result));
+            cli.output.failed(item, DriveTree::entryFailure(what, result));
             continue;
         }
         if (result.contains("to"))
@@ -242,7 +206,7 @@ QJsonArray batchInto(
                                                         : ServerApi::BatchMove(model, std::move(done));
                                         })
                                     .json;
-    return taskResults(cli, what, started);
+    return cli.drive().taskResults(what, started);
 }
 
 // mv and cp into a folder: one server task.
@@ -266,13 +230,7 @@ void intoFolder(Cli& cli, const QStringList& sources, const QString& target, boo
 
 QJsonObject moveEntry(Cli& cli, const QString& from, const QString& to)
 {
-    NBServerApiMoveModel model;
-    model.from = cli.drive().at<NBServerApiEntryModel>(from);
-    model.to = cli.drive().at<NBServerApiEntryModel>(to);
-    return cli.runner
-        .call(QStringLiteral("move %1 to %2").arg(from, to),
-            [model](NBCompletionCallback done) { return ServerApi::Move(model, std::move(done)); })
-        .json;
+    return cli.runner.call(QStringLiteral("move %1 to %2").arg(from, to), cli.drive().move(from, to)).json;
 }
 
 // mv and cp: into DEST when it ends in "/", is an existing folder, or there are several
@@ -318,15 +276,11 @@ void moveOrCopy(Cli& cli, const QCommandLineParser& parser, const QStringList& a
         const QString what = QStringLiteral("copy %1 to %2").arg(source, target);
         const QJsonArray staged = batchInto(cli, { source }, staging, true, what);
         const auto removeStaging = [&] {
-            NBServerApiBatchDeleteModel cleanup;
-            cleanup.pathes = entries(cli, { staging });
-            cli.runner.fetch(QStringLiteral("remove %1").arg(staging), [cleanup](NBCompletionCallback done) {
-                return ServerApi::BatchDelete(cleanup, std::move(done));
-            });
+            cli.runner.fetch(QStringLiteral("remove %1").arg(staging), cli.drive().remove({ staging }));
         };
         if (!staged.first().toObject().value("ok").toBool()) {
             removeStaging();
-            throw entryFailure(what, staged.first().toObject());
+            throw DriveTree::entryFailure(what, staged.first().toObject());
         }
         try {
             moveEntry(cli, RemotePath::join(staging, RemotePath::name(source)), target);
@@ -383,16 +337,9 @@ void rm(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
                 QStringLiteral("would delete ") + path);
         return;
     }
-    NBServerApiBatchDeleteModel model;
-    model.pathes = entries(cli, paths);
     const QString what = QStringLiteral("delete %1").arg(paths.join(QLatin1String(", ")));
-    const QJsonObject started = cli.runner
-                                    .call(what,
-                                        [model](NBCompletionCallback done) {
-                                            return ServerApi::BatchDelete(model, std::move(done));
-                                        })
-                                    .json;
-    reportTask(cli, QStringLiteral("deleted"), what, taskResults(cli, what, started), force);
+    const QJsonObject started = cli.runner.call(what, cli.drive().remove(paths)).json;
+    reportTask(cli, QStringLiteral("deleted"), what, cli.drive().taskResults(what, started), force);
 }
 
 void revisions(Cli& cli, const QCommandLineParser& parser, const QStringList& args)

@@ -84,6 +84,10 @@ void OptionSpec::check(const QString& text, const QString& source) const
         if (!Options::durationMs(text))
             refuse(QStringLiteral("a number of seconds above 0 (decimals allowed)"));
         return;
+    case Rate:
+        if (!Options::rate(text))
+            refuse(QStringLiteral("bytes per second, such as 500K, 2.5M or 1G (0: no limit)"));
+        return;
     case Choice:
         if (!choices.contains(text.toLower()))
             refuse(QStringLiteral("one of %1").arg(choices.join(QStringLiteral(", "))));
@@ -112,6 +116,20 @@ std::optional<int> durationMs(const QString& text)
     if (!(seconds > 0) || seconds > 7 * 24 * 3600)
         return std::nullopt;
     return int(std::ceil(seconds * 1000));
+}
+
+std::optional<qint64> rate(const QString& text)
+{
+    static const QRegularExpression spelled(QStringLiteral("^(\\d+(?:\\.\\d+)?)([KMGkmg]?)$"));
+    const QRegularExpressionMatch match = spelled.match(text);
+    if (!match.hasMatch())
+        return std::nullopt;
+    const QString unit = match.captured(2).toUpper();
+    const int power = unit.isEmpty() ? 0 : QStringLiteral("KMG").indexOf(unit) + 1;
+    const double bytes = match.captured(1).toDouble() * std::pow(1024.0, power);
+    if (bytes >= 1e15)
+        return std::nullopt;
+    return qint64(bytes);
 }
 
 std::optional<int> count(const QString& text, int least, int most)

@@ -20,6 +20,7 @@ struct OptionSpec
         CountFromZero, // a whole number from 0
         Duration, // seconds, a decimal number above 0
         Choice, // one of `choices`
+        Rate, // bytes per second: a number with K, M or G (1024-based), 0 for none
     };
 
     QStringList names; // the first long name is the one the program reads
@@ -55,6 +56,8 @@ namespace Options {
 void validate(const QCommandLineParser& parser, const QList<OptionSpec>& specs);
 // A decimal number of seconds above 0, as a duration in milliseconds; none otherwise.
 std::optional<int> durationMs(const QString& text);
+// Bytes per second written as "500K", "2.5M", "1G" or a number of bytes; none otherwise.
+std::optional<qint64> rate(const QString& text);
 // A whole number from `least` (up to `most`, when above 0); none otherwise.
 std::optional<int> count(const QString& text, int least, int most = 0);
 

@@ -1,41 +1,56 @@
 #include "Progress.h"
 
 #include "Console.h"
-#include "RequestRunner.h"
 
-Progress::Progress(Console& console, RequestRunner& runner, qint64 totalBytes, int totalFiles)
+#include <QThread>
+
+Progress::Progress(Console& console, qint64 totalBytes, int totalFiles)
     : m_console(console)
-    , m_runner(runner)
     , m_totalBytes(totalBytes)
     , m_totalFiles(totalFiles)
+    , m_owner(QThread::currentThreadId())
 {
     m_clock.start();
 }
 
 void Progress::beginFile(const QString& name, qint64 bytes)
 {
-    ++m_file;
-    m_name = name;
-    m_fileBytes = bytes;
-    m_fileDone = 0;
-    m_fileMoved = 0;
+    {
+        QMutexLocker lock(&m_mutex);
+        ++m_begun;
+        m_current.insert(QThread::currentThreadId(), File { name, bytes, 0, 0 });
+    }
     show(false);
 }
 
 void Progress::setDone(qint64 bytes, qint64 moved)
 {
-    m_fileDone = qBound<qint64>(0, bytes, m_fileBytes);
-    m_fileMoved = moved < 0 ? m_fileDone : qBound<qint64>(0, moved, m_fileBytes);
-    m_runner.touch();
+    {
+        QMutexLocker lock(&m_mutex);
+        File& file = m_current[QThread::currentThreadId()];
+        file.done = qBound<qint64>(0, bytes, file.bytes);
+        file.moved = moved < 0 ? file.done : qBound<qint64>(0, moved, file.bytes);
+    }
     show(false);
 }
 
 void Progress::endFile()
 {
-    m_fileDone = m_fileBytes;
+    {
+        QMutexLocker lock(&m_mutex);
+        File& file = m_current[QThread::currentThreadId()];
+        file.done = file.bytes;
+    }
     show(true);
-    m_earlierDone += m_fileBytes;
-    m_earlierMoved += m_fileMoved;
+    QMutexLocker lock(&m_mutex);
+    const File file = m_current.take(QThread::currentThreadId());
+    m_earlierDone += file.bytes;
+    m_earlierMoved += file.moved;
+}
+
+void Progress::tick()
+{
+    show(false);
 }
 
 void Progress::finish()
@@ -63,6 +78,8 @@ QString Progress::rate(qint64 count, qint64 ms)
 
 void Progress::show(bool force)
 {
+    if (QThread::currentThreadId() != m_owner)
+        return;
     const qint64 now = m_clock.elapsed();
     // A terminal gets ten redraws a second; a pipe a line every five seconds, and none
     // for transfers shorter than that (with --progress a line a second from the start).
@@ -73,22 +90,34 @@ void Progress::show(bool force)
     if (!(due || (force && terminal)))
         return;
     m_lastShown = now;
-    const qint64 done = m_earlierDone + m_fileDone;
-    const qint64 moved = m_earlierMoved + m_fileMoved;
+    QMutexLocker lock(&m_mutex);
+    qint64 done = m_earlierDone;
+    qint64 moved = m_earlierMoved;
+    for (const File& file : qAsConst(m_current)) {
+        done += file.done;
+        moved += file.moved;
+    }
     QString left = QStringLiteral("--:--");
     if (done > 0 && now > 0) {
-        const qint64 seconds = (m_totalBytes - done) * now / done / 1000;
+        const qint64 seconds = qMax<qint64>(0, m_totalBytes - done) * now / done / 1000;
         left = QString::number(seconds / 60) + QLatin1Char(':')
             + QStringLiteral("%1").arg(seconds % 60, 2, 10, QLatin1Char('0'));
     }
-    const int percent = m_fileBytes > 0 ? int(m_fileDone * 100 / m_fileBytes) : 100;
-    // The name is joined, not substituted: no text in it is read as a placeholder.
-    QString text = m_name + QLatin1Char(' ') + bytes(m_fileDone) + QLatin1Char('/') + bytes(m_fileBytes)
-        + QLatin1Char(' ') + QString::number(percent) + QStringLiteral("% | ");
+    QString text;
+    if (m_current.size() == 1) {
+        const File& file = *m_current.cbegin();
+        const int percent = file.bytes > 0 ? int(file.done * 100 / file.bytes) : 100;
+        // The name is joined, not substituted: no text in it is read as a placeholder.
+        text = file.name + QLatin1Char(' ') + bytes(file.done) + QLatin1Char('/') + bytes(file.bytes)
+            + QLatin1Char(' ') + QString::number(percent) + QStringLiteral("% | ");
+    } else if (m_current.size() > 1) {
+        text = QStringLiteral("%1 files in flight | ").arg(QString::number(m_current.size()));
+    }
     if (m_totalFiles > 1)
         text += QStringLiteral("file %1 of %2, %3/%4 | ")
-                    .arg(QString::number(m_file), QString::number(m_totalFiles), bytes(done),
+                    .arg(QString::number(m_begun), QString::number(m_totalFiles), bytes(done),
                         bytes(m_totalBytes));
     text += QStringLiteral("%1 sent, %2, %3 left").arg(bytes(moved), rate(moved, now), left);
+    lock.unlock();
     m_console.progress(text);
 }

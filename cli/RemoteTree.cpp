@@ -46,6 +46,28 @@ RemoteEntry RemoteTree::entry(const QString& path)
     return checked(what, m_runner.call(what, stat(path)).json);
 }
 
+RemoteEntry RemoteTree::revision(const QString& path, const QString& rev)
+{
+    RemoteEntry file = entry(path);
+    if (file.dir)
+        throw Failure(
+            Exit::Usage, QStringLiteral("%1 is a folder: revisions are kept for files").arg(describe(path)));
+    const QString what = QStringLiteral("list the revisions of %1").arg(describe(path));
+    for (const QJsonValue& value : m_runner.call(what, revisions(path)).json.value("revisions").toArray()) {
+        const QJsonObject revision = value.toObject();
+        if (revision.value("rev").toVariant().toString() != rev)
+            continue;
+        file.rev = rev;
+        file.bytes = qint64(revision.value("bytes").toDouble());
+        file.hash = revision.value("hash").toString();
+        file.modified = qint64(revision.value("modified").toDouble());
+        return file;
+    }
+    throw Failure(Exit::Refused,
+        QStringLiteral("%1 has no revision %2 (nbcli revisions %1 lists them)").arg(describe(path), rev),
+        QStringLiteral("file/folder not found"));
+}
+
 RemoteEntry RemoteTree::checked(const QString& what, const QJsonObject& object, bool named)
 {
     // An entry says what it is; and a name that would lead out of a folder is no name.

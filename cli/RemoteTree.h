@@ -9,6 +9,7 @@
 #include <QList>
 #include <QString>
 #include <QStringList>
+#include <memory>
 #include <optional>
 
 struct RemoteEntry
@@ -66,15 +67,22 @@ public:
     virtual RequestRunner::Start commit(
         const Upload& upload, const QString& path, qint64 bytes, const QStringList& hashes)
         = 0;
-    virtual RequestRunner::Start downloadWhole(
-        const QString& path, const QString& localPath, NBDownloadProgressCallback onProgress)
+    virtual RequestRunner::Start revisions(const QString& path) = 0;
+    // Downloads of the revision `rev` (empty: the current one).
+    virtual RequestRunner::Start downloadWhole(const QString& path, const QString& rev,
+        const QString& localPath, NBDownloadProgressCallback onProgress)
         = 0;
-    virtual RequestRunner::Start downloadRange(const QString& path, const QString& range,
+    virtual RequestRunner::Start downloadRange(const QString& path, const QString& rev, const QString& range,
         NBDataCallback onData, NBDownloadProgressCallback onProgress)
         = 0;
 
+    // The same tree, its requests run by `runner` (of another thread).
+    virtual std::unique_ptr<RemoteTree> on(RequestRunner& runner) const = 0;
+
     // Waited for; a refusal throws its Failure.
     RemoteEntry entry(const QString& path);
+    // The file at `path` as it was in revision `rev`: its size, hash and time.
+    RemoteEntry revision(const QString& path, const QString& rev);
     // The entry, or none when there is nothing at `path` (any other refusal throws).
     std::optional<RemoteEntry> find(const QString& path);
     // Every entry of a folder, page after page.

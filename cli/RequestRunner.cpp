@@ -65,6 +65,13 @@ void RequestRunner::setRetries(int retries, int budgetMs)
     m_budgetMs = budgetMs;
 }
 
+void RequestRunner::copySettings(const RequestRunner& other)
+{
+    m_retries = other.m_retries;
+    m_budgetMs = other.m_budgetMs;
+    m_timeoutMs = other.m_timeoutMs;
+}
+
 void RequestRunner::start(const QString& what, Start start, Done done, bool retry)
 {
     auto attempt = std::make_shared<Attempt>();
@@ -143,11 +150,9 @@ void RequestRunner::finish(const std::shared_ptr<Attempt>& attempt, const Respon
     if (!m_interrupted && attempt->retry && worthRetry(data) && attempt->tries <= m_retries
         && attempt->clock.elapsed() < m_budgetMs) {
         const int delay = retryDelay(data, attempt->tries);
-        if (m_notify)
-            m_notify(
-                QStringLiteral("retrying in %1 s: %2, attempt %3 of %4 (%5)")
-                    .arg(QString::number(delay / 1000.0, 'f', 1), reasonOf(data),
-                        QString::number(attempt->tries + 1), QString::number(m_retries + 1), attempt->what));
+        notify(QStringLiteral("retrying in %1 s: %2, attempt %3 of %4 (%5)")
+                   .arg(QString::number(delay / 1000.0, 'f', 1), reasonOf(data),
+                       QString::number(attempt->tries + 1), QString::number(m_retries + 1), attempt->what));
         QTimer::singleShot(delay, this, [this, attempt] { launch(attempt); });
         return;
     }
@@ -223,6 +228,8 @@ void RequestRunner::wake()
 
 void RequestRunner::sleep(int ms)
 {
+    if (ms <= 0 && !m_interrupted)
+        return;
     bool elapsed = false;
     QTimer::singleShot(ms, this, [this, &elapsed] {
         elapsed = true;

@@ -44,8 +44,15 @@ public:
     // A request that receives nothing for `ms` is given up as timed out (0: the library's
     // own two minutes).
     void setTimeout(int ms) { m_timeoutMs = ms; }
+    // The retries and time-out of `other`.
+    void copySettings(const RequestRunner& other);
     // Where retries are told as they happen.
     void setNotifier(std::function<void(const QString&)> notify) { m_notify = std::move(notify); }
+    void notify(const QString& line)
+    {
+        if (m_notify)
+            m_notify(line);
+    }
     // Something arrived or left: what keeps the time-out from giving requests up.
     void touch();
 

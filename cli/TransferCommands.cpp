@@ -1,6 +1,7 @@
 // put, get, share.
 #include "Cli.h"
 #include "LinkTree.h"
+#include "Sync.h"
 #include "Transfers.h"
 
 #include <QProcessEnvironment>
@@ -9,31 +10,52 @@
 
 namespace {
 
-const OptionSpec Jobs = OptionSpec::value(
-    { "j", "jobs" }, "Up to N chunk requests in flight (default 8).", "N", OptionSpec::Count, "8")
+const OptionSpec Jobs = OptionSpec::value({ "j", "jobs" },
+    "Up to N requests in flight for one file: its chunks, or its ranges (default 8).", "N", OptionSpec::Count,
+    "8")
                             .atMost(64);
+const OptionSpec TransfersAtOnce = OptionSpec::value({ "transfers" },
+    "Up to N files at once (default 8); a file of several chunks goes on its own.", "N", OptionSpec::Count,
+    "8")
+                                       .atMost(64);
+const OptionSpec BwLimit = OptionSpec::value({ "bwlimit" },
+    "At most RATE bytes a second in all, such as 500K, 2.5M or 1G (K, M, G: 1024-based; 0: no limit).",
+    "RATE", OptionSpec::Rate);
 const OptionSpec DryRun
     = OptionSpec::flag({ "dry-run" }, "Check with the server and say what would be done; change nothing.");
 const OptionSpec Recursive
     = OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole.");
 
-int jobs(const QCommandLineParser& parser)
+} // namespace
+
+TransferSettings transferSettings(const QCommandLineParser& parser)
 {
-    return parser.value("jobs").toInt();
+    TransferSettings settings;
+    settings.jobs = parser.value("jobs").toInt();
+    settings.transfers = parser.value("transfers").toInt();
+    settings.bwlimit = parser.isSet("bwlimit") ? *Options::rate(parser.value("bwlimit")) : 0;
+    return settings;
 }
+
+QList<OptionSpec> transferOptions()
+{
+    return { Jobs, TransfersAtOnce, BwLimit };
+}
+
+namespace {
 
 void put(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
     DriveTree drive = cli.drive();
-    Transfers(cli, drive, jobs(parser))
+    Transfers(cli, drive, transferSettings(parser))
         .put(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
 }
 
 void get(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
 {
     DriveTree drive = cli.drive();
-    Transfers(cli, drive, jobs(parser))
-        .get(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"));
+    Transfers(cli, drive, transferSettings(parser))
+        .get(args.mid(0, args.size() - 1), args.last(), parser.isSet("dry-run"), parser.value("rev"));
 }
 
 // "CODE" or "CODE:PATH": the link's code, and the path inside its folder ("/" without one).
@@ -87,9 +109,54 @@ void share(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         link->open();
     }
     if (verb == QLatin1String("get"))
-        Transfers(cli, *link, jobs(parser)).get({ path }, args.at(2), parser.isSet("dry-run"));
+        Transfers(cli, *link, transferSettings(parser)).get({ path }, args.at(2), parser.isSet("dry-run"));
     else
-        Transfers(cli, *link, jobs(parser)).put({ args.at(1) }, path, parser.isSet("dry-run"));
+        Transfers(cli, *link, transferSettings(parser)).put({ args.at(1) }, path, parser.isSet("dry-run"));
+}
+
+// The --include and --exclude patterns in the order given: the last that matches decides.
+PathFilter filterOf(const QStringList& arguments)
+{
+    PathFilter filter;
+    for (int i = 1; i < arguments.size(); ++i) {
+        const QString& argument = arguments.at(i);
+        if (argument == QLatin1String("--"))
+            break;
+        for (const QString& name : { QStringLiteral("--include"), QStringLiteral("--exclude") }) {
+            QString pattern;
+            if (argument == name && i + 1 < arguments.size())
+                pattern = arguments.at(++i);
+            else if (argument.startsWith(name + QLatin1Char('=')))
+                pattern = argument.mid(name.size() + 1);
+            else
+                continue;
+            QString error;
+            if (!filter.add(pattern, name == QLatin1String("--include"), &error))
+                throw Failure(Exit::Usage, QStringLiteral("%1: %2").arg(name, error));
+        }
+    }
+    return filter;
+}
+
+// sync LOCAL :REMOTE | sync :REMOTE LOCAL
+void sync(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
+{
+    const bool up = args.at(1).startsWith(QLatin1Char(':'));
+    if (up == args.at(0).startsWith(QLatin1Char(':')))
+        throw Failure(Exit::Usage,
+            QStringLiteral("sync takes one remote folder, written with a colon in front: nbcli sync LOCAL "
+                           ":REMOTE, or nbcli sync :REMOTE LOCAL"));
+    Sync::Options options;
+    options.deleteExtra = parser.isSet("delete");
+    options.dryRun = parser.isSet("dry-run");
+    options.filter = filterOf(cli.arguments);
+    options.transfers = transferSettings(parser);
+    DriveTree drive = cli.drive();
+    Sync run(cli, drive, options);
+    if (up)
+        run.up(args.at(0), args.at(1).mid(1));
+    else
+        run.down(args.at(0).mid(1), args.at(1));
 }
 
 } // namespace
@@ -114,20 +181,48 @@ QList<Command> transferCommands()
             "  nbcli put big.iso /isos/\n  nbcli put photos /backup/photos      (the folder becomes "
             "/backup/photos)\n"
             "  tar c docs | nbcli put - /backup/docs.tar",
-            { Jobs, DryRun }, 2, -1, Needs::Session, put },
+            { Jobs, TransfersAtOnce, BwLimit, DryRun }, 2, -1, Needs::Session, put },
         { "get", "REMOTE... LOCAL", "Download files and folders (\"-\": standard output).",
             "Targets follow the same rule as put: into LOCAL when it ends in \"/\", is an existing folder, "
-            "or several sources "
-            "are given; otherwise LOCAL itself. Each file is written to a temporary file beside LOCAL and "
-            "renamed once whole "
-            "and checked (size and hash); an interrupted get continues from the bytes already there. A "
-            "symlink is followed "
-            "to its file; a device or a FIFO (/dev/null) is written in place; \"-\" writes one file to "
-            "standard output; the "
-            "hash is checked either way.\n\n"
+            "or several sources are given; otherwise LOCAL itself. Each file is written to a temporary file "
+            "beside LOCAL and renamed once whole and checked (size and hash), with the server's "
+            "modification time; a file larger than 4 MiB comes in ranges, -j at a time, and an interrupted "
+            "get continues from the bytes already there. Several files come --transfers at a time. A "
+            "symlink is followed to its file; a device or a FIFO (/dev/null) is written in place; \"-\" "
+            "writes one file to standard output; the hash is checked either way. --rev fetches an older "
+            "revision.\n\n"
             "  nbcli get /isos/big.iso .\n  nbcli get /backup/photos ~/restore/\n  nbcli get /notes.txt - | "
-            "less",
-            { Jobs, DryRun, Recursive }, 2, -1, Needs::Session, get },
+            "less\n  nbcli get --rev 2 /docs/a.txt a-before.txt",
+            { Jobs, TransfersAtOnce, BwLimit,
+                OptionSpec::value({ "rev" }, "Fetch revision N of the files (nbcli revisions lists them).",
+                    "N", OptionSpec::Count),
+                DryRun, Recursive },
+            2, -1, Needs::Session, get },
+        { "sync", "LOCAL :REMOTE | :REMOTE LOCAL", "Make a folder match a folder on the other side.",
+            "The remote folder is written with a colon in front (:/backup, as a link's CODE:PATH without a "
+            "code); the other one is local. The target comes to match the source: what is new or changed "
+            "(in size or content hash) is sent, and with --delete what the source lacks is deleted, once "
+            "every transfer succeeded; a file renamed on the source side is moved on the other, not sent "
+            "again. Local hashes are kept in a cache ($XDG_CACHE_HOME/nbcli/hashes.json) by size and "
+            "modification time, so an unchanged tree is not read again and a second sync sends nothing. "
+            "Downloaded files keep the server's modification time.\n\n"
+            "--include and --exclude take patterns as .gitignore lines, on paths inside the synced "
+            "folders: * and ? within a name, [a-z], ** across folders; a pattern with a \"/\" (but at its "
+            "end) is anchored at the synced folder, one without matches a name at any depth; a trailing "
+            "\"/\" matches folders only. The last pattern that matches decides; what is below an excluded "
+            "folder goes with it; when the first pattern is an --include, only what an --include matches "
+            "is taken. Excluded paths are neither sent nor deleted.\n\n"
+            "  nbcli sync ~/photos :/backup/photos\n  nbcli sync --delete --exclude '*.tmp' --exclude "
+            "build/ . :/src\n  nbcli sync --dry-run --json :/docs ~/docs",
+            transferOptions()
+                + QList<OptionSpec> { OptionSpec::flag({ "delete" },
+                                          "Delete what the source lacks, once the transfers succeeded."),
+                    OptionSpec::value({ "include" }, "Take what PATTERN matches (repeatable).", "PATTERN",
+                        OptionSpec::Text),
+                    OptionSpec::value({ "exclude" }, "Leave out what PATTERN matches (repeatable).",
+                        "PATTERN", OptionSpec::Text),
+                    DryRun },
+            2, 2, Needs::Session, sync },
         { "share", "get CODE[:PATH] LOCAL | put LOCAL CODE[:PATH]",
             "Download from or upload to a shared link.",
             "PATH is inside the link's folder (without one: the folder itself); LOCAL is always given, "
@@ -139,7 +234,7 @@ QList<Command> transferCommands()
             "none was given, from a prompt on a terminal.\n\n"
             "  nbcli share get LINK9:/report.pdf .\n  nbcli share get LINK9 ./shared-folder\n"
             "  NB_SHARE_PASSWORD=secret nbcli share put draft.docx LINK9:/in/",
-            { Jobs,
+            { Jobs, TransfersAtOnce, BwLimit,
                 OptionSpec::value(
                     { "password" }, "The link's password (prefer NB_SHARE_PASSWORD).", "P", OptionSpec::Text),
                 OptionSpec::flag({ "password-stdin" }, "Read the link's password from standard input."),

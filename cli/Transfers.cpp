@@ -24,10 +24,11 @@ QString rate(qint64 bytes, qint64 ms)
 
 } // namespace
 
-Transfers::Transfers(Cli& cli, RemoteTree& tree, int jobs)
+Transfers::Transfers(Cli& cli, RemoteTree& tree, const TransferSettings& settings)
     : m_cli(cli)
     , m_tree(tree)
-    , m_jobs(jobs)
+    , m_settings(settings)
+    , m_limit(settings.bwlimit)
 {
 }
 
@@ -170,18 +171,30 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
     }
     if (into && !existing && target != QLatin1String("/") && !items.isEmpty())
         m_tree.ensureFolder(target);
+    putItems(items);
+}
+
+void Transfers::putItems(const QList<Item>& items, const Sent& sent)
+{
     run(
         items, [this](const Item& item) { m_tree.ensureFolder(item.remote); },
-        [this](Progress& progress, const Item& item) {
-            Uploader uploader(m_tree, progress, m_jobs, m_cli.settings.server);
+        [this, sent](Progress& progress, RemoteTree& tree, const Item& item) -> TransferPool::Publish {
+            Uploader uploader(tree, progress, m_settings.jobs, m_cli.settings.server, m_limit);
             const Uploader::Result result = item.stream ? uploader.putStream(item.local, item.remote)
                                                         : uploader.put(item.local, item.remote);
             QJsonObject json = result.json();
-            json.insert("path", m_tree.describe(item.remote));
-            m_cli.output.done(json,
-                QStringLiteral("put %1 -> %2: %3, %4%5, hash ok")
-                    .arg(item.local, m_tree.describe(item.remote), Progress::bytes(result.bytes),
-                        result.how(), rate(result.bytesSent, result.ms)));
+            json.insert("path", tree.describe(item.remote));
+            if (!item.action.isEmpty())
+                json.insert("action", item.action);
+            const QString line
+                = QStringLiteral("put %1 -> %2: %3, %4%5, hash ok")
+                      .arg(item.local, tree.describe(item.remote), Progress::bytes(result.bytes),
+                          result.how(), rate(result.bytesSent, result.ms));
+            return [this, sent, item, json, line, hash = result.hash] {
+                m_cli.output.done(json, line);
+                if (sent)
+                    sent(item, hash);
+            };
         });
 }
 
@@ -200,10 +213,11 @@ void Transfers::putStandardInput(const QString& remote, bool dryRun)
         m_cli.output.done(json, QStringLiteral("would put standard input -> ") + m_tree.describe(target));
         return;
     }
-    Progress progress(m_cli.console, m_cli.runner, 0, 1);
+    Progress progress(m_cli.console, 0, 1);
     attempt(item, [&] {
-        const Uploader::Result result = Uploader(m_tree, progress, m_jobs, m_cli.settings.server)
-                                            .putStream(QStringLiteral("-"), target);
+        const Uploader::Result result
+            = Uploader(m_tree, progress, m_settings.jobs, m_cli.settings.server, m_limit)
+                  .putStream(QStringLiteral("-"), target);
         QJsonObject json = result.json();
         json.insert("path", m_tree.describe(target));
         m_cli.output.done(json,
@@ -224,7 +238,7 @@ void Transfers::planRemote(
         planRemote(RemotePath::join(remote, child.name), child, QDir(local).filePath(child.name), items);
 }
 
-void Transfers::get(const QStringList& remotes, const QString& local, bool dryRun)
+void Transfers::get(const QStringList& remotes, const QString& local, bool dryRun, const QString& rev)
 {
     const bool toOutput = local == QLatin1String("-");
     if (toOutput && remotes.size() != 1)
@@ -240,7 +254,7 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
     for (const QString& remote : remotes) {
         const QString path = RemotePath::normalise(remote);
         attempt(Item { local, path, false, 0, {} }, [&] {
-            const RemoteEntry entry = m_tree.entry(path);
+            const RemoteEntry entry = rev.isEmpty() ? m_tree.entry(path) : m_tree.revision(path, rev);
             if (toOutput && entry.dir)
                 throw Failure(Exit::Usage,
                     QStringLiteral("%1 is a folder: standard output takes one file")
@@ -276,30 +290,42 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
         }
         return;
     }
+    getItems(items, toOutput);
+}
+
+void Transfers::getItems(const QList<Item>& items, bool toOutput, const Sent& sent)
+{
     run(
         items,
         [](const Item& item) {
             if (!QDir().mkpath(item.local))
                 throw Failure(Exit::Local, QStringLiteral("cannot create the folder %1").arg(item.local));
         },
-        [this, toOutput](Progress& progress, const Item& item) {
-            const Downloader::Result result
-                = Downloader(m_tree, progress).get(item.remote, item.entry, item.local);
+        [this, toOutput, sent](
+            Progress& progress, RemoteTree& tree, const Item& item) -> TransferPool::Publish {
+            const Downloader::Result result = Downloader(tree, progress, m_settings.jobs, m_limit)
+                                                  .get(item.remote, item.entry, item.local);
             QJsonObject json = result.json();
-            json.insert("path", m_tree.describe(item.remote));
+            json.insert("path", tree.describe(item.remote));
+            if (!item.action.isEmpty())
+                json.insert("action", item.action);
             const QString resumed = result.resumedFrom > 0
                 ? QStringLiteral(", resumed after ") + Progress::bytes(result.resumedFrom)
                 : QString();
             const QString line = QStringLiteral("got %1 -> %2: %3%4%5, hash ok")
-                                     .arg(m_tree.describe(item.remote),
+                                     .arg(tree.describe(item.remote),
                                          toOutput ? QStringLiteral("standard output") : item.local,
                                          Progress::bytes(result.bytes),
                                          rate(result.bytes - result.resumedFrom, result.ms), resumed);
-            // Standard output holds the file itself: the confirmation is a note then.
-            if (toOutput)
-                m_cli.output.note(line);
-            else
-                m_cli.output.done(json, line);
+            return [this, toOutput, sent, item, json, line, hash = result.hash] {
+                // Standard output holds the file itself: the confirmation is a note then.
+                if (toOutput)
+                    m_cli.output.note(line);
+                else
+                    m_cli.output.done(json, line);
+                if (sent)
+                    sent(item, hash);
+            };
         });
 }
 
@@ -312,18 +338,31 @@ void Transfers::wouldDo(const Item& item, const QString& action, const QString& 
     m_cli.output.done(json, line);
 }
 
-void Transfers::run(const QList<Item>& items, const std::function<void(const Item&)>& folder,
-    const std::function<void(Progress&, const Item&)>& file)
+void Transfers::run(
+    const QList<Item>& items, const std::function<void(const Item&)>& folder, const File& file)
 {
     qint64 total = 0;
-    int files = 0;
+    QList<Item> files;
     for (const Item& item : items) {
         total += item.bytes;
-        files += item.folder ? 0 : 1;
+        if (!item.folder)
+            files << item;
     }
-    Progress progress(m_cli.console, m_cli.runner, total, files);
-    for (const Item& item : items)
-        attempt(item, [&] { item.folder ? folder(item) : file(progress, item); });
+    Progress progress(m_cli.console, total, files.size());
+    for (const Item& item : items) {
+        if (item.folder)
+            attempt(item, [&] { folder(item); });
+    }
+    TransferPool(m_cli.runner, m_tree, m_settings.transfers)
+        .run(
+            files.size(),
+            // A file of more than one chunk keeps `jobs` requests in flight by itself.
+            [&files](int index) { return files.at(index).bytes > ChunkHasher::DefaultChunkSize; },
+            [&](int index, RemoteTree& tree) { return file(progress, tree, files.at(index)); },
+            [&](int index, const Failure& failure) {
+                m_cli.output.failed(itemJson(files.at(index)), failure);
+            },
+            [&progress] { progress.tick(); });
     progress.finish();
 }
 

@@ -2,6 +2,7 @@
 
 #include "ChunkHasher.h"
 #include "Progress.h"
+#include "RateLimit.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -9,8 +10,10 @@
 #include <QScopeGuard>
 #include <QSet>
 #include <QSocketNotifier>
+#include <QTimer>
 #include <deque>
 #include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <unistd.h>
 
@@ -29,12 +32,19 @@ QString Uploader::Result::how() const
     return QStringLiteral("%1 of %2 chunks sent").arg(QString::number(chunksSent), QString::number(chunks));
 }
 
-Uploader::Uploader(RemoteTree& tree, Progress& progress, int jobs, const QString& server)
+Uploader::Uploader(RemoteTree& tree, Progress& progress, int jobs, const QString& server, RateLimit& limit)
     : m_tree(tree)
     , m_progress(progress)
     , m_jobs(qMax(1, jobs))
     , m_server(server)
+    , m_limit(limit)
 {
+}
+
+void Uploader::advance(qint64 bytes, qint64 moved)
+{
+    m_progress.setDone(bytes, moved);
+    m_tree.runner().touch();
 }
 
 Uploader::Result Uploader::put(const QString& localPath, const QString& remotePath)
@@ -163,10 +173,11 @@ void Uploader::putWhole(Result& result, const RemoteTree::Upload& upload, qint64
     const QByteArray content = file.read(chunkSize + 1);
     result.hash = ChunkHasher::fileHash(
         content.isEmpty() ? QStringList() : QStringList { ChunkHasher::chunkHash(content) });
+    m_tree.runner().sleep(m_limit.reserve(result.bytes));
     const Reply reply = m_tree.runner().call(QStringLiteral("upload %1").arg(m_tree.describe(result.remote)),
         m_tree.uploadWhole(upload, result.remote, result.local, [this](const UploadProgressData& progress) {
             if (progress.bytesTotal > 0)
-                m_progress.setDone(progress.bytesSent);
+                advance(progress.bytesSent);
         }));
     result.bytesSent = result.bytes;
     checkHash(result, reply.json);
@@ -194,7 +205,7 @@ void Uploader::putChunks(
         qint64 partial = 0;
         for (qint64 bytes : qAsConst(sending))
             partial += bytes;
-        m_progress.setDone(done + partial, result.bytesSent + partial);
+        advance(done + partial, result.bytesSent + partial);
     };
     const auto fail = [&](const Failure& reason) {
         if (!failure)
@@ -207,7 +218,37 @@ void Uploader::putChunks(
                 producer.hold(false);
         }
     };
-    std::function<void()> pump = [&] {
+    std::function<void()> pump;
+    // A chunk waiting for the rate limit is sent later, unless the upload has ended by then.
+    const auto alive = std::make_shared<bool>(true);
+    const auto ending = qScopeGuard([alive] { *alive = false; });
+    const auto send = [&](int index, const QByteArray& data) {
+        sending.insert(index, 0);
+        const QString what = QStringLiteral("upload chunk %1 of %2").arg(QString::number(index + 1), target);
+        runner.start(what,
+            m_tree.uploadChunk(upload, pieces.at(index).hash, data,
+                // Qt ends an upload with a report of 0 of 0; a retry starts again from 0.
+                [&, index](const UploadProgressData& progress) {
+                    if (progress.bytesTotal > 0 && sending.contains(index)) {
+                        sending.insert(index, progress.bytesSent);
+                        report();
+                    }
+                }),
+            [&, what, index](const Reply& reply) {
+                --sends;
+                sending.remove(index);
+                if (!reply.ok())
+                    return fail(RequestRunner::failureOf(what, reply));
+                const qint64 length = pieces.at(index).length;
+                done += length;
+                result.bytesSent += length;
+                ++result.chunksSent;
+                release(index);
+                pump();
+                report();
+            });
+    };
+    pump = [&] {
         while (!failure && queries < m_jobs && !toQuery.empty()) {
             const int index = toQuery.front();
             toQuery.pop_front();
@@ -243,31 +284,19 @@ void Uploader::putChunks(
                     QStringLiteral("cannot read %1: %2")
                         .arg(result.local, file ? file->errorString() : QStringLiteral("short read"))));
             ++sends;
-            sending.insert(index, 0);
-            const QString what
-                = QStringLiteral("upload chunk %1 of %2").arg(QString::number(index + 1), target);
-            runner.start(what,
-                m_tree.uploadChunk(upload, piece.hash, data,
-                    // Qt ends an upload with a report of 0 of 0; a retry starts again from 0.
-                    [&, index](const UploadProgressData& progress) {
-                        if (progress.bytesTotal > 0 && sending.contains(index)) {
-                            sending.insert(index, progress.bytesSent);
-                            report();
-                        }
-                    }),
-                [&, what, index](const Reply& reply) {
-                    --sends;
-                    sending.remove(index);
-                    if (!reply.ok())
-                        return fail(RequestRunner::failureOf(what, reply));
-                    const qint64 length = pieces.at(index).length;
-                    done += length;
-                    result.bytesSent += length;
-                    ++result.chunksSent;
-                    release(index);
-                    pump();
-                    report();
-                });
+            const int wait = m_limit.reserve(piece.length);
+            if (wait <= 0) {
+                send(index, data);
+                continue;
+            }
+            QTimer::singleShot(wait, &runner, [&, alive, index, data] {
+                if (!*alive)
+                    return;
+                if (!failure)
+                    return send(index, data);
+                --sends;
+                runner.wake();
+            });
         }
     };
     producer.start(

@@ -14,6 +14,7 @@
 #include <functional>
 
 class Progress;
+class RateLimit;
 
 class Uploader
 {
@@ -34,7 +35,7 @@ public:
         QString how() const;
     };
 
-    Uploader(RemoteTree& tree, Progress& progress, int jobs, const QString& server);
+    Uploader(RemoteTree& tree, Progress& progress, int jobs, const QString& server, RateLimit& limit);
 
     // Throws the Failure that stopped it.
     Result put(const QString& localPath, const QString& remotePath);
@@ -68,9 +69,12 @@ private:
     // Queries and sends the pieces as they come, then commits them.
     void putChunks(Result& result, const RemoteTree::Upload& upload, QFile* file, const Producer& producer);
     void checkHash(const Result& result, const QJsonObject& entry);
+    // Progress shown, and the runner told the transfer is alive.
+    void advance(qint64 bytes, qint64 moved = -1);
 
     RemoteTree& m_tree;
     Progress& m_progress;
     int m_jobs;
     QString m_server;
+    RateLimit& m_limit;
 };

@@ -59,16 +59,16 @@ void Sync::walkLocal(const QString& root, const QString& below, Tree* tree)
         if (isPartFile(name))
             continue;
         if (name.contains(QChar::ReplacementCharacter)) {
-            skip(info.filePath(),
+            skip(path,
                 QStringLiteral("the name is no UTF-8 text, and the drive keeps names as text: skipped"));
             continue;
         }
         if (m_options.filter.excluded(path, info.isDir()))
             continue;
         if (info.isSymLink() && !info.exists()) {
-            skip(info.filePath(), QStringLiteral("a symlink to nothing: skipped"));
+            skip(path, QStringLiteral("a symlink to nothing: skipped"));
         } else if (info.isDir() && info.isSymLink()) {
-            skip(info.filePath(), QStringLiteral("a symlink to a folder: skipped (sync it on its own)"));
+            skip(path, QStringLiteral("a symlink to a folder: skipped (sync it on its own)"));
         } else if (info.isDir()) {
             tree->insert(path, Entry { true, 0, LocalFile { info.absoluteFilePath(), 0, 0 }, {} });
             walkLocal(root, path, tree);
@@ -76,7 +76,7 @@ void Sync::walkLocal(const QString& root, const QString& below, Tree* tree)
             const LocalFile file = LocalFile::of(info.absoluteFilePath());
             tree->insert(path, Entry { false, file.bytes, file, {} });
         } else {
-            skip(info.filePath(), QStringLiteral("not a regular file: skipped"));
+            skip(path, QStringLiteral("not a regular file: skipped"));
         }
     }
 }
@@ -100,11 +100,6 @@ Sync::Tree Sync::walkRemote(const QString& root)
     return tree;
 }
 
-QString Sync::localHash(const Entry& entry)
-{
-    return m_hashes.hashOf(m_cli.runner, entry.file);
-}
-
 Sync::Plan Sync::plan(const Tree& source, const Tree& target,
     const std::function<bool(const Entry&, const Entry&)>& sameContent)
 {
@@ -115,7 +110,7 @@ Sync::Plan Sync::plan(const Tree& source, const Tree& target,
             replaced << path;
             return true;
         }
-        m_cli.output.failed(QJsonObject { { "path", path } },
+        failed(path,
             Failure(Exit::Refused,
                 QStringLiteral("%1 is a %2 on one side and a %3 on the other: sync --delete replaces it")
                     .arg(path, folderHere ? QStringLiteral("folder") : QStringLiteral("file"),
@@ -175,247 +170,219 @@ Sync::Plan Sync::plan(const Tree& source, const Tree& target,
     return plan;
 }
 
-void Sync::up(const QString& localGiven, const QString& remoteGiven)
+QString Sync::remoteAt(const QString& path) const
 {
-    const QString local = QDir::cleanPath(QDir::current().absoluteFilePath(localGiven));
-    const QString remote = RemotePath::normalise(remoteGiven);
-    if (!QFileInfo(local).isDir())
-        throw Failure(Exit::Usage,
-            QStringLiteral("%1 is no folder: sync makes a folder match a folder (put sends a file)")
-                .arg(localGiven));
-    const std::optional<RemoteEntry> root = m_drive.find(remote);
-    if (root && !root->dir)
-        throw Failure(
-            Exit::Usage, QStringLiteral("%1 is a file on the server: sync takes a folder").arg(remote));
-    const Tree source = walkLocal(local);
-    const Tree target = root ? walkRemote(remote) : Tree();
-    const Plan plan = this->plan(source, target, [this](const Entry& here, const Entry& there) {
-        return there.remote.hash.isEmpty() ? here.file.modifiedNs / 1000000000 == there.remote.modified
-                                           : localHash(here) == there.remote.hash;
-    });
-    const auto at = [&](const QString& path) {
-        return path.isEmpty() ? remote : RemotePath::join(remote, path);
-    };
-    const auto localAt = [&](const QString& path) {
-        return path.isEmpty() ? local : local + QLatin1Char('/') + path;
-    };
+    return path.isEmpty() ? m_remote : RemotePath::join(m_remote, path);
+}
+
+QString Sync::localAt(const QString& path) const
+{
+    return path.isEmpty() ? m_local : m_local + QLatin1Char('/') + path;
+}
+
+void Sync::did(const QString& action, const QString& path, const QString& line, QJsonObject item)
+{
+    item.insert("action", action);
+    item.insert("path", remoteAt(path));
+    item.insert("local", localAt(path));
+    if (m_options.dryRun)
+        item.insert("dry_run", true);
+    m_cli.output.done(item, m_options.dryRun ? QStringLiteral("would ") + line : line);
+}
+
+void Sync::failed(const QString& path, const Failure& failure)
+{
+    m_cli.output.failed(QJsonObject { { "path", remoteAt(path) }, { "local", localAt(path) } }, failure);
+}
+
+void Sync::carry(const Plan& plan, const Tree& source, bool rootMissing, const Target& target)
+{
     const bool dry = m_options.dryRun;
-    const auto did
-        = [&](const QString& action, const QString& path, const QString& line, QJsonObject extra = {}) {
-              extra.insert("action", action);
-              extra.insert("path", at(path));
-              extra.insert("local", localAt(path));
-              if (dry)
-                  extra.insert("dry_run", true);
-              m_cli.output.done(extra, dry ? QStringLiteral("would ") + line : line);
-          };
+    const bool up = target.name == QLatin1String("put");
+    const auto shown = [&](const QString& path) {
+        return up ? remoteAt(path) : localAt(path);
+    };
+    QStringList replaced;
+    QStringList extra;
+    for (const QString& path : plan.deletes)
+        (source.contains(path) ? replaced : extra) << path;
+    const auto remove = [&](const QStringList& paths) {
+        QList<std::optional<Failure>> outcomes;
+        if (!dry)
+            outcomes = target.remove(paths);
+        while (outcomes.size() < paths.size())
+            outcomes << std::nullopt;
+        for (int i = 0; i < paths.size(); ++i) {
+            if (outcomes.at(i))
+                failed(paths.at(i), *outcomes.at(i));
+            else
+                did(QStringLiteral("delete"), paths.at(i), QStringLiteral("delete ") + shown(paths.at(i)));
+        }
+    };
     const auto attempt = [&](const QString& path, const std::function<void()>& step) {
         try {
-            step();
+            if (!dry)
+                step();
             return true;
         } catch (const Failure& failure) {
             if (failure.exit == Exit::Interrupted)
                 throw;
-            m_cli.output.failed(QJsonObject { { "path", at(path) }, { "local", localAt(path) } }, failure);
+            failed(path, failure);
             return false;
         }
     };
-    const auto remove = [&](const QStringList& paths) {
-        if (paths.isEmpty())
-            return;
-        QStringList full;
-        for (const QString& path : paths)
-            full << at(path);
-        const QString what = QStringLiteral("delete %1").arg(full.join(QLatin1String(", ")));
-        QJsonArray results;
-        if (!dry)
-            results = m_drive.taskResults(what, m_cli.runner.call(what, m_drive.remove(full)).json);
-        for (int i = 0; i < paths.size(); ++i) {
-            const QJsonObject result = results.at(i).toObject();
-            if (!dry && !result.value("ok").toBool())
-                m_cli.output.failed(QJsonObject { { "action", "delete" }, { "path", at(paths.at(i)) } },
-                    DriveTree::entryFailure(what, result));
-            else
-                did(QStringLiteral("delete"), paths.at(i), QStringLiteral("delete ") + at(paths.at(i)));
-        }
-    };
-
-    QStringList replaced;
-    for (const QString& path : plan.deletes) {
-        if (source.contains(path))
-            replaced << path;
-    }
     remove(replaced);
-    if (!root) {
+    if (rootMissing) {
         if (!dry)
-            m_drive.ensureFolder(remote);
-        did(QStringLiteral("mkdir"), QString(), QStringLiteral("create folder ") + remote);
+            target.makeFolder(QString());
+        did(QStringLiteral("mkdir"), QString(), QStringLiteral("create folder ") + shown(QString()));
     }
     for (const QString& path : plan.folders) {
-        if (dry || attempt(path, [&] { m_drive.ensureFolder(at(path)); }))
-            did(QStringLiteral("mkdir"), path, QStringLiteral("create folder ") + at(path));
+        if (attempt(path, [&] { target.makeFolder(path); }))
+            did(QStringLiteral("mkdir"), path, QStringLiteral("create folder ") + shown(path));
     }
     for (auto it = plan.moves.cbegin(); it != plan.moves.cend(); ++it) {
-        const QString what = QStringLiteral("move %1 to %2").arg(at(it.value()), at(it.key()));
-        if (dry || attempt(it.key(), [&] {
-                m_cli.runner.call(what, m_drive.move(at(it.value()), at(it.key())));
-            }))
+        if (attempt(it.key(), [&] { target.move(it.value(), it.key()); }))
             did(QStringLiteral("move"), it.key(),
-                QStringLiteral("move %1 -> %2 (same content)").arg(at(it.value()), at(it.key())),
-                QJsonObject { { "from", at(it.value()) } });
-    }
-    QList<Transfers::Item> items;
-    for (const QString& path : plan.sends) {
-        const Entry& here = source.value(path);
-        Transfers::Item item { localAt(path), at(path), false, here.bytes, {} };
-        item.action = QStringLiteral("put");
-        if (dry)
-            did(QStringLiteral("put"), path,
-                QStringLiteral("put %1 -> %2 (%3, %4)")
-                    .arg(localAt(path), at(path), plan.reasons.value(path), Progress::bytes(here.bytes)),
-                QJsonObject { { "bytes", here.bytes }, { "reason", plan.reasons.value(path) } });
-        else
-            items << item;
-    }
-    int sent = 0;
-    Transfers(m_cli, m_drive, m_options.transfers)
-        .putItems(items, [&](const Transfers::Item& item, const QString& hash) {
-            ++sent;
-            const QString path = item.local.mid(local.size() + 1);
-            m_hashes.store(source.value(path).file, hash);
-        });
-    QStringList extra;
-    for (const QString& path : plan.deletes) {
-        if (!source.contains(path))
-            extra << path;
-    }
-    if (sent == items.size())
-        remove(extra);
-    else if (!extra.isEmpty())
-        m_cli.output.note(QStringLiteral("%1 not deleted on the server: %2 of %3 files were not sent")
-                              .arg(QString::number(extra.size()), QString::number(items.size() - sent),
-                                  QString::number(items.size())));
-    saveCache(local);
-    report(plan, local, remote);
-}
-
-void Sync::down(const QString& remoteGiven, const QString& localGiven)
-{
-    const QString remote = RemotePath::normalise(remoteGiven);
-    const QString local = QDir::cleanPath(QDir::current().absoluteFilePath(localGiven));
-    const RemoteEntry root = m_drive.entry(remote);
-    if (!root.dir)
-        throw Failure(Exit::Usage,
-            QStringLiteral("%1 is a file on the server: sync takes a folder (get fetches a file)")
-                .arg(remote));
-    const QFileInfo there(local);
-    if (there.exists() && !there.isDir())
-        throw Failure(Exit::Usage,
-            QStringLiteral("%1 is no folder: sync makes a folder match a folder").arg(localGiven));
-    const Tree source = walkRemote(remote);
-    const Tree target = there.exists() ? walkLocal(local) : Tree();
-    const Plan plan = this->plan(source, target, [this](const Entry& remoteEntry, const Entry& localEntry) {
-        return remoteEntry.remote.hash.isEmpty()
-            ? localEntry.file.modifiedNs / 1000000000 == remoteEntry.remote.modified
-            : localHash(localEntry) == remoteEntry.remote.hash;
-    });
-    const auto at = [&](const QString& path) {
-        return path.isEmpty() ? remote : RemotePath::join(remote, path);
-    };
-    const auto localAt = [&](const QString& path) {
-        return path.isEmpty() ? local : local + QLatin1Char('/') + path;
-    };
-    const bool dry = m_options.dryRun;
-    const auto did
-        = [&](const QString& action, const QString& path, const QString& line, QJsonObject extra = {}) {
-              extra.insert("action", action);
-              extra.insert("path", at(path));
-              extra.insert("local", localAt(path));
-              if (dry)
-                  extra.insert("dry_run", true);
-              m_cli.output.done(extra, dry ? QStringLiteral("would ") + line : line);
-          };
-    const auto fail = [&](const QString& path, const QString& why) {
-        m_cli.output.failed(QJsonObject { { "path", at(path) }, { "local", localAt(path) } },
-            Failure(Exit::Local, QStringLiteral("cannot %1 %2").arg(why, localAt(path))));
-    };
-    const auto remove = [&](const QStringList& paths) {
-        for (const QString& path : paths) {
-            const QFileInfo info(localAt(path));
-            if (dry
-                || (info.isDir() && !info.isSymLink() ? QDir(localAt(path)).removeRecursively()
-                                                      : QFile::remove(localAt(path))))
-                did(QStringLiteral("delete"), path, QStringLiteral("delete ") + localAt(path));
-            else
-                fail(path, QStringLiteral("delete"));
-        }
-    };
-
-    QStringList replaced;
-    for (const QString& path : plan.deletes) {
-        if (source.contains(path))
-            replaced << path;
-    }
-    remove(replaced);
-    if (!there.exists()) {
-        if (!dry && !QDir().mkpath(local))
-            throw Failure(Exit::Local, QStringLiteral("cannot create the folder %1").arg(local));
-        did(QStringLiteral("mkdir"), QString(), QStringLiteral("create folder ") + local);
-    }
-    for (const QString& path : plan.folders) {
-        if (dry || QDir().mkpath(localAt(path)))
-            did(QStringLiteral("mkdir"), path, QStringLiteral("create folder ") + localAt(path));
-        else
-            fail(path, QStringLiteral("create the folder"));
-    }
-    for (auto it = plan.moves.cbegin(); it != plan.moves.cend(); ++it) {
-        if (dry || QFile::rename(localAt(it.value()), localAt(it.key()))) {
-            if (!dry)
-                m_hashes.store(LocalFile::of(localAt(it.key())), source.value(it.key()).remote.hash);
-            did(QStringLiteral("move"), it.key(),
-                QStringLiteral("move %1 -> %2 (same content)").arg(localAt(it.value()), localAt(it.key())),
-                QJsonObject { { "from", localAt(it.value()) } });
-        } else {
-            fail(it.key(), QStringLiteral("move %1 to").arg(localAt(it.value())));
-        }
+                QStringLiteral("move %1 -> %2 (same content)").arg(shown(it.value()), shown(it.key())),
+                QJsonObject { { "from", shown(it.value()) } });
     }
     QList<Transfers::Item> items;
     for (const QString& path : plan.sends) {
         const Entry& file = source.value(path);
-        Transfers::Item item { localAt(path), at(path), false, file.bytes, file.remote };
-        item.action = QStringLiteral("get");
+        Transfers::Item item { localAt(path), remoteAt(path), false, file.bytes, file.remote };
+        item.action = target.name;
+        items << item;
         if (dry)
-            did(QStringLiteral("get"), path,
-                QStringLiteral("get %1 -> %2 (%3, %4)")
-                    .arg(at(path), localAt(path), plan.reasons.value(path), Progress::bytes(file.bytes)),
+            did(target.name, path,
+                QStringLiteral("%1 %2 -> %3 (%4, %5)")
+                    .arg(target.name, up ? item.local : item.remote, up ? item.remote : item.local,
+                        plan.reasons.value(path), Progress::bytes(file.bytes)),
                 QJsonObject { { "bytes", file.bytes }, { "reason", plan.reasons.value(path) } });
-        else
-            items << item;
     }
+    if (dry)
+        return remove(extra);
     int sent = 0;
-    Transfers(m_cli, m_drive, m_options.transfers)
-        .getItems(items, false, [&](const Transfers::Item& item, const QString& hash) {
-            ++sent;
-            m_hashes.store(LocalFile::of(item.local), hash);
-        });
-    QStringList extra;
-    for (const QString& path : plan.deletes) {
-        if (!source.contains(path))
-            extra << path;
-    }
+    const Transfers::Sent arrived = [&](const Transfers::Item& item, const QString& hash) {
+        ++sent;
+        // The local side's hash, known now without reading the file again.
+        m_hashes.store(
+            up ? source.value(item.local.mid(m_local.size() + 1)).file : LocalFile::of(item.local), hash);
+    };
+    Transfers transfers(m_cli, m_drive, m_options.transfers);
+    up ? transfers.putItems(items, arrived) : transfers.getItems(items, false, arrived);
     if (sent == items.size())
         remove(extra);
     else if (!extra.isEmpty())
-        m_cli.output.note(QStringLiteral("%1 not deleted here: %2 of %3 files did not arrive")
+        m_cli.output.note(QStringLiteral("%1 left undeleted: %2 of %3 files did not arrive")
                               .arg(QString::number(extra.size()), QString::number(items.size() - sent),
                                   QString::number(items.size())));
-    saveCache(local);
-    report(plan, remote, local);
 }
 
-void Sync::saveCache(const QString& localRoot)
+void Sync::up(const QString& localGiven, const QString& remoteGiven)
 {
-    m_hashes.forgetUnseenBelow(localRoot);
+    m_local = QDir::cleanPath(QDir::current().absoluteFilePath(localGiven));
+    m_remote = RemotePath::normalise(remoteGiven);
+    if (!QFileInfo(m_local).isDir())
+        throw Failure(Exit::Usage,
+            QStringLiteral("%1 is no folder: sync makes a folder match a folder (put sends a file)")
+                .arg(localGiven));
+    const std::optional<RemoteEntry> root = m_drive.find(m_remote);
+    if (root && !root->dir)
+        throw Failure(
+            Exit::Usage, QStringLiteral("%1 is a file on the server: sync takes a folder").arg(m_remote));
+    const Tree source = walkLocal(m_local);
+    const Tree target = root ? walkRemote(m_remote) : Tree();
+    const Plan plan = this->plan(source, target,
+        [this](const Entry& here, const Entry& there) { return sameContent(here, there.remote); });
+    Target drive;
+    drive.name = QStringLiteral("put");
+    drive.makeFolder = [this](const QString& path) {
+        m_drive.ensureFolder(remoteAt(path));
+    };
+    drive.move = [this](const QString& from, const QString& to) {
+        m_cli.runner.call(QStringLiteral("move %1 to %2").arg(remoteAt(from), remoteAt(to)),
+            m_drive.move(remoteAt(from), remoteAt(to)));
+    };
+    drive.remove = [this](const QStringList& paths) {
+        QList<std::optional<Failure>> outcomes;
+        if (paths.isEmpty())
+            return outcomes;
+        QStringList full;
+        for (const QString& path : paths)
+            full << remoteAt(path);
+        const QString what = QStringLiteral("delete %1").arg(full.join(QLatin1String(", ")));
+        const QJsonArray results
+            = m_drive.taskResults(what, m_cli.runner.call(what, m_drive.remove(full)).json);
+        for (int i = 0; i < paths.size(); ++i) {
+            const QJsonObject result = results.at(i).toObject();
+            outcomes << (result.value("ok").toBool()
+                    ? std::nullopt
+                    : std::optional<Failure>(DriveTree::entryFailure(what, result)));
+        }
+        return outcomes;
+    };
+    carry(plan, source, !root, drive);
+    saveCache();
+    report(plan, m_local, m_remote);
+}
+
+void Sync::down(const QString& remoteGiven, const QString& localGiven)
+{
+    m_remote = RemotePath::normalise(remoteGiven);
+    m_local = QDir::cleanPath(QDir::current().absoluteFilePath(localGiven));
+    if (!m_drive.entry(m_remote).dir)
+        throw Failure(Exit::Usage,
+            QStringLiteral("%1 is a file on the server: sync takes a folder (get fetches a file)")
+                .arg(m_remote));
+    const QFileInfo there(m_local);
+    if (there.exists() && !there.isDir())
+        throw Failure(Exit::Usage,
+            QStringLiteral("%1 is no folder: sync makes a folder match a folder").arg(localGiven));
+    const Tree source = walkRemote(m_remote);
+    const Tree target = there.exists() ? walkLocal(m_local) : Tree();
+    const Plan plan = this->plan(source, target,
+        [this](const Entry& remote, const Entry& local) { return sameContent(local, remote.remote); });
+    const auto cannot = [this](const QString& what, const QString& path) {
+        return Failure(Exit::Local, QStringLiteral("cannot %1 %2").arg(what, localAt(path)));
+    };
+    Target folder;
+    folder.name = QStringLiteral("get");
+    folder.makeFolder = [&](const QString& path) {
+        if (!QDir().mkpath(localAt(path)))
+            throw cannot(QStringLiteral("create the folder"), path);
+    };
+    folder.move = [&](const QString& from, const QString& to) {
+        if (!QFile::rename(localAt(from), localAt(to)))
+            throw cannot(QStringLiteral("move %1 to").arg(localAt(from)), to);
+        m_hashes.store(LocalFile::of(localAt(to)), source.value(to).remote.hash);
+    };
+    folder.remove = [&](const QStringList& paths) {
+        QList<std::optional<Failure>> outcomes;
+        for (const QString& path : paths) {
+            const QFileInfo info(localAt(path));
+            const bool removed = info.isDir() && !info.isSymLink() ? QDir(localAt(path)).removeRecursively()
+                                                                   : QFile::remove(localAt(path));
+            outcomes << (removed ? std::nullopt
+                                 : std::optional<Failure>(cannot(QStringLiteral("delete"), path)));
+        }
+        return outcomes;
+    };
+    carry(plan, source, !there.exists(), folder);
+    saveCache();
+    report(plan, m_remote, m_local);
+}
+
+bool Sync::sameContent(const Entry& local, const RemoteEntry& remote)
+{
+    // Without the server's hash, the time it has is all there is to compare.
+    return remote.hash.isEmpty() ? local.file.modifiedNs / 1000000000 == remote.modified
+                                 : m_hashes.hashOf(m_cli.runner, local.file) == remote.hash;
+}
+
+void Sync::saveCache()
+{
+    m_hashes.forgetUnseenBelow(m_local);
     QString error;
     if (!m_hashes.save(&error))
         m_cli.output.note(QStringLiteral("nbcli: %1 (the next sync reads the files again)").arg(error));

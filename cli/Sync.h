@@ -14,6 +14,8 @@
 #include "Transfers.h"
 
 #include <QMap>
+#include <functional>
+#include <optional>
 
 class Cli;
 
@@ -55,18 +57,38 @@ private:
         int unchanged = 0;
     };
 
+    // What a direction does to its target side, by paths relative to the synced folders.
+    struct Target
+    {
+        QString name; // "put" or "get"
+        std::function<void(const QString& path)> makeFolder;
+        std::function<void(const QString& from, const QString& to)> move;
+        // Each path's failure, or none.
+        std::function<QList<std::optional<Failure>>(const QStringList& paths)> remove;
+    };
+
     Tree walkLocal(const QString& root);
     void walkLocal(const QString& root, const QString& below, Tree* tree);
     Tree walkRemote(const QString& root);
     // What makes `target` match `source`; `sameContent` compares two files of the same size.
     Plan plan(const Tree& source, const Tree& target,
         const std::function<bool(const Entry& source, const Entry& target)>& sameContent);
-    QString localHash(const Entry& entry);
+    bool sameContent(const Entry& local, const RemoteEntry& remote);
+    // Carries the plan out (or, in a dry run, reports it): replaced entries deleted, folders
+    // made, moves, transfers, then what the source lacks once every transfer succeeded.
+    void carry(const Plan& plan, const Tree& source, bool rootMissing, const Target& target);
+    QString remoteAt(const QString& path) const;
+    QString localAt(const QString& path) const;
+    // An action's report: {"action","path","local"[,"dry_run"],...}.
+    void did(const QString& action, const QString& path, const QString& line, QJsonObject item = {});
+    void failed(const QString& path, const Failure& failure);
     void report(const Plan& plan, const QString& from, const QString& to);
-    void saveCache(const QString& localRoot);
+    void saveCache();
 
     Cli& m_cli;
     DriveTree& m_drive;
     Options m_options;
     HashCache m_hashes;
+    QString m_local; // absolute
+    QString m_remote;
 };

@@ -5,6 +5,7 @@
 #include "Cli.h"
 #include "Drive.h"
 #include "Options.h"
+#include "PathFilter.h"
 #include "Placement.h"
 #include "RemotePath.h"
 #include "RequestRunner.h"
@@ -168,6 +169,11 @@ private slots:
         QTest::newRow("duration negative") << int(OptionSpec::Duration) << "-1" << false;
         QTest::newRow("duration word") << int(OptionSpec::Duration) << "soon" << false;
         QTest::newRow("duration exponent") << int(OptionSpec::Duration) << "1e3" << false;
+        QTest::newRow("rate bytes") << int(OptionSpec::Rate) << "1000" << true;
+        QTest::newRow("rate unit") << int(OptionSpec::Rate) << "2.5M" << true;
+        QTest::newRow("rate none") << int(OptionSpec::Rate) << "0" << true;
+        QTest::newRow("rate word") << int(OptionSpec::Rate) << "fast" << false;
+        QTest::newRow("rate two units") << int(OptionSpec::Rate) << "1MB" << false;
     }
 
     void optionValues()
@@ -188,6 +194,55 @@ private slots:
         QCOMPARE(Options::durationMs("0.25").value_or(0), 250);
         QCOMPARE(Options::count("64", 1, 64).value_or(0), 64);
         QVERIFY(!Options::count("65", 1, 64));
+        QCOMPARE(Options::rate("2.5M").value_or(0), qint64(2.5 * 1024 * 1024));
+        QCOMPARE(Options::rate("1g").value_or(0), qint64(1) << 30);
+        QCOMPARE(Options::rate("512").value_or(0), qint64(512));
+    }
+
+    // Each pattern as .gitignore reads it: paths relative to the synced folder.
+    void filterPatterns_data()
+    {
+        QTest::addColumn<QStringList>("rules"); // "+PATTERN" includes, "-PATTERN" excludes
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<bool>("folder");
+        QTest::addColumn<bool>("excluded");
+        const auto row = [](const char* name, QStringList rules, QString path, bool folder, bool excluded) {
+            QTest::newRow(name) << rules << path << folder << excluded;
+        };
+        row("no rule", {}, "a/b.txt", false, false);
+        row("name at any depth", { "-*.o" }, "src/deep/x.o", false, true);
+        row("star stays in a name", { "-*.o" }, "src/x.o.txt", false, false);
+        row("anchored", { "-/build" }, "build", true, true);
+        row("anchored, not below", { "-/build" }, "src/build", true, false);
+        row("with a slash inside", { "-docs/*.pdf" }, "docs/a.pdf", false, true);
+        row("with a slash, not deeper", { "-docs/*.pdf" }, "docs/x/a.pdf", false, false);
+        row("below an excluded folder", { "-cache/" }, "cache/x/y.bin", false, true);
+        row("folders only", { "-cache/" }, "cache", false, false);
+        row("double star", { "-**/tmp/**" }, "a/b/tmp/c/d", false, true);
+        row("double star in the middle", { "-a/**/z" }, "a/z", false, true);
+        row("question mark", { "-?.txt" }, "ab.txt", false, false);
+        row("set", { "-[ab].txt" }, "b.txt", false, true);
+        row("negated set", { "-[!ab].txt" }, "b.txt", false, false);
+        row("last match decides", { "-*.log", "+keep.log" }, "x/keep.log", false, false);
+        row("first include: only included files", { "+*.txt" }, "x/a.bin", false, true);
+        row("first include: folders looked into", { "+*.txt" }, "x", true, false);
+        row("first include: included", { "+*.txt" }, "x/a.txt", false, false);
+        row("special characters are plain", { "-a+b (1).txt" }, "a+b (1).txt", false, true);
+    }
+
+    void filterPatterns()
+    {
+        QFETCH(QStringList, rules);
+        QFETCH(QString, path);
+        QFETCH(bool, folder);
+        QFETCH(bool, excluded);
+        PathFilter filter;
+        QString error;
+        for (const QString& rule : rules)
+            QVERIFY(filter.add(rule.mid(1), rule.startsWith('+'), &error));
+        QCOMPARE(filter.excluded(path, folder), excluded);
+        QVERIFY(!filter.add("/", false, &error));
+        QVERIFY(!error.isEmpty());
     }
 
     void choices()

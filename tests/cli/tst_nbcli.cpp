@@ -556,7 +556,8 @@ private slots:
         CliRun run = nbcli({ "get", "--json", "/range.bin", target });
         CLI_OK(run);
         QCOMPARE(qint64(results(run.out).at(0).toObject().value("resumed_from").toDouble()), kept);
-        QCOMPARE(qint64(countTargets(emu, "GET", "/v2/dl_router/") - ranged), (content.size() - kept) / span);
+        QCOMPARE(qint64(countTargets(emu, "GET", "/v2/dl_router/") - ranged - run.err.count("retrying in")),
+            (content.size() - kept) / span);
         QVERIFY(readFile(target) == content);
         QFile::remove(target);
         writeFile(part, content.left(1000));
@@ -565,7 +566,8 @@ private slots:
         CLI_OK(run);
         QVERIFY2(run.out.contains(", resumed after 1000 B, hash ok"), qPrintable(run.out));
         QCOMPARE(countTargets(emu, "GET", "/v2/files/databox/range.bin"), 0); // large files come in ranges
-        QCOMPARE(countTargets(emu, "GET", "/v2/dl_router/") - ranged, 10);
+        // One request a range, but for those the run said it tried again.
+        QCOMPARE(countTargets(emu, "GET", "/v2/dl_router/") - ranged - run.err.count("retrying in"), 10);
         QVERIFY(readFile(target) == content);
         QVERIFY(!QFileInfo::exists(part));
     }

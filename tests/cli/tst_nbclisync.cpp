@@ -14,6 +14,7 @@
 #include <QRandomGenerator>
 #include <QSet>
 #include <QTemporaryDir>
+#include <algorithm>
 
 namespace {
 
@@ -49,32 +50,31 @@ QMap<QString, QByteArray> treeOf(const QString& root)
     return files;
 }
 
-// The uploads among requests: whole files, chunks and commits.
-int uploads(const QList<QJsonObject>& requests)
+// The requests of `method` whose targets start with one of `routes`.
+int countRequests(const QList<QJsonObject>& requests, const QString& method, const QStringList& routes)
 {
     int count = 0;
     for (const QJsonObject& line : requests) {
         const QString target = line.value("target").toString();
-        count += line.value("method").toString() == QLatin1String("POST")
-                && (target.startsWith("/v2/files/databox") || target.startsWith("/v2/chunked_upload")
-                    || target.contains("commit_chunked_upload"))
+        count += line.value("method").toString() == method
+                && std::any_of(routes.cbegin(), routes.cend(),
+                    [&](const QString& route) { return target.startsWith(route); })
             ? 1
             : 0;
     }
     return count;
 }
 
+// Whole files, chunks and commits.
+int uploads(const QList<QJsonObject>& requests)
+{
+    return countRequests(
+        requests, "POST", { "/v2/files/databox", "/v2/chunked_upload", "/v2/commit_chunked_upload" });
+}
+
 int downloads(const QList<QJsonObject>& requests)
 {
-    int count = 0;
-    for (const QJsonObject& line : requests) {
-        const QString target = line.value("target").toString();
-        count += line.value("method").toString() == QLatin1String("GET")
-                && (target.startsWith("/v2/files/databox") || target.startsWith("/v2/dl_router"))
-            ? 1
-            : 0;
-    }
-    return count;
+    return countRequests(requests, "GET", { "/v2/files/databox", "/v2/dl_router" });
 }
 
 // What a --json run did or would do: "action path [from]" of each result.

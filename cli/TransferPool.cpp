@@ -2,6 +2,7 @@
 
 #include "RemoteTree.h"
 
+#include <QCoreApplication>
 #include <QMutex>
 #include <QThread>
 #include <QTimer>
@@ -116,8 +117,16 @@ void TransferPool::run(int count, const std::function<bool(int)>& heavy, const W
             if (failure && failure->exit == Exit::Interrupted)
                 break;
         }
-        QMutexLocker lock(&shared.mutex);
-        shared.runners.removeOne(&runner);
+        {
+            QMutexLocker lock(&shared.mutex);
+            shared.runners.removeOne(&runner);
+        }
+        // The library's last replies are cleaned up through this thread's events: run them
+        // before the thread ends, which would leave them undone.
+        for (int round = 0; round < 3; ++round) {
+            QCoreApplication::sendPostedEvents();
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        }
     };
 
     std::vector<std::unique_ptr<QThread>> started;

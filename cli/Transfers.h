@@ -49,7 +49,6 @@ public:
     using Sent = std::function<void(const Item&, const QString& hash)>;
     void putItems(const QList<Item>& items, const Sent& sent = {});
     void getItems(const QList<Item>& items, bool toOutput = false, const Sent& sent = {});
-    QJsonObject itemJson(const Item& item) const;
 
 private:
     using File = std::function<TransferPool::Publish(Progress&, RemoteTree&, const Item&)>;
@@ -63,6 +62,7 @@ private:
     void run(const QList<Item>& items, const std::function<void(const Item&)>& folder, const File& file);
     // Runs `step`; a failure (but an interrupt) is reported for the item and the run goes on.
     void attempt(const Item& item, const std::function<void()>& step);
+    QJsonObject itemJson(const Item& item) const;
     // What a dry run reports of an item: the action it would take.
     void wouldDo(const Item& item, const QString& action, const QString& line);
 

@@ -233,12 +233,16 @@ private slots:
         client.request(calls.completion(), true);
         QVERIFY(calls.waitForCompletions(1, 10000));
         QCOMPARE(calls.last().networkError, 0);
-        QCOMPARE(server.requestCount(), 2);
-        QCOMPARE(
-            server.requests().at(0).header("Cookie"), QByteArray("S=vc; language=zh; X-NIMBRA-SESS-ID=s"));
-        QCOMPARE(server.requests().at(1).path(), QByteArray("/to"));
-        QCOMPARE(server.requests().at(1).header("Cookie"),
-            QByteArray("S=vc; language=zh; X-NIMBRA-SESS-ID=s; r=1"));
+        // Under load Qt now and then sends the first GET again on a second connection before
+        // following the redirect: the same bytes, so only the redirect's target is counted.
+        const QList<RecordedRequest> requests = server.requests();
+        QVERIFY(requests.size() >= 2);
+        QCOMPARE(requests.last().path(), QByteArray("/to"));
+        QCOMPARE(requests.last().header("Cookie"), QByteArray("S=vc; language=zh; X-NIMBRA-SESS-ID=s; r=1"));
+        for (int i = 0; i + 1 < requests.size(); ++i) {
+            QCOMPARE(requests.at(i).path(), QByteArray("/from"));
+            QCOMPARE(requests.at(i).header("Cookie"), QByteArray("S=vc; language=zh; X-NIMBRA-SESS-ID=s"));
+        }
     }
 
     // Qt 6 would take HTTP/2 where the server offers it; the library speaks HTTP/1.1.

@@ -1,4 +1,4 @@
-// login, logout, whoami.
+// login, logout, whoami, profile.
 #include "Cli.h"
 
 #include <NBBaseParse.h>
@@ -195,6 +195,78 @@ void whoami(Cli& cli, const QCommandLineParser&, const QStringList&)
         QStringLiteral("%1 on %2 (%3)").arg(user, cli.settings.server, Config::typeName(cli.settings.type)));
 }
 
+QJsonObject profileJson(const QString& name, const Settings& settings, bool current)
+{
+    return QJsonObject { { "profile", name }, { "current", current }, { "server", settings.server },
+        { "type", settings.type }, { "user", settings.user }, { "signed_in", !settings.session.isEmpty() },
+        { "cacert", settings.caFile }, { "insecure", settings.insecure }, { "file", Config::file(name) } };
+}
+
+QString profileLine(const QString& name, const Settings& settings, bool current)
+{
+    const QString who = settings.server.isEmpty()
+        ? QStringLiteral("no server")
+        : QStringLiteral("%1 on %2 (%3)%4")
+              .arg(settings.user.isEmpty() ? QStringLiteral("-") : settings.user, settings.server,
+                  Config::typeName(settings.type),
+                  settings.session.isEmpty() ? QStringLiteral(", signed out") : QString());
+    return (current ? QStringLiteral("* ") : QStringLiteral("  ")) + name.leftJustified(12) + QLatin1Char(' ')
+        + who;
+}
+
+// The session itself is never shown: "signed_in" says whether there is one.
+void profile(Cli& cli, const QCommandLineParser&, const QStringList& args)
+{
+    const QString action = args.first();
+    const QString name = args.value(1, action == QLatin1String("show") ? cli.profile : QString());
+    if ((action == QLatin1String("list") && args.size() != 1)
+        || (action == QLatin1String("remove") && args.size() != 2)
+        || (action != QLatin1String("list") && action != QLatin1String("show")
+            && action != QLatin1String("remove")))
+        throw Failure(Exit::Usage,
+            QStringLiteral(
+                "usage: nbcli profile list | show [NAME] | remove NAME (nbcli profile --help explains)"));
+    if (action == QLatin1String("list")) {
+        for (const QString& each : Config::profiles()) {
+            QString error;
+            const Settings settings = Config::load(each, &error);
+            cli.output.result(profileJson(each, settings, each == cli.profile),
+                profileLine(each, settings, each == cli.profile));
+        }
+        return;
+    }
+    if (!Config::isProfileName(name) || !QFile::exists(Config::file(name)))
+        throw Failure(Exit::Usage,
+            QStringLiteral("no profile \"%1\" (nbcli profile list shows them)").arg(name),
+            QStringLiteral("not found"));
+    QString error;
+    if (action == QLatin1String("remove")) {
+        if (!Config::remove(name, &error))
+            throw Failure(Exit::Local, error);
+        cli.output.done(QJsonObject { { "profile", name } },
+            QStringLiteral("removed profile %1 (a session on the server ends when it expires)").arg(name));
+        return;
+    }
+    const Settings settings = Config::load(name, &error);
+    if (!error.isEmpty())
+        throw Failure(Exit::Local, error);
+    QJsonObject item = profileJson(name, settings, name == cli.profile);
+    QStringList lines { QStringLiteral("profile    %1%2")
+                            .arg(name, name == cli.profile ? QStringLiteral(" (current)") : QString()),
+        QStringLiteral("file       %1").arg(Config::file(name)),
+        QStringLiteral("server     %1").arg(settings.server),
+        QStringLiteral("type       %1 (%2)").arg(settings.type).arg(Config::typeName(settings.type)),
+        QStringLiteral("user       %1").arg(settings.user),
+        QStringLiteral("signed in  %1")
+            .arg(settings.session.isEmpty() ? QStringLiteral("no") : QStringLiteral("yes")),
+        QStringLiteral("tls        %1")
+            .arg(settings.insecure ? QStringLiteral("not verified (--insecure)")
+                    : settings.caFile.isEmpty()
+                    ? QStringLiteral("the system's CAs")
+                    : QStringLiteral("the system's CAs and ") + settings.caFile) };
+    cli.output.result(item, lines.join(QLatin1Char('\n')));
+}
+
 } // namespace
 
 QList<Command> accountCommands()
@@ -228,5 +300,15 @@ QList<Command> accountCommands()
         { "logout", "", "Forget the stored session.", "  nbcli logout", {}, 0, 0, Needs::Nothing, logout },
         { "whoami", "", "Show the signed-in account.", "  nbcli whoami --json", {}, 0, 0, Needs::Session,
             whoami },
+        { "profile", "list | show [NAME] | remove NAME", "List, show or remove the stored sign-ins.",
+            "A profile keeps one server, deployment type, user, session and TLS choices. The global option "
+            "--profile NAME (or NB_PROFILE) picks the one a command uses and that login fills; without "
+            "either, \"default\". show names the current profile without NAME; the session itself is never "
+            "printed. remove forgets a profile on this machine.\n\n"
+            "  nbcli --profile work login --server https://drive.example --user alice\n"
+            "  NB_PROFILE=work nbcli ls /\n"
+            "  nbcli profile list\n"
+            "  nbcli profile remove work",
+            {}, 1, 2, Needs::Nothing, profile },
     };
 }

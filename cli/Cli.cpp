@@ -74,6 +74,10 @@ QList<OptionSpec> Cli::globalOptions()
         OptionSpec::choice({ "type" },
             "Deployment type: 0 or private, 1 or cloud, 2 or six (default: the last login's, or NB_TYPE).",
             "TYPE", Types),
+        OptionSpec::value({ "profile" },
+            "The stored sign-in to use and keep (default: NB_PROFILE, else \"default\"); nbcli profile "
+            "list shows them.",
+            "NAME", OptionSpec::Text),
         OptionSpec::choice({ "space" },
             "The path type of remote paths: ent (default), self, share_in, share_out, book_mark, trans, "
             "recycle.",
@@ -112,14 +116,15 @@ QString Cli::overview()
     text += QStringLiteral("\nGlobal options (before or after the command):\n");
     for (const OptionSpec& option : globalOptions())
         text += optionLine(option) + QLatin1Char('\n');
-    text += QStringLiteral(
-                "  --help                   This help; nbcli COMMAND --help, a command's.\n"
-                "  --version                The version.\n\n"
-                "Environment: NB_SERVER, NB_TYPE, NB_USER, NB_PASSWORD, NB_OTP, NB_MOBILE, NB_SMS_CODE, "
-                "NB_SHARE_PASSWORD, NB_TIMEOUT, NB_CACERT.\n"
-                "The session is kept in ")
-        + Config::file()
-        + QStringLiteral(" (mode 0600). Server certificates are verified (the system's CAs, and --cacert). "
+    text += QStringLiteral("  --help                   This help; nbcli COMMAND --help, a command's.\n"
+                           "  --version                The version.\n\n"
+                           "Environment: NB_PROFILE, NB_SERVER, NB_TYPE, NB_USER, NB_PASSWORD, NB_OTP, "
+                           "NB_MOBILE, NB_SMS_CODE, "
+                           "NB_SHARE_PASSWORD, NB_TIMEOUT, NB_CACERT.\n"
+                           "Each profile's session is kept in ")
+        + Config::directory()
+        + QStringLiteral(" (session.json for \"default\", profiles/NAME.json for the others; mode 0600). "
+                         "Server certificates are verified (the system's CAs, and --cacert). "
                          "The library's log "
                          "(Transfer.log) hides passwords, codes, tokens and sessions, and so does everything "
                          "nbcli prints.\n")
@@ -280,8 +285,15 @@ void Cli::configure(const QCommandLineParser& parser)
     runner.setTimeout(timeout.isEmpty() ? 0 : *Options::durationMs(timeout));
     space = parser.value("space").toLower();
 
+    profile = parser.isSet("profile") ? parser.value("profile") : environment("NB_PROFILE");
+    if (profile.isEmpty() && !parser.isSet("profile"))
+        profile = QStringLiteral("default");
+    if (!Config::isProfileName(profile))
+        throw Failure(Exit::Usage,
+            QStringLiteral("a profile is named with letters, digits, \".\", \"_\" and \"-\", not \"%1\"")
+                .arg(profile));
     QString error;
-    settings = Config::load(&error);
+    settings = Config::load(profile, &error);
     if (!error.isEmpty())
         console.note(QStringLiteral("nbcli: %1").arg(error));
     const Settings stored = settings;
@@ -351,12 +363,16 @@ QString Cli::withScheme(const QString& address)
 
 void Cli::connect(bool signedIn)
 {
+    // Commands to copy name the profile they were run with.
+    const QString nbcli = profile == QLatin1String("default")
+        ? QStringLiteral("nbcli")
+        : QStringLiteral("nbcli --profile %1").arg(profile);
     if (settings.server.isEmpty())
         throw Failure(
-            Exit::Usage, QStringLiteral("no server: run nbcli login --server URL, or give --server"));
+            Exit::Usage, QStringLiteral("no server: run %1 login --server URL, or give --server").arg(nbcli));
     if (signedIn && settings.session.isEmpty())
         throw Failure(Exit::Usage,
-            QStringLiteral("not signed in to %1: run nbcli login").arg(settings.server),
+            QStringLiteral("not signed in to %1: run %2 login").arg(settings.server, nbcli),
             QStringLiteral("not signed in"));
     settings.server = withScheme(settings.server);
     ServerApi::setLogLevel(console.verbose);
@@ -376,6 +392,6 @@ void Cli::connect(bool signedIn)
 void Cli::save()
 {
     QString error;
-    if (!Config::save(settings, &error))
+    if (!Config::save(profile, settings, &error))
         throw Failure(Exit::Local, error);
 }

@@ -48,6 +48,8 @@ public:
     Console& console;
     RequestRunner& runner;
     Output output;
+    // The profile of this run (--profile, else NB_PROFILE, else "default") and its settings.
+    QString profile = QStringLiteral("default");
     Settings settings;
     QString space = QStringLiteral("ent");
     // This run's TLS choices: its options, else NB_CACERT, else what the login kept.

@@ -3,7 +3,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileDevice>
+#include <QFileInfo>
 #include <QJsonDocument>
+#include <QRegularExpression>
 #include <QSaveFile>
 #include <QStandardPaths>
 #include <QUuid>
@@ -13,15 +15,38 @@ QString Config::directory()
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/nbcli");
 }
 
-QString Config::file()
+QString Config::file(const QString& profile)
 {
-    return directory() + QStringLiteral("/session.json");
+    // The default profile keeps the file of the sign-ins made before there were profiles.
+    if (profile == QLatin1String("default"))
+        return directory() + QStringLiteral("/session.json");
+    return directory() + QStringLiteral("/profiles/") + profile + QStringLiteral(".json");
 }
 
-Settings Config::load(QString* error)
+bool Config::isProfileName(const QString& name)
+{
+    static const QRegularExpression valid(QStringLiteral("^[A-Za-z0-9_][A-Za-z0-9._-]{0,63}$"));
+    return valid.match(name).hasMatch();
+}
+
+QStringList Config::profiles()
+{
+    QStringList names;
+    for (const QString& entry : QDir(directory() + QStringLiteral("/profiles"))
+                                    .entryList({ QStringLiteral("*.json") }, QDir::Files, QDir::Name)) {
+        const QString name = entry.chopped(5);
+        if (isProfileName(name) && name != QLatin1String("default"))
+            names << name;
+    }
+    if (QFile::exists(file(QStringLiteral("default"))))
+        names.prepend(QStringLiteral("default"));
+    return names;
+}
+
+Settings Config::load(const QString& profile, QString* error)
 {
     Settings settings;
-    QFile file(Config::file());
+    QFile file(Config::file(profile));
     if (file.open(QIODevice::ReadOnly)) {
         QJsonParseError parse {};
         const QJsonObject stored = QJsonDocument::fromJson(file.readAll(), &parse).object();
@@ -42,18 +67,19 @@ Settings Config::load(QString* error)
     return settings;
 }
 
-bool Config::save(const Settings& settings, QString* error)
+bool Config::save(const QString& profile, const Settings& settings, QString* error)
 {
     const QJsonObject stored { { "server", settings.server }, { "type", settings.type },
         { "user", settings.user }, { "session", settings.session }, { "device_uuid", settings.deviceUuid },
         { "cacert", settings.caFile }, { "insecure", settings.insecure }, { "cursors", settings.cursors } };
-    if (!QDir().mkpath(directory())
-        || !QFile::setPermissions(
-            directory(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner)) {
-        *error = QStringLiteral("cannot create %1").arg(directory());
+    const QString folder = QFileInfo(Config::file(profile)).path();
+    const auto ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
+    if (!QDir().mkpath(folder) || !QFile::setPermissions(directory(), ownerOnly)
+        || !QFile::setPermissions(folder, ownerOnly)) {
+        *error = QStringLiteral("cannot create %1").arg(folder);
         return false;
     }
-    QSaveFile file(Config::file());
+    QSaveFile file(Config::file(profile));
     // The session is a credential: readable by its owner only, from the first byte on.
     if (!file.open(QIODevice::WriteOnly)
         || !file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner)
@@ -64,11 +90,12 @@ bool Config::save(const Settings& settings, QString* error)
     return true;
 }
 
-bool Config::forget(QString* error)
+bool Config::remove(const QString& profile, QString* error)
 {
-    if (!QFile::exists(file()) || QFile::remove(file()))
+    if (QFile::remove(file(profile)))
         return true;
-    *error = QStringLiteral("cannot remove %1").arg(file());
+    *error = QFile::exists(file(profile)) ? QStringLiteral("cannot remove %1").arg(file(profile))
+                                          : QStringLiteral("no profile \"%1\"").arg(profile);
     return false;
 }
 

@@ -250,7 +250,7 @@ void Sync::carry(const Plan& plan, const Tree& source, bool rootMissing, const T
     QList<Transfers::Item> items;
     for (const QString& path : plan.sends) {
         const Entry& file = source.value(path);
-        Transfers::Item item { localAt(path), remoteAt(path), false, file.bytes, file.remote };
+        Transfers::Item item { localAt(path), remoteAt(path), false, file.bytes, file.remote, false, {} };
         item.action = target.name;
         items << item;
         if (dry)

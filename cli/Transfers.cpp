@@ -63,10 +63,10 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
     const QFileInfo info(local);
     if (!info.isDir()) {
         // A FIFO or a device named on its own is read as a stream, like standard input.
-        items->append(Item { local, remote, false, info.isFile() ? info.size() : 0, {}, !info.isFile() });
+        items->append(Item { local, remote, false, info.isFile() ? info.size() : 0, {}, !info.isFile(), {} });
         return;
     }
-    items->append(Item { local, remote, true, 0, {} });
+    items->append(Item { local, remote, true, 0, {}, false, {} });
     // Walked by its absolute path, so that every path below is relative to the folder
     // itself, whatever form the given path takes.
     const QString base = QDir::cleanPath(QDir::current().absoluteFilePath(local));
@@ -102,7 +102,7 @@ void Transfers::planLocal(const QString& local, const QString& remote, QList<Ite
             continue;
         }
         items->append(Item { path, RemotePath::join(remote, root.relativeFilePath(path)), entry.isDir(),
-            entry.isDir() ? 0 : entry.size(), {} });
+            entry.isDir() ? 0 : entry.size(), {}, false, {} });
     }
 }
 
@@ -119,7 +119,7 @@ void Transfers::put(const QStringList& locals, const QString& remote, bool dryRu
     for (const QString& local : locals) {
         const QFileInfo info(local);
         const QString destination = Placement::remoteFor(target, local, into);
-        const Item item { local, destination, info.isDir(), 0, {} };
+        const Item item { local, destination, info.isDir(), 0, {}, false, {} };
         if (!info.exists()) {
             const QString why = info.isSymLink() ? QStringLiteral(" (a symlink to nothing)")
                 : local.contains(QChar::ReplacementCharacter)
@@ -205,7 +205,7 @@ void Transfers::putStandardInput(const QString& remote, bool dryRun)
     if (RemotePath::spelledAsFolder(remote) || (existing && existing->dir))
         throw Failure(Exit::Usage,
             QStringLiteral("put - REMOTE: REMOTE names the file standard input becomes, not a folder"));
-    const Item item { QStringLiteral("-"), target, false, 0, {} };
+    const Item item { QStringLiteral("-"), target, false, 0, {}, false, {} };
     if (dryRun) {
         QJsonObject json = itemJson(item);
         json.insert("dry_run", true);
@@ -233,7 +233,7 @@ void Transfers::planRemote(
 {
     // A folder is listed before anything of it is planned: a listing that fails leaves nothing made.
     const QList<RemoteEntry> children = entry.dir ? m_tree.list(remote) : QList<RemoteEntry>();
-    items->append(Item { local, remote, entry.dir, entry.dir ? 0 : entry.bytes, entry });
+    items->append(Item { local, remote, entry.dir, entry.dir ? 0 : entry.bytes, entry, false, {} });
     for (const RemoteEntry& child : children)
         planRemote(RemotePath::join(remote, child.name), child, QDir(local).filePath(child.name), items);
 }
@@ -253,7 +253,7 @@ void Transfers::get(const QStringList& remotes, const QString& local, bool dryRu
     QList<Item> items;
     for (const QString& remote : remotes) {
         const QString path = RemotePath::normalise(remote);
-        attempt(Item { local, path, false, 0, {} }, [&] {
+        attempt(Item { local, path, false, 0, {}, false, {} }, [&] {
             const RemoteEntry entry = rev.isEmpty() ? m_tree.entry(path) : m_tree.revision(path, rev);
             if (toOutput && entry.dir)
                 throw Failure(Exit::Usage,

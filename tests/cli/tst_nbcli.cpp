@@ -199,6 +199,83 @@ private slots:
             run.err.trimmed(), QStringLiteral("nbcli: not signed in to %1: run nbcli login").arg(emu.url()));
     }
 
+    // Two servers and users side by side: each command reaches the profile it names, and
+    // the profiles' files stay as private as the default one.
+    void profilesKeepSeveralSignIns()
+    {
+        EmuProcess home;
+        EmuProcess work({ "--user", "bob:hunter2" }, 0);
+        CLI_OK(
+            nbcli({ "login", "--server", home.url(), "--user", "alice" }, { { "NB_PASSWORD", "secret" } }));
+        CLI_OK(nbcli(
+            { "--profile", "work", "login", "--server", work.url(), "--type", "private", "--user", "bob" },
+            { { "NB_PASSWORD", "hunter2" } }));
+
+        CliRun run = nbcli({ "whoami" });
+        QCOMPARE(run.out.trimmed(), QStringLiteral("alice on %1 (public cloud)").arg(home.url()));
+        run = nbcli({ "whoami" }, { { "NB_PROFILE", "work" } });
+        QCOMPARE(run.out.trimmed(), QStringLiteral("bob on %1 (private)").arg(work.url()));
+        // The option wins over the environment.
+        run = nbcli({ "whoami", "--profile", "default" }, { { "NB_PROFILE", "work" } });
+        QCOMPARE(run.out.trimmed(), QStringLiteral("alice on %1 (public cloud)").arg(home.url()));
+        CLI_OK(nbcli({ "--profile", "work", "mkdir", "/bobs" }));
+        QCOMPARE(nbcli({ "stat", "/bobs" }).exit, 2);
+
+        const QString config
+            = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/nbcli";
+        const QString workFile = config + "/profiles/work.json";
+        const QFileDevice::Permissions others = QFileDevice::ReadGroup | QFileDevice::WriteGroup
+            | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::WriteOther
+            | QFileDevice::ExeOther;
+        QCOMPARE(QFileInfo(workFile).permissions() & others, QFileDevice::Permissions());
+        QCOMPARE(QFileInfo(config + "/profiles").permissions() & others, QFileDevice::Permissions());
+        const QString session
+            = json(QString::fromUtf8(readFile(workFile))).toObject().value("session").toString();
+        QVERIFY(!session.isEmpty());
+
+        run = nbcli({ "profile", "list", "--json" }, { { "NB_PROFILE", "work" } });
+        CLI_OK(run);
+        QJsonArray listed = results(run.out);
+        QCOMPARE(listed.size(), 2);
+        QCOMPARE(listed.at(0).toObject().value("profile").toString(), QString("default"));
+        QCOMPARE(listed.at(0).toObject().value("current").toBool(), false);
+        QCOMPARE(listed.at(1).toObject().value("profile").toString(), QString("work"));
+        QCOMPARE(listed.at(1).toObject().value("current").toBool(), true);
+        QCOMPARE(listed.at(1).toObject().value("user").toString(), QString("bob"));
+        QCOMPARE(listed.at(1).toObject().value("type").toInt(), 0);
+        QCOMPARE(listed.at(1).toObject().value("signed_in").toBool(), true);
+        run = nbcli({ "profile", "list" });
+        QVERIFY2(run.out.contains(QRegularExpression("^\\* default +alice on ")), qPrintable(run.out));
+        QVERIFY(run.out.contains(QRegularExpression("\n  work +bob on ")));
+        run = nbcli({ "profile", "show", "work" });
+        CLI_OK(run);
+        QVERIFY(run.out.contains("signed in  yes"));
+        QVERIFY(run.out.contains(workFile));
+        QVERIFY(!run.out.contains(session));
+        QVERIFY(!nbcli({ "profile", "show", "work", "--json" }).out.contains(session));
+
+        // Names that are not file names, or could be read as options, are refused.
+        for (const char* name : { "../x", ".hidden", "-x", "a/b", "" }) {
+            run = nbcli({ "whoami", "--profile", name });
+            QCOMPARE(run.exit, 1);
+        }
+        QCOMPARE(nbcli({ "profile", "show", "nope" }).exit, 1);
+        QCOMPARE(nbcli({ "profile", "frob" }).exit, 1);
+        QCOMPARE(nbcli({ "profile", "remove" }).exit, 1);
+
+        // logout forgets one profile's session; remove forgets the profile.
+        CLI_OK(nbcli({ "logout", "--profile", "work" }));
+        CLI_OK(nbcli({ "whoami" }));
+        run = nbcli({ "profile", "remove", "work" });
+        CLI_OK(run);
+        QVERIFY(!QFile::exists(workFile));
+        run = nbcli({ "whoami", "--profile", "work" });
+        QCOMPARE(run.exit, 1);
+        QCOMPARE(run.err.trimmed(),
+            QString("nbcli: no server: run nbcli --profile work login --server URL, or give --server"));
+        CLI_OK(nbcli({ "whoami" }));
+    }
+
     void tlsVerifiedUnlessAskedNotTo()
     {
         EmuProcess emu({ "--user", "alice:secret", "--tls-self-signed" });

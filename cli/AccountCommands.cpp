@@ -309,6 +309,6 @@ QList<Command> accountCommands()
             "  NB_PROFILE=work nbcli ls /\n"
             "  nbcli profile list\n"
             "  nbcli profile remove work",
-            {}, 1, 2, Needs::Nothing, profile },
+            {}, 1, 2, Needs::Nothing, profile, Operands::Profiles, { "list", "show", "remove" } },
     };
 }

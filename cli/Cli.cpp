@@ -1,5 +1,9 @@
 #include "Cli.h"
 
+#include "Completion.h"
+#include "HashCache.h"
+#include "ManPage.h"
+
 #include <INBSeverApi.h>
 #include <QCoreApplication>
 #include <QDir>
@@ -105,29 +109,44 @@ QList<Command> Cli::commands()
     return accountCommands() + namespaceCommands() + transferCommands() + otherCommands();
 }
 
+QString Cli::description()
+{
+    return QStringLiteral(
+        "A command-line client of the cloud drive. nbcli COMMAND --help explains each command.");
+}
+
+QString Cli::environmentText()
+{
+    return QStringLiteral(
+        "Environment: NB_PROFILE, NB_SERVER, NB_TYPE, NB_USER, NB_PASSWORD, NB_OTP, NB_MOBILE, NB_SMS_CODE, "
+        "NB_SHARE_PASSWORD, NB_TIMEOUT, NB_CACERT; an option given wins over its variable.");
+}
+
+QString Cli::filesText(bool generic)
+{
+    const QString config = generic ? QStringLiteral("$XDG_CONFIG_HOME/nbcli (~/.config/nbcli without it)")
+                                   : Config::directory();
+    const QString cache = generic ? QStringLiteral("$XDG_CACHE_HOME/nbcli/hashes.json") : HashCache::file();
+    return QStringLiteral("Each profile's session is kept in %1 (session.json for \"default\", "
+                          "profiles/NAME.json for the others; mode 0600), the hashes of local files in "
+                          "%2. Server certificates are verified (the system's CAs, and --cacert). The "
+                          "library's log (Transfer.log) hides passwords, codes, tokens and sessions, and so "
+                          "does everything nbcli prints.")
+        .arg(config, cache);
+}
+
 QString Cli::overview()
 {
-    QString text = QStringLiteral(
-        "Usage: nbcli [global options] COMMAND [options] [arguments]\n"
-        "A command-line client of the cloud drive. nbcli COMMAND --help explains each command.\n\n"
-        "Commands:\n");
+    QString text = QStringLiteral("Usage: nbcli [global options] COMMAND [options] [arguments]\n")
+        + description() + QStringLiteral("\n\nCommands:\n");
     for (const Command& command : commands())
         text += QStringLiteral("  %1 %2\n").arg(command.name.leftJustified(10), command.summary);
     text += QStringLiteral("\nGlobal options (before or after the command):\n");
     for (const OptionSpec& option : globalOptions())
         text += optionLine(option) + QLatin1Char('\n');
     text += QStringLiteral("  --help                   This help; nbcli COMMAND --help, a command's.\n"
-                           "  --version                The version.\n\n"
-                           "Environment: NB_PROFILE, NB_SERVER, NB_TYPE, NB_USER, NB_PASSWORD, NB_OTP, "
-                           "NB_MOBILE, NB_SMS_CODE, "
-                           "NB_SHARE_PASSWORD, NB_TIMEOUT, NB_CACERT.\n"
-                           "Each profile's session is kept in ")
-        + Config::directory()
-        + QStringLiteral(" (session.json for \"default\", profiles/NAME.json for the others; mode 0600). "
-                         "Server certificates are verified (the system's CAs, and --cacert). "
-                         "The library's log "
-                         "(Transfer.log) hides passwords, codes, tokens and sessions, and so does everything "
-                         "nbcli prints.\n")
+                           "  --version                The version.\n\n")
+        + environmentText() + QLatin1Char('\n') + filesText() + QLatin1Char('\n')
         + QLatin1String(exitTable());
     return text;
 }
@@ -196,6 +215,20 @@ int Cli::runCommand(const QStringList& arguments)
 {
     const QList<Command> all = commands();
     this->arguments = arguments;
+    // What the shell scripts and the build ask; not commands a person types.
+    if (arguments.value(1) == QLatin1String("__complete")) {
+        const QStringList found = Completion::candidates(
+            arguments.mid(2), [this](const QStringList& globals, const QString& folder) {
+                return remoteNames(globals, folder);
+            });
+        for (const QString& word : found)
+            console.out(word);
+        return 0;
+    }
+    if (arguments.value(1) == QLatin1String("__man")) {
+        console.out(ManPage::roff(QCoreApplication::applicationVersion()));
+        return 0;
+    }
     // QCommandLineParser has no subcommands: find the verb first, then parse again with its options.
     QCommandLineParser first;
     first.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
@@ -394,4 +427,29 @@ void Cli::save()
     QString error;
     if (!Config::save(profile, settings, &error))
         throw Failure(Exit::Local, error);
+}
+
+QStringList Cli::remoteNames(const QStringList& globals, const QString& folder)
+{
+    QCommandLineParser parser;
+    for (const OptionSpec& option : globalOptions())
+        parser.addOption(option.option());
+    if (!parser.parse(QStringList { QStringLiteral("nbcli") } + globals))
+        return {};
+    QStringList names;
+    try {
+        configure(parser);
+        console.quiet = true;
+        // A shell waits for the answer: one try, and not long.
+        runner.setRetries(0);
+        runner.setTimeout(3000);
+        if (settings.session.isEmpty())
+            return {};
+        connect(true);
+        for (const RemoteEntry& entry : drive().list(folder))
+            names << entry.name + (entry.dir ? QStringLiteral("/") : QString());
+    } catch (const Failure&) {
+        return {};
+    }
+    return names;
 }

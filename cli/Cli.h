@@ -25,6 +25,11 @@ enum class Needs {
     Session, // a signed-in session
 };
 
+// What a command's arguments name, for completion: remote paths, local ones, both told
+// apart by their form (put's target, get's sources, a "/" in front; sync's remote side, a
+// ":"), or stored profiles.
+enum class Operands { None, Remote, Local, Put, Get, Sides, Profiles };
+
 // One verb of nbcli: its help and options, its arguments, what it needs, and what it
 // runs. `run` reports through cli.output and throws the Failure that stops it.
 struct Command
@@ -38,6 +43,8 @@ struct Command
     int maxArgs = -1;
     Needs needs = Needs::Session;
     std::function<void(Cli&, const QCommandLineParser&, const QStringList&)> run;
+    Operands operands = Operands::None;
+    QStringList words {}; // what the first argument may be, when it is a word of its own
 };
 
 class Cli
@@ -73,8 +80,12 @@ public:
     // The server address with a scheme: a bare host is completed by probing https, then http.
     static QString withScheme(const QString& address);
 
-    // The help of the whole program, and of one command.
+    // The help of the whole program, and of one command; the parts a manual shares with it.
     static QString overview();
+    static QString description();
+    static QString environmentText();
+    // Where the files are: here, or as a manual names them for everyone (`generic`).
+    static QString filesText(bool generic = false);
     static QString help(const Command& command);
     // The commands a mistyped verb may have meant.
     static QStringList nearest(const QString& verb);
@@ -84,6 +95,9 @@ public:
 
 private:
     int runCommand(const QStringList& arguments);
+    // The names in a remote folder, for completion, signed in as `globals` say; none when
+    // that fails or takes long.
+    QStringList remoteNames(const QStringList& globals, const QString& folder);
     // The stored sign-in, then NB_SERVER and NB_TYPE, then --server and --type; the stored
     // session only for the server and type it was made for. Applies the global options.
     void configure(const QCommandLineParser& parser);

@@ -406,18 +406,18 @@ QList<Command> namespaceCommands()
             { OptionSpec::flag({ "l", "long" }, "Type, size, time, revision and name."),
                 OptionSpec::flag({ "h", "human-readable" }, "Sizes in KiB, MiB, GiB."),
                 OptionSpec::flag({ "a", "all" }, "Accepted for habit's sake: every entry is shown.") },
-            0, -1, Needs::Session, ls },
+            0, -1, Needs::Session, ls, Operands::Remote },
         { "stat", "PATH...", "Show an entry: type, size, revision, time, identifiers, hash, lock.",
-            "  nbcli stat /docs/a.txt", {}, 1, -1, Needs::Session, stat },
+            "  nbcli stat /docs/a.txt", {}, 1, -1, Needs::Session, stat, Operands::Remote },
         { "mkdir", "[-p] PATH...", "Create folders.", "  nbcli mkdir -p /docs/2026/reports",
             { OptionSpec::flag({ "p", "parents" }, "Create missing parents; a folder that exists is fine.") },
-            1, -1, Needs::Session, mkdir },
+            1, -1, Needs::Session, mkdir, Operands::Remote },
         { "mv", "SRC... DEST", "Move or rename entries.",
             "Into DEST when it ends in \"/\", is an existing folder, or several sources are given (one "
             "server task, its "
             "outcome reported per entry); otherwise the one source is renamed DEST.\n\n"
             "  nbcli mv /a.txt /b.txt\n  nbcli mv /a.txt /b.txt /archive",
-            { DryRun }, 2, -1, Needs::Session, mv },
+            { DryRun }, 2, -1, Needs::Session, mv, Operands::Remote },
         { "cp", "SRC... DEST", "Copy entries.",
             "Into DEST when it ends in \"/\", is an existing folder, or several sources are given; otherwise "
             "the one source "
@@ -425,21 +425,21 @@ QList<Command> namespaceCommands()
             "  nbcli cp /docs/a.txt /docs/b.txt\n  nbcli cp -r /docs /backup/",
             { OptionSpec::flag({ "r", "recursive" }, "Accepted for habit's sake: folders always come whole."),
                 DryRun },
-            2, -1, Needs::Session, cp },
+            2, -1, Needs::Session, cp, Operands::Remote },
         { "rm", "[-r] [-f] PATH...", "Delete entries.",
             "One server task; its outcome is reported per entry.\n\n  nbcli rm -rf /old",
             { OptionSpec::flag({ "r", "recursive" }, "Delete folders too, with what they hold."),
                 OptionSpec::flag({ "f", "force" }, "What does not exist is no error."), DryRun },
-            1, -1, Needs::Session, rm },
+            1, -1, Needs::Session, rm, Operands::Remote },
         { "revisions", "PATH", "List a file's revisions, newest first.", "  nbcli revisions /docs/a.txt",
             { OptionSpec::value({ "limit" }, "At most N revisions (default: all).", "N", OptionSpec::Count) },
-            1, 1, Needs::Session, revisions },
+            1, 1, Needs::Session, revisions, Operands::Remote },
         { "lock", "[--time S] PATH", "Lock a file against other users' changes (yours go on).",
             "  nbcli lock --time 600 /docs/a.txt",
             { OptionSpec::value(
                 { "time" }, "Hold the lock S seconds (default 3600).", "S", OptionSpec::Count, "3600") },
-            1, 1, Needs::Session, lock },
-        { "unlock", "PATH", "Release a lock.", "  nbcli unlock /docs/a.txt", {}, 1, 1, Needs::Session,
-            unlock },
+            1, 1, Needs::Session, lock, Operands::Remote },
+        { "unlock", "PATH", "Release a lock.", "  nbcli unlock /docs/a.txt", {}, 1, 1, Needs::Session, unlock,
+            Operands::Remote },
     };
 }

@@ -1,5 +1,6 @@
-// watch, raw.
+// watch, raw, completion.
 #include "Cli.h"
+#include "Completion.h"
 #include "RemotePath.h"
 
 #include <QJsonArray>
@@ -144,6 +145,15 @@ void raw(Cli& cli, const QCommandLineParser& parser, const QStringList& args)
         record, RequestRunner::failureOf(QStringLiteral("%1 %2").arg(method, args.at(1)), reply));
 }
 
+void completion(Cli& cli, const QCommandLineParser&, const QStringList& args)
+{
+    const QString script = Completion::script(args.first());
+    if (script.isEmpty())
+        throw Failure(
+            Exit::Usage, QStringLiteral("completion is for bash or zsh, not \"%1\"").arg(args.first()));
+    cli.console.out(script.chopped(1));
+}
+
 } // namespace
 
 QList<Command> otherCommands()
@@ -159,7 +169,7 @@ QList<Command> otherCommands()
                 OptionSpec::value(
                     { "interval" }, "Poll every S seconds (default 2).", "S", OptionSpec::Duration, "2"),
                 OptionSpec::flag({ "reset" }, "Start from the whole state again.") },
-            0, 1, Needs::Session, watch },
+            0, 1, Needs::Session, watch, Operands::Remote },
         { "raw", "GET|POST ADDRESS [key=value...]", "Send a generic request and print the whole record.",
             "ADDRESS may be a path on the server (\"/v2/region/get\"). The pairs go in the query of a GET or "
             "the form of a "
@@ -168,6 +178,13 @@ QList<Command> otherCommands()
             "unless --no-session. Sessions, tokens, codes and passwords in the reply are shown as ***(N).\n\n"
             "  nbcli raw GET /v2/user/info/get\n  nbcli raw POST /v2/log/logging action=open --json",
             { OptionSpec::flag({ "no-session" }, "Send the request without the session.") }, 2, -1,
-            Needs::Server, raw },
+            Needs::Server, raw, Operands::None, { "GET", "POST" } },
+        { "completion", "bash|zsh", "Print the shell completion script.",
+            "Completes commands, options, their values, local paths, and remote paths from the signed-in "
+            "profile (a listing of the folder typed, given up after 3 seconds). make install puts both "
+            "scripts where bash-completion and zsh look; without it:\n\n"
+            "  source <(nbcli completion bash)                  # in ~/.bashrc\n"
+            "  nbcli completion zsh > ~/.zfunc/_nbcli           # with fpath+=(~/.zfunc) before compinit",
+            {}, 1, 1, Needs::Nothing, completion, Operands::None, { "bash", "zsh" } },
     };
 }

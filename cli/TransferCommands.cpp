@@ -181,7 +181,7 @@ QList<Command> transferCommands()
             "  nbcli put big.iso /isos/\n  nbcli put photos /backup/photos      (the folder becomes "
             "/backup/photos)\n"
             "  tar c docs | nbcli put - /backup/docs.tar",
-            { Jobs, TransfersAtOnce, BwLimit, DryRun }, 2, -1, Needs::Session, put },
+            { Jobs, TransfersAtOnce, BwLimit, DryRun }, 2, -1, Needs::Session, put, Operands::Put },
         { "get", "REMOTE... LOCAL", "Download files and folders (\"-\": standard output).",
             "Targets follow the same rule as put: into LOCAL when it ends in \"/\", is an existing folder, "
             "or several sources are given; otherwise LOCAL itself. Each file is written to a temporary file "
@@ -197,7 +197,7 @@ QList<Command> transferCommands()
                 OptionSpec::value({ "rev" }, "Fetch revision N of the files (nbcli revisions lists them).",
                     "N", OptionSpec::Count),
                 DryRun, Recursive },
-            2, -1, Needs::Session, get },
+            2, -1, Needs::Session, get, Operands::Get },
         { "sync", "LOCAL :REMOTE | :REMOTE LOCAL", "Make a folder match a folder on the other side.",
             "The remote folder is written with a colon in front (:/backup, as a link's CODE:PATH without a "
             "code); the other one is local. The target comes to match the source: what is new or changed "
@@ -222,7 +222,7 @@ QList<Command> transferCommands()
                     OptionSpec::value({ "exclude" }, "Leave out what PATTERN matches (repeatable).",
                         "PATTERN", OptionSpec::Text),
                     DryRun },
-            2, 2, Needs::Session, sync },
+            2, 2, Needs::Session, sync, Operands::Sides },
         { "share", "get CODE[:PATH] LOCAL | put LOCAL CODE[:PATH]",
             "Download from or upload to a shared link.",
             "PATH is inside the link's folder (without one: the folder itself); LOCAL is always given, "
@@ -239,6 +239,6 @@ QList<Command> transferCommands()
                     { "password" }, "The link's password (prefer NB_SHARE_PASSWORD).", "P", OptionSpec::Text),
                 OptionSpec::flag({ "password-stdin" }, "Read the link's password from standard input."),
                 DryRun },
-            3, -1, Needs::Server, share },
+            3, -1, Needs::Server, share, Operands::Local, { "get", "put" } },
     };
 }

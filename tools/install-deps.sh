@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ pkg-config qtbase5-dev openssl tinyproxy-bin jq
-    libboost1.81-dev libsqlite3-dev libssl-dev zlib1g-dev)
+    libboost1.81-dev libsqlite3-dev libssl-dev zlib1g-dev bash-completion zsh)
 case "${1:-}" in
 --bench) packages+=(nginx-light curl) ;;
 --qt6) packages+=(qt6-base-dev) ;;

@@ -1,9 +1,12 @@
 // nbcli's pure parts in process: remote paths, where sources land, option values, how a
 // reply is read into an exit status and whether it is retried, the chunk hashes against
-// the emulator's own, and the commands a mistyped verb may have meant.
+// the emulator's own, the commands a mistyped verb may have meant, and the completions
+// and manual written from the command table.
 #include "ChunkHasher.h"
 #include "Cli.h"
+#include "Completion.h"
 #include "Drive.h"
+#include "ManPage.h"
 #include "Options.h"
 #include "PathFilter.h"
 #include "Placement.h"
@@ -28,6 +31,17 @@ Reply replyOf(
     reply.data.body = body;
     reply.json = QJsonDocument::fromJson(body.toUtf8()).object();
     return reply;
+}
+
+// A remote tree for completion: "/" holds a.txt, docs/ and dots/, "/docs/" holds "my file"
+// (or, in the space "self", "mine").
+QStringList listed(const QStringList& globals, const QString& folder)
+{
+    if (folder == "/")
+        return { "a.txt", "docs/", "dots/" };
+    if (folder == "/docs/")
+        return { globals.contains("--space=self") ? "mine" : "my file" };
+    return {};
 }
 
 } // namespace
@@ -392,6 +406,96 @@ private slots:
         QFETCH(QString, typed);
         QFETCH(QStringList, meant);
         QCOMPARE(Cli::nearest(typed), meant);
+    }
+
+    void completions_data()
+    {
+        QTest::addColumn<QStringList>("words");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("commands") << QStringList { "s" } << QStringList { "stat", "sync", "share" };
+        QTest::newRow("after a global option")
+            << QStringList { "--quiet", "who" } << QStringList { "whoami" };
+        QTest::newRow("after a global value")
+            << QStringList { "--retries", "2", "lo" } << QStringList { "login", "logout", "lock" };
+        QTest::newRow("help of") << QStringList { "help", "re" } << QStringList { "revisions" };
+        QTest::newRow("unknown command") << QStringList { "frob", "" } << QStringList {};
+        QTest::newRow("options") << QStringList { "ls", "--lo" } << QStringList { "--long" };
+        QTest::newRow("global options")
+            << QStringList { "--ver" } << QStringList { "--verbose", "--version" };
+        QTest::newRow("choice values")
+            << QStringList { "--type", "p" } << QStringList { "private", "public", "private6" };
+        QTest::newRow("choice after the command")
+            << QStringList { "login", "--tfa", "" } << QStringList { "otp", "sms", "qr" };
+        QTest::newRow("value with its option")
+            << QStringList { "--type=pri" } << QStringList { "--type=private", "--type=private6" };
+        QTest::newRow("command's value with its option")
+            << QStringList { "login", "--tfa=s" } << QStringList { "--tfa=sms" };
+        QTest::newRow("flag with a value") << QStringList { "--quiet=" } << QStringList {};
+        QTest::newRow("file values") << QStringList { "--cacert", "ca" } << QStringList { "@files" };
+        QTest::newRow("free values") << QStringList { "lock", "--time", "" } << QStringList {};
+        QTest::newRow("value given with =")
+            << QStringList { "--type=1", "rm", "/d" } << QStringList { "/docs/", "/dots/" };
+        QTest::newRow("remote") << QStringList { "ls", "/d" } << QStringList { "/docs/", "/dots/" };
+        QTest::newRow("remote, no slash") << QStringList { "stat", "a" } << QStringList { "/a.txt" };
+        QTest::newRow("remote below")
+            << QStringList { "rm", "-r", "/docs/m" } << QStringList { "/docs/my file" };
+        QTest::newRow("remote with the run's space")
+            << QStringList { "--space=self", "ls", "/docs/" } << QStringList { "/docs/mine" };
+        QTest::newRow("put sources") << QStringList { "put", "/tm" } << QStringList { "@files" };
+        QTest::newRow("put target") << QStringList { "put", "x", "/d" } << QStringList { "/docs/", "/dots/" };
+        QTest::newRow("put relative target") << QStringList { "put", "x", "y" } << QStringList { "@files" };
+        QTest::newRow("get sources") << QStringList { "get", "/a" } << QStringList { "/a.txt" };
+        QTest::newRow("get target") << QStringList { "get", "/a.txt", "out" } << QStringList { "@files" };
+        QTest::newRow("get after a value")
+            << QStringList { "get", "-j", "4", "/a" } << QStringList { "/a.txt" };
+        QTest::newRow("sync remote side")
+            << QStringList { "sync", "here", ":/do" } << QStringList { ":/docs/", ":/dots/" };
+        QTest::newRow("sync local side") << QStringList { "sync", ":/docs", "" } << QStringList { "@files" };
+        QTest::newRow("words") << QStringList { "share", "" } << QStringList { "get", "put" };
+        QTest::newRow("after the word") << QStringList { "share", "get", "" } << QStringList { "@files" };
+        QTest::newRow("shells") << QStringList { "completion", "" } << QStringList { "bash", "zsh" };
+        QTest::newRow("nothing to complete") << QStringList { "raw", "GET", "" } << QStringList {};
+        QTest::newRow("after --") << QStringList { "ls", "--", "-" } << QStringList {};
+    }
+
+    void completions()
+    {
+        QFETCH(QStringList, words);
+        QFETCH(QStringList, expected);
+        QCOMPARE(Completion::candidates(words, &listed), expected);
+    }
+
+    // Every command and every option of the table: offered by completion, described by the
+    // manual. A command added to the table cannot miss either.
+    void completionAndManualFollowTheTable()
+    {
+        QStringList names;
+        for (const Command& command : Cli::commands())
+            names << command.name;
+        QCOMPARE(Completion::candidates({ "" }, &listed), names << "help");
+        const QString manual = ManPage::roff("9.9");
+        QVERIFY(manual.startsWith(".TH NBCLI 1 \"\" \"nbcli 9.9\""));
+        for (const Command& command : Cli::commands()) {
+            const QStringList offered = Completion::candidates({ command.name, "-" }, &listed);
+            QVERIFY2(
+                manual.contains(QStringLiteral(".SS \"%1 ").arg(command.name)), qPrintable(command.name));
+            for (const OptionSpec& option : command.options + Cli::globalOptions()) {
+                const QString name = option.names.last();
+                const QString written = (name.size() == 1 ? "-" : "--") + name;
+                QVERIFY2(offered.contains(written), qPrintable(command.name + " " + written));
+                QVERIFY2(manual.contains("\\fB" + ManPage::escaped(written) + "\\fR"), qPrintable(written));
+                QVERIFY2(manual.contains(ManPage::escaped(option.description)), qPrintable(written));
+            }
+            if (!command.words.isEmpty())
+                QCOMPARE(Completion::candidates({ command.name, "" }, &listed), command.words);
+        }
+        // Lines a manual would read as requests are escaped.
+        QCOMPARE(ManPage::escaped(".x 'y' a-b \\n"), QString("\\&.x 'y' a\\-b \\en"));
+        QCOMPARE(ManPage::escaped("'q"), QString("\\&'q"));
+        QVERIFY(!manual.contains("\n.\n"));
+        QVERIFY(!Completion::script("bash").isEmpty());
+        QVERIFY(Completion::script("zsh").startsWith("#compdef nbcli\n"));
+        QVERIFY(Completion::script("fish").isEmpty());
     }
 
     void everyCommandsHelpShowsItsOptionsFirst()

@@ -11,6 +11,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QSaveFile>
 #include <QStandardPaths>
@@ -594,6 +595,91 @@ private slots:
     }
 
     // --cacert given at login (relative, made absolute) and NB_CACERT serve the later runs.
+    // The scripts as the shells run them: bash (with bash-completion and without it) and
+    // zsh, their completion functions called on a command line, asking this nbcli.
+    QStringList completedBy(const QString& shell, const QString& line, bool bashCompletion = true)
+    {
+        const QString script = local("completion." + shell);
+        QFile file(script);
+        if (!file.open(QIODevice::WriteOnly) || file.write(nbcli({ "completion", shell }).out.toUtf8()) <= 0)
+            return { "(no script)" };
+        file.close();
+        QProcess process;
+        process.setProcessEnvironment(m_cli.environment({}));
+        process.setWorkingDirectory(m_dir.path());
+        const QString program = QStringLiteral(NBCLI_PATH);
+        if (shell == "bash") {
+            // COMP_WORDS split as bash splits them, ":" and "=" words of their own.
+            QString words;
+            for (const QString& word : (program + " " + line).split(' ')) {
+                QString rest = word;
+                for (int at; (at = rest.indexOf(QRegularExpression("[:=]"))) >= 0; rest = rest.mid(at + 1)) {
+                    if (at > 0)
+                        words += " '" + rest.left(at) + "'";
+                    words += " '" + rest.mid(at, 1) + "'";
+                }
+                if (!rest.isEmpty() || !word.contains(QRegularExpression("[:=]")))
+                    words += " '" + rest + "'";
+            }
+            const QString code
+                = QString(bashCompletion ? "source /usr/share/bash-completion/bash_completion\n"
+                                         : "unset -f _get_comp_words_by_ref\n")
+                + "source '" + script + "'\nCOMP_LINE='" + program + " " + line
+                + "'; COMP_POINT=${#COMP_LINE}\nCOMP_WORDS=(" + words
+                + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_nbcli nbcli\nprintf '%s\\n' "
+                  "\"${COMPREPLY[@]}\"\n";
+            process.start("bash", { "-c", code });
+        } else {
+            QString words;
+            for (const QString& word : (program + " " + line).split(' '))
+                words += " '" + word + "'";
+            const QString code = "compdef() { :; }\n_files() { print -r -- '(files)'; }\n"
+                                 "compadd() { while [[ $1 == -* && $1 != -- ]]; do [[ $1 == -S ]] && shift; "
+                                 "shift; done; [[ $1 == -- ]] && shift; print -rl -- \"$@\"; }\n"
+                                 "source '"
+                + script + "'\nwords=(" + words + "); CURRENT=${#words}\n_nbcli\n";
+            process.start("zsh", { "-f", "-c", code });
+        }
+        if (!process.waitForFinished(30000))
+            return { "(no answer)" };
+        QStringList found
+            = QString::fromUtf8(process.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+        found.sort();
+        return found;
+    }
+
+    void shellsCompleteFromTheCommandTable()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        CLI_OK(nbcli({ "mkdir", "-p", "/docs/my files", "/dots" }));
+        CLI_OK(nbcli({ "put", "-", "/docs/a b.txt" }, {}, "x"));
+        QVERIFY(QDir(m_dir.path()).mkpath("localdir"));
+
+        for (const bool withPackage : { true, false }) {
+            QCOMPARE(completedBy("bash", "sy", withPackage), QStringList { "sync" });
+            QCOMPARE(completedBy("bash", "ls --lo", withPackage), QStringList { "--long" });
+            QCOMPARE(completedBy("bash", "ls /do", withPackage), (QStringList { "/docs/", "/dots/" }));
+            QCOMPARE(completedBy("bash", "get /docs/", withPackage),
+                (QStringList { "/docs/a\\ b.txt", "/docs/my\\ files/" }));
+            // bash replaces only what follows the ":" it split at.
+            QCOMPARE(completedBy("bash", "sync localdir :/docs/m", withPackage),
+                QStringList { "/docs/my\\ files/" });
+            QCOMPARE(completedBy("bash", "--type=pri", withPackage), (QStringList { "private", "private6" }));
+            QCOMPARE(completedBy("bash", "put local", withPackage), QStringList { "localdir" });
+        }
+        QCOMPARE(completedBy("zsh", "sy"), QStringList { "sync" });
+        QCOMPARE(completedBy("zsh", "ls /do"), (QStringList { "/docs/", "/dots/" }));
+        QCOMPARE(completedBy("zsh", "sync localdir :/docs/m"), QStringList { ":/docs/my files/" });
+        QCOMPARE(completedBy("zsh", "get /docs/a"), QStringList { "/docs/a b.txt" });
+        QCOMPARE(completedBy("zsh", "put local"), QStringList { "(files)" });
+        QCOMPARE(completedBy("zsh", "--profile "), QStringList { "default" });
+
+        // Signed out, or a server that does not answer: nothing, and at once.
+        CLI_OK(nbcli({ "logout" }));
+        QCOMPARE(completedBy("bash", "ls /do"), QStringList {});
+    }
+
     void tlsChoicesStayWithTheSession()
     {
         EmuProcess emu({ "--user", "alice:secret", "--tls-self-signed" });

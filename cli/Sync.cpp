@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QRegularExpression>
 
 namespace {
@@ -100,6 +101,86 @@ Sync::Tree Sync::walkRemote(const QString& root)
     return tree;
 }
 
+Sync::Tree Sync::readRemote(const QString& root)
+{
+    const Settings& settings = m_cli.settings;
+    RemoteManifest manifest(
+        QStringList { settings.server, settings.user, m_cli.space, root, m_local }.join('\n'), root);
+    if (!manifest.load())
+        m_cli.output.note(
+            QStringLiteral("first sync of %1 into %2: reading the whole of it").arg(root, m_local));
+    int changes = 0;
+    QStringList unlisted;
+    auto model = m_drive.at<NBServerApiDeltaModel>(root);
+    try {
+        for (;;) {
+            model.cursor = manifest.cursor;
+            const QJsonObject page = m_cli.runner
+                                         .call(QStringLiteral("read the changes of %1").arg(root),
+                                             [model](NBCompletionCallback done) {
+                                                 return ServerApi::Delta(model, std::move(done));
+                                             })
+                                         .json;
+            if (page.value("reset").toBool()) {
+                m_cli.output.note(QStringLiteral(
+                    "the server no longer knows where the last sync of %1 stopped: reading the whole of it")
+                                      .arg(root));
+                manifest.clear();
+            }
+            const QJsonArray entries = page.value("entries").toArray();
+            for (const QJsonValue& change : entries)
+                manifest.apply(change.toObject(), &unlisted);
+            changes += entries.size();
+            manifest.cursor = page.value("cursor").toString();
+            if (!page.value("has_more").toBool() || manifest.cursor.isEmpty())
+                break;
+        }
+    } catch (const Failure& failure) {
+        if (failure.exit != Exit::Refused)
+            throw;
+        m_cli.output.note(
+            QStringLiteral("the server offers no change feed for %1 (%2): listing the whole tree")
+                .arg(root, failure.message));
+        return walkRemote(root);
+    }
+    // A folder moved in from elsewhere comes without its content.
+    while (!unlisted.isEmpty()) {
+        const QString below = unlisted.takeFirst();
+        for (const RemoteEntry& child : m_drive.list(RemotePath::join(root, below))) {
+            const QString path = joined(below, child.name);
+            QJsonObject entry = child.json;
+            entry.insert("path", RemotePath::join(root, path));
+            manifest.put(path, entry);
+            if (child.dir)
+                unlisted << path;
+        }
+    }
+    QString error;
+    if (!m_options.dryRun && !manifest.save(&error))
+        m_cli.output.note(QStringLiteral("nbcli: %1 (the next sync reads the whole tree again)").arg(error));
+    if (changes > 0 || !unlisted.isEmpty())
+        m_cli.output.note(
+            QStringLiteral("%1 changes of %2 read from the change feed").arg(changes).arg(root));
+
+    // The tree the filter leaves, as a listing would give it.
+    Tree tree;
+    QStringList excluded;
+    for (auto it = manifest.entries.cbegin(); it != manifest.entries.cend(); ++it) {
+        const QString& path = it.key();
+        RemoteEntry entry = RemoteEntry::fromJson(it.value());
+        entry.name = path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
+        if (std::any_of(excluded.cbegin(), excluded.cend(),
+                [&](const QString& folder) { return within(path, folder); }))
+            continue;
+        if (m_options.filter.excluded(path, entry.dir) || !RemoteTree::isName(entry.name)) {
+            excluded << path;
+            continue;
+        }
+        tree.insert(path, Entry { entry.dir, entry.bytes, {}, entry });
+    }
+    return tree;
+}
+
 Sync::Plan Sync::plan(const Tree& source, const Tree& target,
     const std::function<bool(const Entry&, const Entry&)>& sameContent)
 {
@@ -148,19 +229,28 @@ Sync::Plan Sync::plan(const Tree& source, const Tree& target,
         if (!source.contains(it.key()) && !covered)
             plan.deletes << it.key();
     }
-    // A new file with the content of one about to be deleted: a rename, done as a move.
+    // A new file with the content of one about to be deleted (on its own or with its
+    // folder): a rename, done as a move before the deletions.
+    QStringList leaving;
+    for (auto it = target.cbegin(); it != target.cend(); ++it) {
+        if (!it->folder
+            && std::any_of(plan.deletes.cbegin(), plan.deletes.cend(), [&](const QString& deleted) {
+                   return !replaced.contains(deleted) && within(it.key(), deleted);
+               }))
+            leaving << it.key();
+    }
     for (const QString& path : QStringList(plan.sends)) {
         if (plan.reasons.value(path) != QLatin1String("new"))
             continue;
         const Entry& here = source.value(path);
-        for (const QString& gone : qAsConst(plan.deletes)) {
+        for (const QString& gone : qAsConst(leaving)) {
             const Entry& there = target.value(gone);
-            if (replaced.contains(gone) || there.folder || there.bytes != here.bytes
-                || !sameContent(here, there))
+            if (there.bytes != here.bytes || !sameContent(here, there))
                 continue;
             plan.moves.insert(path, gone);
             plan.sends.removeOne(path);
             plan.deletes.removeOne(gone);
+            leaving.removeOne(gone);
             break;
         }
     }
@@ -339,7 +429,7 @@ void Sync::down(const QString& remoteGiven, const QString& localGiven)
     if (there.exists() && !there.isDir())
         throw Failure(Exit::Usage,
             QStringLiteral("%1 is no folder: sync makes a folder match a folder").arg(localGiven));
-    const Tree source = walkRemote(m_remote);
+    const Tree source = readRemote(m_remote);
     const Tree target = there.exists() ? walkLocal(m_local) : Tree();
     const Plan plan = this->plan(source, target,
         [this](const Entry& remote, const Entry& local) { return sameContent(local, remote.remote); });

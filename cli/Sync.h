@@ -5,12 +5,15 @@
 // with the same content is moved, not sent again), and with --delete what the source
 // lacks, deleted only once every transfer succeeded. Local hashes come from the hash
 // cache, so a tree that did not change is not read again and a second sync sends
-// nothing. --dry-run asks the server the same questions and reports the plan.
+// nothing. --dry-run asks the server the same questions and reports the plan. A sync
+// from the server reads the remote tree from the change feed: the whole state the first
+// time, then only what changed since the last sync of the same pair of folders.
 #pragma once
 
 #include "DriveTree.h"
 #include "HashCache.h"
 #include "PathFilter.h"
+#include "RemoteManifest.h"
 #include "Transfers.h"
 
 #include <QMap>
@@ -70,6 +73,9 @@ private:
     Tree walkLocal(const QString& root);
     void walkLocal(const QString& root, const QString& below, Tree* tree);
     Tree walkRemote(const QString& root);
+    // The remote tree as the change feed gives it, kept up to date in the pair's manifest;
+    // a listing when the server offers no feed.
+    Tree readRemote(const QString& root);
     // What makes `target` match `source`; `sameContent` compares two files of the same size.
     Plan plan(const Tree& source, const Tree& target,
         const std::function<bool(const Entry& source, const Entry& target)>& sameContent);

@@ -12,7 +12,9 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QSet>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <algorithm>
 
@@ -203,6 +205,82 @@ private slots:
                 "get /c/docs/part0/note 0.txt ", "delete /c/stray.txt ", "get /c/new/second.txt " }));
         QCOMPARE(readFile(down + "/docs/part0/note 0.txt"), QByteArray("changed"));
         QVERIFY(!QFileInfo::exists(down + "/stray.txt"));
+    }
+
+    // From the server, the tree comes from the change feed: the whole state the first time,
+    // then only what changed (additions, a change, a folder moved within, one moved in from
+    // outside with what it holds, a file moved out, a deletion); a full read again when the
+    // server no longer knows the cursor, and a listing where it offers no feed.
+    void syncDownReadsTheChangeFeed()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        const QString up = local("feed-up");
+        makeTree(up);
+        CLI_OK(nbcli({ "sync", up, ":/f" }));
+        CLI_OK(nbcli({ "mkdir", "-p", "/elsewhere/inner/deeper" }));
+        CLI_OK(nbcli({ "put", "-", "/elsewhere/inner/deeper/deep.txt" }, "deep"));
+
+        const QString down = local("feed-down");
+        int before = emu.requests().size();
+        CliRun run = nbcli({ "sync", ":/f", down });
+        CLI_OK(run);
+        QVERIFY2(run.err.contains("first sync of /f into "), qPrintable(run.err));
+        QCOMPARE(treeOf(down), treeOf(up));
+        QCOMPARE(countRequests(emu.requests().mid(before), "POST", { "/v2/delta/databox/f" }), 1);
+        QCOMPARE(countRequests(emu.requests().mid(before), "POST", { "/v2/metadata" })
+                + countRequests(emu.requests().mid(before), "GET", { "/v2/metadata" }),
+            1); // the folder itself, no listing
+
+        CLI_OK(nbcli({ "put", "-", "/f/new.txt" }, "new"));
+        CLI_OK(nbcli({ "put", "-", "/f/docs/part0/note 0.txt" }, "changed"));
+        CLI_OK(nbcli({ "mv", "/f/docs/part1", "/f/moved1" }));
+        CLI_OK(nbcli({ "rm", "/f/big.bin" }));
+        CLI_OK(nbcli({ "mv", "/elsewhere/inner", "/f/inner" }));
+        CLI_OK(nbcli({ "mv", "/f/docs/part2/note 2.txt", "/elsewhere/note 2.txt" }));
+        before = emu.requests().size();
+        run = nbcli({ "sync", "--delete", ":/f", down });
+        CLI_OK(run);
+        QVERIFY2(run.err.contains("changes of /f read from the change feed"), qPrintable(run.err));
+        const QList<QJsonObject> second = emu.requests().mid(before);
+        QCOMPARE(countRequests(second, "POST", { "/v2/delta/databox/f" }), 1);
+        // The folder itself, and the two folders moved in, listed: nothing else.
+        QCOMPARE(countRequests(second, "POST", { "/v2/metadata" })
+                + countRequests(second, "GET", { "/v2/metadata" }),
+            3);
+        QCOMPARE(downloads(second), 3); // new.txt, note 0.txt, deep.txt
+        // A first sync into a new folder reads the whole state: the same tree.
+        CLI_OK(nbcli({ "sync", ":/f", local("feed-fresh") }));
+        QMap<QString, QByteArray> expected = treeOf(local("feed-fresh"));
+        QCOMPARE(treeOf(down), expected);
+        QVERIFY(expected.contains("inner/deeper/deep.txt") && expected.contains("moved1/note 1.txt")
+            && !expected.contains("big.bin") && !expected.contains("docs/part2/note 2.txt"));
+        QCOMPARE(expected.value("docs/part0/note 0.txt"), QByteArray("changed"));
+
+        // A cursor the server does not know: the whole state again, and still the same tree.
+        const QString kept
+            = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) + "/nbcli/sync";
+        for (const QFileInfo& file : QDir(kept).entryInfoList({ "*.json" }, QDir::Files)) {
+            QVERIFY(!(file.permissions() & (QFileDevice::ReadOther | QFileDevice::ReadGroup)));
+            const QString text
+                = QString::fromUtf8(readFile(file.filePath()))
+                      .replace(QRegularExpression("\"cursor\":\"[^\"]*\""), "\"cursor\":\"unknown\"");
+            QVERIFY(writeFile(file.filePath(), text.toUtf8()));
+        }
+        QVERIFY(writeFile(down + "/stray.txt", "only here"));
+        run = nbcli({ "sync", "--delete", ":/f", down });
+        CLI_OK(run);
+        QVERIFY2(run.err.contains("no longer knows where the last sync of /f stopped"), qPrintable(run.err));
+        QCOMPARE(treeOf(down), expected);
+
+        // A server without the feed: listed, and said so.
+        EmuProcess plain({ "--user", "alice:secret", "--fault", "^/v2/delta/:status=404" });
+        QVERIFY(signIn(plain));
+        CLI_OK(nbcli({ "sync", up, ":/f" }));
+        run = nbcli({ "sync", ":/f", local("feed-plain") });
+        CLI_OK(run);
+        QVERIFY2(run.err.contains("offers no change feed for /f"), qPrintable(run.err));
+        QCOMPARE(treeOf(local("feed-plain")), treeOf(up));
     }
 
     void typeConflictsNeedDelete()

@@ -32,6 +32,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/nbbench.XXXXXX")
 www=$work/www
 nginx_pid=
 cleanup() {
+    [ -z "${latency_pid:-}" ] || kill "$latency_pid" 2>/dev/null || true
     if [ -n "${emu_pid:-}" ]; then
         kill "$emu_pid" 2>/dev/null || true
         wait "$emu_pid" 2>/dev/null || true
@@ -196,6 +197,14 @@ cli_rate='"$@" | sed -n "s/.*\"bytes\":\([0-9]*\).*\"ms\":\([0-9]*\).*/\1 \2/p" 
 # chunk files removed (the chunk table still names them, but no new hash collides).
 fresh_file='rm -rf "$1"/chunks/*; head -c "$2" /dev/urandom >"$3"; shift 3'
 
+# A command timed from outside (for what reports no time of its own): "<amount> <seconds>",
+# the amount the one given; its output kept in $out.
+timed='amount=$1; shift; out=$(mktemp); s=$(date +%s.%N); "$@" >"$out" || exit 1; e=$(date +%s.%N); echo "$amount $(awk -v s="$s" -v e="$e" "BEGIN { print e - s }")"'
+# The tree cases' large files get new content before each round, so that no chunk is
+# already on the server.
+fresh_tree='for f in "$0"/tree1/large*.bin; do head -c $((16 << 20)) /dev/urandom >"$f"; done'
+serial=0
+
 curl_opts=(-sS --noproxy '*' -H 'Expect:')
 down_format='%{size_download} %{time_total}\n'
 up_format='%{size_upload} %{time_total}\n'
@@ -302,6 +311,28 @@ side_command() {
     emu-concurrent)
         label="100 in flight, nbemu"
         cmd=("${emu_env[@]}" "$bin/nbbench" concurrent "$emu_url" 100 "$gets")
+        ;;
+    tree-put)
+        label="nbcli put, tree"
+        cmd=("${cli_env[@]}" bash -c "$fresh_tree; $timed" - "$tree_bytes" "$build/cli/nbcli" put -q "$work/tree1"
+            /put-$((++serial)))
+        ;;
+    tree-sync1)
+        label="nbcli sync, first"
+        cmd=("${cli_env[@]}" bash -c "$fresh_tree; $timed" - "$tree_bytes" "$build/cli/nbcli" sync -q "$work/tree1"
+            :/sync-$((++serial)))
+        ;;
+    tree-sync2)
+        # Fails the run when it sends anything.
+        label="nbcli sync, unchanged"
+        cmd=("${cli_env[@]}" bash -c "$timed; ! grep -q '\"action\":\"put\"' \"\$out\"" - "$tree_bytes"
+            "$build/cli/nbcli" sync --json "$work/tree2" :/synced)
+        ;;
+    latency-default | latency-1)
+        if [ "$1" = latency-1 ]; then transfers=(--transfers 1); else transfers=(); fi
+        label="nbcli put${transfers[*]:+ ${transfers[*]}}, 50 ms"
+        cmd=("${cli_env[@]}" bash -c "$timed" - 100 "$build/cli/nbcli" --profile latency put -q ${transfers[@]+"${transfers[@]}"}
+            "$work/hundred" /latency-$((++serial)))
         ;;
     lib-gets)
         label="library"
@@ -463,9 +494,41 @@ run_case "nbemu chunked upload" $big emu-chunked curl-upload
 run_case "nbcli get" $big cli-get emu-curl-file
 # The upload cases after the downloads: they remove the store's chunk files, the seeded ones included.
 run_case "nbcli put" $big cli-put cli-reput emu-curl-upload
+# A tree of 1,000 small files in 10 folders and 3 of 16 MiB: put and a first sync of it to
+# new folders, and a sync of an unchanged copy that is on the server already.
+if chosen "nbcli tree"; then
+    for t in tree1 tree2; do
+        for d in $(seq -w 1 10); do
+            mkdir -p "$work/$t/d$d"
+            for f in $(seq -w 1 100); do head -c $((1024 + 10#$f * 37)) "$www/big.bin" >"$work/$t/d$d/f$f.txt"; done
+        done
+        for f in 1 2 3; do head -c $((16 << 20)) /dev/urandom >"$work/$t/large$f.bin"; done
+    done
+    tree_bytes=$(du -sb "$work/tree1" | cut -f1)
+    "${cli_env[@]}" "$build/cli/nbcli" sync -q "$work/tree2" :/synced || die "nbcli could not sync the tree"
+fi
+fresh_tree=${fresh_tree//\$0/$work}
+run_case "nbcli tree" "${tree_bytes:-0}" tree-put tree-sync1 tree-sync2
 emu_transfer_rss=$(emu_peak)
 echo 5 >"/proc/$emu_pid/clear_refs" 2>/dev/null || true
 run_case "nbemu listings" "$gets" emu-listings emu-concurrent
+
+# 100 small files to a second nbemu whose every answer comes 50 ms late: files in
+# parallel (the default --transfers) against one at a time.
+if chosen "nbcli latency"; then
+    mkdir -p "$work/hundred"
+    for f in $(seq -w 1 100); do head -c $((2048 + 10#$f)) "$www/big.bin" >"$work/hundred/f$f.txt"; done
+    "$build/emulator/nbemu" --data "$work/emu-latency" --user bench:bench --port-file "$work/latency.port" \
+        --fault '^/v2/:latency=50' --log /dev/null >"$work/latency.out" 2>&1 &
+    latency_pid=$!
+    for _ in $(seq 600); do [ -s "$work/latency.port" ] && break; sleep 0.1; done
+    [ -s "$work/latency.port" ] || die "the second nbemu did not start"
+    "${cli_env[@]}" NB_PASSWORD=bench "$build/cli/nbcli" --profile latency login -q \
+        --server "http://127.0.0.1:$(cat "$work/latency.port")" --user bench >/dev/null ||
+        die "nbcli could not sign in to the second nbemu"
+fi
+run_case "nbcli latency" 100 latency-default latency-1
+[ -z "${latency_pid:-}" ] || kill "$latency_pid" 2>/dev/null || true
 emu_listing_rss=$(chosen "nbemu listings" && emu_peak || echo "-")
 
 echo
@@ -502,6 +565,9 @@ echo "nbcli against nbemu, next to curl against the same nbemu:"
 report "1 GiB get" $big $mib MiB/s cli-get emu-curl-file 0.9 100
 report "1 GiB put" $big $mib MiB/s cli-put emu-curl-upload 0.8 100
 report "1 GiB put, unchanged" $big $mib MiB/s cli-reput cli-put 5 100
+report "tree, first sync" "${tree_bytes:-0}" $mib MiB/s tree-sync1 tree-put 1 -
+report "tree, sync unchanged" "${tree_bytes:-0}" $mib MiB/s tree-sync2 tree-sync1 20 -
+report "100 files, 50 ms" 100 1 files/s latency-default latency-1 5 -
 if [ -n "$emu_transfer_rss" ]; then
     verdict "$emu_transfer_rss" '<' 64
     echo "nbemu peak RSS while 1 GiB went each way: $emu_transfer_rss MiB (target <64: $outcome);" \

@@ -17,6 +17,7 @@
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -197,6 +198,9 @@ void Downloader::fetchRanges(
     const qint64 total = entry.bytes;
     const qint64 span = m_limit.span(RangeSpan);
     std::deque<std::shared_ptr<Range>> window; // from the first range not yet given to the sink
+    // The buffers of ranges given to the sink, for the next ones: a few megabytes allocated
+    // once, where new ones for every range would leave each thread's heap at its peak.
+    std::vector<QByteArray> spare;
     qint64 next = from; // the first byte no range asks for yet
     qint64 written = from;
     int inFlight = 0;
@@ -220,6 +224,7 @@ void Downloader::fetchRanges(
                 return;
             }
             written += window.front()->length;
+            spare.push_back(std::move(window.front()->data));
             window.pop_front();
         }
     };
@@ -231,7 +236,9 @@ void Downloader::fetchRanges(
         remote.start(
             what,
             [&, range, bytes](NBCompletionCallback done) {
-                range->data.clear();
+                // Room for the whole range at once, kept when emptied: no copies as it grows.
+                range->data.resize(0);
+                range->data.reserve(int(range->length + 1));
                 return m_tree.downloadRange(remotePath, entry.rev, bytes,
                     [&, range](const QByteArray& piece) {
                         // A server that ignores the range sends more: kept only to tell.
@@ -265,6 +272,10 @@ void Downloader::fetchRanges(
     launch = [&] {
         while (!failure && next < total && int(window.size()) < m_jobs) {
             auto range = std::make_shared<Range>();
+            if (!spare.empty()) {
+                range->data = std::move(spare.back());
+                spare.pop_back();
+            }
             range->begin = next;
             range->length = qMin(span, total - next);
             next += range->length;

@@ -15,8 +15,8 @@ const OptionSpec Jobs = OptionSpec::value({ "j", "jobs" },
     "8")
                             .atMost(64);
 const OptionSpec TransfersAtOnce = OptionSpec::value({ "transfers" },
-    "Up to N files at once (default 8); a file of several chunks goes on its own.", "N", OptionSpec::Count,
-    "8")
+    "Up to N files at once (default 16); a file of several chunks goes on its own.", "N", OptionSpec::Count,
+    "16")
                                        .atMost(64);
 const OptionSpec BwLimit = OptionSpec::value({ "bwlimit" },
     "At most RATE bytes a second in all, such as 500K, 2.5M or 1G (K, M, G: 1024-based; 0: no limit).",

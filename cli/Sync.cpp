@@ -106,7 +106,8 @@ Sync::Tree Sync::readRemote(const QString& root)
     const Settings& settings = m_cli.settings;
     RemoteManifest manifest(
         QStringList { settings.server, settings.user, m_cli.space, root, m_local }.join('\n'), root);
-    if (!manifest.load())
+    bool whole = !manifest.load();
+    if (whole)
         m_cli.output.note(
             QStringLiteral("first sync of %1 into %2: reading the whole of it").arg(root, m_local));
     int changes = 0;
@@ -126,6 +127,7 @@ Sync::Tree Sync::readRemote(const QString& root)
                     "the server no longer knows where the last sync of %1 stopped: reading the whole of it")
                                       .arg(root));
                 manifest.clear();
+                whole = true;
             }
             const QJsonArray entries = page.value("entries").toArray();
             for (const QJsonValue& change : entries)
@@ -158,7 +160,7 @@ Sync::Tree Sync::readRemote(const QString& root)
     QString error;
     if (!m_options.dryRun && !manifest.save(&error))
         m_cli.output.note(QStringLiteral("nbcli: %1 (the next sync reads the whole tree again)").arg(error));
-    if (changes > 0 || !unlisted.isEmpty())
+    if (!whole)
         m_cli.output.note(
             QStringLiteral("%1 changes of %2 read from the change feed").arg(changes).arg(root));
 

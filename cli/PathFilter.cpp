@@ -81,19 +81,24 @@ int PathFilter::verdict(const QString& path, bool folder) const
     return 0;
 }
 
-bool PathFilter::excluded(const QString& path, bool folder) const
+PathFilter::Verdict PathFilter::of(const QString& path, bool folder) const
 {
     if (m_rules.isEmpty())
-        return false;
-    // A folder that is left out takes what is below it along.
+        return Verdict::Taken;
+    // A folder that is left out takes what is below it along; one that is included, too.
+    bool inIncluded = false;
     for (int slash = path.indexOf(QLatin1Char('/')); slash > 0;
          slash = path.indexOf(QLatin1Char('/'), slash + 1)) {
-        if (verdict(path.left(slash), true) < 0)
-            return true;
+        const int above = verdict(path.left(slash), true);
+        if (above < 0)
+            return Verdict::Left;
+        inIncluded = inIncluded || above > 0;
     }
     const int own = verdict(path, folder);
     if (own != 0)
-        return own < 0;
-    // Only what is included, when the first pattern is an --include; folders are looked into.
-    return m_rules.first().include && !folder;
+        return own > 0 ? Verdict::Taken : Verdict::Left;
+    // Only what is included, when the first pattern is an --include.
+    if (inIncluded || !m_rules.first().include)
+        return Verdict::Taken;
+    return folder ? Verdict::LookedInto : Verdict::Left;
 }

@@ -6,9 +6,10 @@
 //   one without matches a name at any depth ("*.o", "node_modules")
 //   a pattern ending in "/" matches folders only ("cache/")
 // The last pattern that matches a path decides; what is below an excluded folder is
-// excluded with it. When the first pattern is an --include, only what an --include
-// matches is taken (folders are looked into); otherwise everything is, but what an
-// --exclude matches. Excluded paths are neither sent nor deleted, on either side.
+// excluded with it, and what is below an included one included with it. When the first
+// pattern is an --include, only what an --include matches is taken (other folders are
+// looked into, for what they hold); otherwise everything is, but what an --exclude
+// matches. Excluded paths are neither sent nor deleted, on either side.
 #pragma once
 
 #include <QList>
@@ -21,8 +22,15 @@ public:
     // Patterns in the order given; false (with `error`) for one that cannot be read.
     bool add(const QString& pattern, bool include, QString* error);
     bool isEmpty() const { return m_rules.isEmpty(); }
-    // Whether the path (relative, "/" between names) is left out.
-    bool excluded(const QString& path, bool folder) const;
+
+    enum class Verdict {
+        Taken,
+        LookedInto, // a folder taken only for what it holds
+        Left,
+    };
+    // What the patterns make of a path (relative, "/" between names).
+    Verdict of(const QString& path, bool folder) const;
+    bool excluded(const QString& path, bool folder) const { return of(path, folder) == Verdict::Left; }
 
 private:
     struct Rule

@@ -42,6 +42,7 @@ Sync::Tree Sync::walkLocal(const QString& root)
 {
     Tree tree;
     walkLocal(root, QString(), &tree);
+    prune(&tree);
     return tree;
 }
 
@@ -64,7 +65,7 @@ void Sync::walkLocal(const QString& root, const QString& below, Tree* tree)
                 QStringLiteral("the name is no UTF-8 text, and the drive keeps names as text: skipped"));
             continue;
         }
-        if (m_options.filter.excluded(path, info.isDir()))
+        if (!takes(path, info.isDir()))
             continue;
         if (info.isSymLink() && !info.exists()) {
             skip(path, QStringLiteral("a symlink to nothing: skipped"));
@@ -91,14 +92,45 @@ Sync::Tree Sync::walkRemote(const QString& root)
         for (const RemoteEntry& child :
             m_drive.list(below.isEmpty() ? root : RemotePath::join(root, below))) {
             const QString path = joined(below, child.name);
-            if (m_options.filter.excluded(path, child.dir))
+            if (!takes(path, child.dir))
                 continue;
             tree.insert(path, Entry { child.dir, child.bytes, {}, child });
             if (child.dir)
                 folders << path;
         }
     }
+    prune(&tree);
     return tree;
+}
+
+bool Sync::takes(const QString& path, bool folder)
+{
+    switch (m_options.filter.of(path, folder)) {
+    case PathFilter::Verdict::Taken:
+        return true;
+    case PathFilter::Verdict::LookedInto:
+        m_lookedInto.insert(path);
+        return true;
+    case PathFilter::Verdict::Left:
+        break;
+    }
+    m_leftOut.insert(path);
+    for (int slash = path.lastIndexOf(QLatin1Char('/')); slash > 0;
+         slash = path.lastIndexOf(QLatin1Char('/'), slash - 1))
+        m_holdingLeftOut.insert(path.left(slash));
+    return false;
+}
+
+void Sync::prune(Tree* tree) const
+{
+    for (const QString& folder : m_lookedInto) {
+        const QString prefix = folder + QLatin1Char('/');
+        bool holdsTaken = false;
+        for (auto it = tree->lowerBound(prefix); it != tree->end() && it.key().startsWith(prefix); ++it)
+            holdsTaken = holdsTaken || !m_lookedInto.contains(it.key());
+        if (!holdsTaken)
+            tree->remove(folder);
+    }
 }
 
 Sync::Tree Sync::readRemote(const QString& root)
@@ -174,12 +206,13 @@ Sync::Tree Sync::readRemote(const QString& root)
         if (std::any_of(excluded.cbegin(), excluded.cend(),
                 [&](const QString& folder) { return within(path, folder); }))
             continue;
-        if (m_options.filter.excluded(path, entry.dir) || !RemoteTree::isName(entry.name)) {
+        if (!RemoteTree::isName(entry.name) || !takes(path, entry.dir)) {
             excluded << path;
             continue;
         }
         tree.insert(path, Entry { entry.dir, entry.bytes, {}, entry });
     }
+    prune(&tree);
     return tree;
 }
 
@@ -188,29 +221,48 @@ Sync::Plan Sync::plan(const Tree& source, const Tree& target,
 {
     Plan plan;
     QStringList replaced; // target entries of the other type, deleted before anything is made
+    QStringList refused; // what a conflict left as it is, with all it holds
     const auto conflict = [&](const QString& path, bool folderHere) {
-        if (m_options.deleteExtra) {
+        // Never deleted whole: the target's entry holds what the patterns leave out, or is left out itself.
+        const bool keeps = m_holdingLeftOut.contains(path) || m_leftOut.contains(path);
+        if (m_options.deleteExtra && !keeps) {
             replaced << path;
             return true;
         }
+        refused << path;
         failed(path,
             Failure(Exit::Refused,
-                QStringLiteral("%1 is a %2 on one side and a %3 on the other: sync --delete replaces it")
-                    .arg(path, folderHere ? QStringLiteral("folder") : QStringLiteral("file"),
-                        folderHere ? QStringLiteral("file") : QStringLiteral("folder")),
+                keeps
+                    ? QStringLiteral("%1 is a %2 on one side and a %3 on the other that holds or is what the "
+                                     "patterns leave out: left as it is")
+                          .arg(path, folderHere ? QStringLiteral("folder") : QStringLiteral("file"),
+                              folderHere ? QStringLiteral("file") : QStringLiteral("folder"))
+                    : QStringLiteral(
+                        "%1 is a %2 on one side and a %3 on the other: sync --delete replaces it")
+                          .arg(path, folderHere ? QStringLiteral("folder") : QStringLiteral("file"),
+                              folderHere ? QStringLiteral("file") : QStringLiteral("folder")),
                 QStringLiteral("type conflict")));
         return false;
     };
     for (auto it = source.cbegin(); it != source.cend(); ++it) {
         const QString& path = it.key();
         const Entry& here = it.value();
+        if (std::any_of(
+                refused.cbegin(), refused.cend(), [&](const QString& kept) { return within(path, kept); }))
+            continue;
         const auto there = target.constFind(path);
+        // An entry of the other type that the patterns leave out, where the source has one.
+        const bool hidden = there == target.cend() && m_leftOut.contains(path);
         if (here.folder) {
-            if (there == target.cend() || (!there->folder && conflict(path, true)))
+            if (hidden)
+                conflict(path, true);
+            else if (there == target.cend() || (!there->folder && conflict(path, true)))
                 plan.folders << path;
             continue;
         }
-        if (there == target.cend() || (there->folder && conflict(path, false))) {
+        if (hidden) {
+            conflict(path, false);
+        } else if (there == target.cend() || (there->folder && conflict(path, false))) {
             plan.sends << path;
             plan.reasons.insert(path, QStringLiteral("new"));
         } else if (there->folder) {
@@ -228,7 +280,8 @@ Sync::Plan Sync::plan(const Tree& source, const Tree& target,
     for (auto it = target.cbegin(); it != target.cend(); ++it) {
         const bool covered = std::any_of(plan.deletes.cbegin(), plan.deletes.cend(),
             [&](const QString& deleted) { return within(it.key(), deleted); });
-        if (!source.contains(it.key()) && !covered)
+        // A folder holding what the patterns leave out loses only what they take.
+        if (!source.contains(it.key()) && !covered && !(it->folder && m_holdingLeftOut.contains(it.key())))
             plan.deletes << it.key();
     }
     // A new file with the content of one about to be deleted (on its own or with its
@@ -416,7 +469,7 @@ void Sync::up(const QString& localGiven, const QString& remoteGiven)
     };
     carry(plan, source, !root, drive);
     saveCache();
-    report(plan, m_local, m_remote);
+    report(plan, !root, m_local, m_remote);
 }
 
 void Sync::down(const QString& remoteGiven, const QString& localGiven)
@@ -432,7 +485,8 @@ void Sync::down(const QString& remoteGiven, const QString& localGiven)
         throw Failure(Exit::Usage,
             QStringLiteral("%1 is no folder: sync makes a folder match a folder").arg(localGiven));
     const Tree source = readRemote(m_remote);
-    const Tree target = there.exists() ? walkLocal(m_local) : Tree();
+    const bool rootMissing = !there.exists();
+    const Tree target = rootMissing ? Tree() : walkLocal(m_local);
     const Plan plan = this->plan(source, target,
         [this](const Entry& remote, const Entry& local) { return sameContent(local, remote.remote); });
     const auto cannot = [this](const QString& what, const QString& path) {
@@ -460,9 +514,9 @@ void Sync::down(const QString& remoteGiven, const QString& localGiven)
         }
         return outcomes;
     };
-    carry(plan, source, !there.exists(), folder);
+    carry(plan, source, rootMissing, folder);
     saveCache();
-    report(plan, m_remote, m_local);
+    report(plan, rootMissing, m_remote, m_local);
 }
 
 bool Sync::sameContent(const Entry& local, const RemoteEntry& remote)
@@ -480,17 +534,21 @@ void Sync::saveCache()
         m_cli.output.note(QStringLiteral("nbcli: %1 (the next sync reads the files again)").arg(error));
 }
 
-void Sync::report(const Plan& plan, const QString& from, const QString& to)
+void Sync::report(const Plan& plan, bool rootMissing, const QString& from, const QString& to)
 {
+    const auto count = [](int n, const QString& what) {
+        return QStringLiteral("%1 %2%3").arg(n).arg(what, n == 1 ? QString() : QStringLiteral("s"));
+    };
     const bool dry = m_options.dryRun;
-    if (plan.folders.isEmpty() && plan.sends.isEmpty() && plan.moves.isEmpty() && plan.deletes.isEmpty()) {
-        m_cli.output.note(QStringLiteral("%1 already matches %2: %3 files unchanged")
-                              .arg(to, from, QString::number(plan.unchanged)));
+    const int folders = plan.folders.size() + (rootMissing ? 1 : 0);
+    if (folders == 0 && plan.sends.isEmpty() && plan.moves.isEmpty() && plan.deletes.isEmpty()) {
+        m_cli.output.note(QStringLiteral("%1 already matches %2: %3 unchanged")
+                              .arg(to, from, count(plan.unchanged, QStringLiteral("file"))));
         return;
     }
-    m_cli.output.note(
-        QStringLiteral("%1%2 -> %3: %4 files to send, %5 moved, %6 deleted, %7 folders made, %8 unchanged")
-            .arg(dry ? QStringLiteral("dry run, ") : QString(), from, to, QString::number(plan.sends.size()),
-                QString::number(plan.moves.size()), QString::number(plan.deletes.size()),
-                QString::number(plan.folders.size()), QString::number(plan.unchanged)));
+    m_cli.output.note(QStringLiteral("%1%2 -> %3: %4 to send, %5 moved, %6 deleted, %7 made, %8 unchanged")
+                          .arg(dry ? QStringLiteral("dry run, ") : QString(), from, to,
+                              count(plan.sends.size(), QStringLiteral("file")),
+                              QString::number(plan.moves.size()), QString::number(plan.deletes.size()),
+                              count(folders, QStringLiteral("folder")), QString::number(plan.unchanged)));
 }

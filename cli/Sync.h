@@ -17,6 +17,7 @@
 #include "Transfers.h"
 
 #include <QMap>
+#include <QSet>
 #include <functional>
 #include <optional>
 
@@ -70,6 +71,11 @@ private:
         std::function<QList<std::optional<Failure>>(const QStringList& paths)> remove;
     };
 
+    // Whether the filter takes a path into its side's tree; what it leaves out is noted,
+    // with the folders that hold it, which --delete then never deletes whole.
+    bool takes(const QString& path, bool folder);
+    // Drops the folders taken only to look into that hold nothing taken.
+    void prune(Tree* tree) const;
     Tree walkLocal(const QString& root);
     void walkLocal(const QString& root, const QString& below, Tree* tree);
     Tree walkRemote(const QString& root);
@@ -88,13 +94,16 @@ private:
     // An action's report: {"action","path","local"[,"dry_run"],...}.
     void did(const QString& action, const QString& path, const QString& line, QJsonObject item = {});
     void failed(const QString& path, const Failure& failure);
-    void report(const Plan& plan, const QString& from, const QString& to);
+    void report(const Plan& plan, bool rootMissing, const QString& from, const QString& to);
     void saveCache();
 
     Cli& m_cli;
     DriveTree& m_drive;
     Options m_options;
     HashCache m_hashes;
+    QSet<QString> m_leftOut; // on either side, relative
+    QSet<QString> m_holdingLeftOut;
+    QSet<QString> m_lookedInto;
     QString m_local; // absolute
     QString m_remote;
 };

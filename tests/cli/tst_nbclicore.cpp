@@ -219,29 +219,35 @@ private slots:
         QTest::addColumn<QStringList>("rules"); // "+PATTERN" includes, "-PATTERN" excludes
         QTest::addColumn<QString>("path");
         QTest::addColumn<bool>("folder");
-        QTest::addColumn<bool>("excluded");
-        const auto row = [](const char* name, QStringList rules, QString path, bool folder, bool excluded) {
-            QTest::newRow(name) << rules << path << folder << excluded;
+        QTest::addColumn<QString>("verdict"); // taken, looked into or left
+        const auto row = [](const char* name, QStringList rules, QString path, bool folder, QString verdict) {
+            QTest::newRow(name) << rules << path << folder << verdict;
         };
-        row("no rule", {}, "a/b.txt", false, false);
-        row("name at any depth", { "-*.o" }, "src/deep/x.o", false, true);
-        row("star stays in a name", { "-*.o" }, "src/x.o.txt", false, false);
-        row("anchored", { "-/build" }, "build", true, true);
-        row("anchored, not below", { "-/build" }, "src/build", true, false);
-        row("with a slash inside", { "-docs/*.pdf" }, "docs/a.pdf", false, true);
-        row("with a slash, not deeper", { "-docs/*.pdf" }, "docs/x/a.pdf", false, false);
-        row("below an excluded folder", { "-cache/" }, "cache/x/y.bin", false, true);
-        row("folders only", { "-cache/" }, "cache", false, false);
-        row("double star", { "-**/tmp/**" }, "a/b/tmp/c/d", false, true);
-        row("double star in the middle", { "-a/**/z" }, "a/z", false, true);
-        row("question mark", { "-?.txt" }, "ab.txt", false, false);
-        row("set", { "-[ab].txt" }, "b.txt", false, true);
-        row("negated set", { "-[!ab].txt" }, "b.txt", false, false);
-        row("last match decides", { "-*.log", "+keep.log" }, "x/keep.log", false, false);
-        row("first include: only included files", { "+*.txt" }, "x/a.bin", false, true);
-        row("first include: folders looked into", { "+*.txt" }, "x", true, false);
-        row("first include: included", { "+*.txt" }, "x/a.txt", false, false);
-        row("special characters are plain", { "-a+b (1).txt" }, "a+b (1).txt", false, true);
+        row("no rule", {}, "a/b.txt", false, "taken");
+        row("name at any depth", { "-*.o" }, "src/deep/x.o", false, "left");
+        row("star stays in a name", { "-*.o" }, "src/x.o.txt", false, "taken");
+        row("anchored", { "-/build" }, "build", true, "left");
+        row("anchored, not below", { "-/build" }, "src/build", true, "taken");
+        row("with a slash inside", { "-docs/*.pdf" }, "docs/a.pdf", false, "left");
+        row("with a slash, not deeper", { "-docs/*.pdf" }, "docs/x/a.pdf", false, "taken");
+        row("below an excluded folder", { "-cache/" }, "cache/x/y.bin", false, "left");
+        row("folders only", { "-cache/" }, "cache", false, "taken");
+        row("double star", { "-**/tmp/**" }, "a/b/tmp/c/d", false, "left");
+        row("double star in the middle", { "-a/**/z" }, "a/z", false, "left");
+        row("question mark", { "-?.txt" }, "ab.txt", false, "taken");
+        row("set", { "-[ab].txt" }, "b.txt", false, "left");
+        row("negated set", { "-[!ab].txt" }, "b.txt", false, "taken");
+        row("last match decides", { "-*.log", "+keep.log" }, "x/keep.log", false, "taken");
+        row("first include: only included files", { "+*.txt" }, "x/a.bin", false, "left");
+        row("first include: folders looked into", { "+*.txt" }, "x", true, "looked into");
+        row("first include: included", { "+*.txt" }, "x/a.txt", false, "taken");
+        row("an included folder takes what it holds", { "+subX/" }, "subX/a/b.txt", false, "taken");
+        row("an included folder", { "+subX/" }, "subX", true, "taken");
+        row("an anchored included folder", { "+/subX" }, "subX/y", false, "taken");
+        row("first include: another folder", { "+subX/" }, "other", true, "looked into");
+        row("first include: a file in another folder", { "+subX/" }, "other/a.txt", false, "left");
+        row("excluded inside an included folder", { "+docs/", "-docs/tmp/" }, "docs/tmp/x", false, "left");
+        row("special characters are plain", { "-a+b (1).txt" }, "a+b (1).txt", false, "left");
     }
 
     void filterPatterns()
@@ -249,12 +255,16 @@ private slots:
         QFETCH(QStringList, rules);
         QFETCH(QString, path);
         QFETCH(bool, folder);
-        QFETCH(bool, excluded);
+        QFETCH(QString, verdict);
         PathFilter filter;
         QString error;
         for (const QString& rule : rules)
             QVERIFY(filter.add(rule.mid(1), rule.startsWith('+'), &error));
-        QCOMPARE(filter.excluded(path, folder), excluded);
+        const PathFilter::Verdict found = filter.of(path, folder);
+        QCOMPARE(found == PathFilter::Verdict::Taken       ? QString("taken")
+                : found == PathFilter::Verdict::LookedInto ? QString("looked into")
+                                                           : QString("left"),
+            verdict);
         QVERIFY(!filter.add("/", false, &error));
         QVERIFY(!error.isEmpty());
     }

@@ -283,6 +283,50 @@ private slots:
         QCOMPARE(treeOf(local("feed-plain")), treeOf(up));
     }
 
+    // What the patterns leave out is neither deleted with its folder nor hidden under a
+    // folder made over it; an included folder takes what it holds, and no other folder is made.
+    void patternsNeverDeleteWhatTheyLeaveOut()
+    {
+        EmuProcess emu;
+        QVERIFY(signIn(emu));
+        CLI_OK(nbcli({ "mkdir", "-p", "/pp/sub" }));
+        CLI_OK(nbcli({ "put", "-", "/pp/sub/keep.txt" }, "keep"));
+        CLI_OK(nbcli({ "put", "-", "/pp/sub/k.c" }, "k"));
+        QVERIFY(writeFile(local("push/a.c"), "a"));
+        CliRun run = nbcli({ "sync", "--json", "--delete", "--exclude", "keep.txt", local("push"), ":/pp" });
+        CLI_OK(run);
+        QCOMPARE(actions(run), (QSet<QString> { "put /pp/a.c ", "delete /pp/sub/k.c " }));
+        QCOMPARE(nbcli({ "stat", "/pp/sub/keep.txt" }).exit, 0);
+        // Down, with an --include, the same.
+        QVERIFY(writeFile(local("pull/sub/keep.txt"), "keep"));
+        QVERIFY(writeFile(local("pull/sub/old.c"), "old"));
+        run = nbcli({ "sync", "--json", "--delete", "--include", "*.c", ":/pp", local("pull") });
+        CLI_OK(run);
+        QCOMPARE(actions(run), (QSet<QString> { "get /pp/a.c ", "delete /pp/sub/old.c " }));
+        QCOMPARE(readFile(local("pull/sub/keep.txt")), QByteArray("keep"));
+
+        QVERIFY(writeFile(local("inc/subX/deeper/in.txt"), "in"));
+        QVERIFY(writeFile(local("inc/other/out.txt"), "out"));
+        QVERIFY(QDir().mkpath(local("inc/empty")));
+        run = nbcli({ "sync", "--json", "--include", "subX/", local("inc"), ":/inc" });
+        CLI_OK(run);
+        QCOMPARE(actions(run),
+            (QSet<QString> { "mkdir /inc ", "mkdir /inc/subX ", "mkdir /inc/subX/deeper ",
+                "put /inc/subX/deeper/in.txt " }));
+        QVERIFY2(run.err.contains(": 1 file to send, 0 moved, 0 deleted, 3 folders made, 0 unchanged"),
+            qPrintable(run.err));
+
+        // A folder to make where the server has a file the patterns leave out: refused, not "made".
+        QVERIFY(writeFile(local("r1/X/y"), "y"));
+        CLI_OK(nbcli({ "mkdir", "/r1" }));
+        CLI_OK(nbcli({ "put", "-", "/r1/X" }, "file"));
+        run = nbcli({ "sync", "--json", "--delete", "--include", "X/", local("r1"), ":/r1" });
+        QCOMPARE(run.exit, 2);
+        QVERIFY2(run.err.contains("left as it is"), qPrintable(run.err));
+        QCOMPARE(nbcli({ "stat", "--json", "/r1/X" }).results().at(0).toObject().value("type").toString(),
+            QString("file"));
+    }
+
     void typeConflictsNeedDelete()
     {
         EmuProcess emu;
@@ -290,9 +334,13 @@ private slots:
         QVERIFY(writeFile(local("conflict/x/inner.txt"), "inner"));
         CLI_OK(nbcli({ "mkdir", "-p", "/k" }));
         CLI_OK(nbcli({ "put", local("conflict/x/inner.txt"), "/k/x" })); // a file where a folder goes
+        // Refused, with all the folder holds: nothing is sent into it, and the dry run says the same.
+        QCOMPARE(nbcli({ "sync", "--dry-run", local("conflict"), ":/k" }).exit, 2);
+        const int before = emu.requests().size();
         CliRun run = nbcli({ "sync", local("conflict"), ":/k" });
         QCOMPARE(run.exit, 2);
         QVERIFY2(run.err.contains("sync --delete replaces it"), qPrintable(run.err));
+        QCOMPARE(uploads(emu.requests().mid(before)), 0);
         CLI_OK(nbcli({ "sync", "--delete", local("conflict"), ":/k" }));
         QCOMPARE(nbcli({ "stat", "/k/x/inner.txt" }).exit, 0);
         // Usage: one side, and only one, is remote.

@@ -235,7 +235,10 @@ void profile(Cli& cli, const QCommandLineParser&, const QStringList& args)
         }
         return;
     }
-    if (!Config::isProfileName(name) || !QFile::exists(Config::file(name)))
+    if (!Config::isProfileName(name))
+        throw Failure(Exit::Usage,
+            QStringLiteral("\"%1\" is no profile name (nbcli profile list shows them)").arg(name));
+    if (!QFile::exists(Config::file(name)))
         throw Failure(Exit::Usage,
             QStringLiteral("no profile \"%1\" (nbcli profile list shows them)").arg(name),
             QStringLiteral("not found"));

@@ -216,11 +216,16 @@ int Cli::runCommand(const QStringList& arguments)
     const QList<Command> all = commands();
     this->arguments = arguments;
     // What the shell scripts and the build ask; not commands a person types.
-    if (arguments.value(1) == QLatin1String("__complete")) {
-        const QStringList found = Completion::candidates(
-            arguments.mid(2), [this](const QStringList& globals, const QString& folder) {
-                return remoteNames(globals, folder);
-            });
+    if (arguments.value(1) == QLatin1String("__complete")
+        || arguments.value(1) == QLatin1String("__complete-quoted")) {
+        QStringList words = arguments.mid(2);
+        // bash passes the words as typed, zsh without their quotes.
+        if (arguments.value(1) == QLatin1String("__complete-quoted"))
+            std::transform(words.begin(), words.end(), words.begin(), &Completion::unquoted);
+        const QStringList found
+            = Completion::candidates(words, [this](const QStringList& globals, const QString& folder) {
+                  return remoteNames(globals, folder);
+              });
         for (const QString& word : found)
             console.out(word);
         return 0;
@@ -323,7 +328,8 @@ void Cli::configure(const QCommandLineParser& parser)
         profile = QStringLiteral("default");
     if (!Config::isProfileName(profile))
         throw Failure(Exit::Usage,
-            QStringLiteral("a profile is named with letters, digits, \".\", \"_\" and \"-\", not \"%1\"")
+            QStringLiteral("a profile is named with up to 64 letters, digits, \".\", \"_\" and \"-\", not "
+                           "starting with \".\" or \"-\"; not \"%1\"")
                 .arg(profile));
     QString error;
     settings = Config::load(profile, &error);

@@ -56,7 +56,47 @@ QStringList remotePaths(const QString& typed, const QStringList& globals, const 
 
 } // namespace
 
+QString Completion::unquoted(const QString& word)
+{
+    QString out;
+    QChar quote;
+    for (int i = 0; i < word.size(); ++i) {
+        const QChar c = word.at(i);
+        if (quote == QLatin1Char('\'')) {
+            if (c == quote)
+                quote = QChar();
+            else
+                out += c;
+        } else if (c == QLatin1Char('\\') && i + 1 < word.size()) {
+            const QChar next = word.at(i + 1);
+            // Within double quotes a backslash escapes only what they give a meaning to.
+            if (quote == QLatin1Char('"') && !QStringLiteral("$`\"\\\n").contains(next))
+                out += c;
+            out += next;
+            ++i;
+        } else if (quote.isNull() && (c == QLatin1Char('\'') || c == QLatin1Char('"'))) {
+            quote = c;
+        } else if (quote == QLatin1Char('"') && c == quote) {
+            quote = QChar();
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 QStringList Completion::candidates(const QStringList& words, const Lister& listRemote)
+{
+    QStringList found = offered(words, listRemote);
+    if (found.value(0) == Files)
+        return { Files, words.value(words.size() - 1) };
+    found.erase(std::remove_if(found.begin(), found.end(),
+                    [](const QString& word) { return word.contains(QLatin1Char('\n')); }),
+        found.end());
+    return found;
+}
+
+QStringList Completion::offered(const QStringList& words, const Lister& listRemote)
 {
     const QList<Command> commands = Cli::commands();
     const QList<OptionSpec> globalOptions = Cli::globalOptions();
@@ -65,6 +105,7 @@ QStringList Completion::candidates(const QStringList& words, const Lister& listR
     bool help = false;
     QStringList globals; // the global options given, with their values
     int positional = 0; // the command's arguments before the one typed
+    QString firstArgument;
     const OptionSpec* awaiting = nullptr; // the option whose value is typed
     bool awaitingGlobal = false;
     bool onlyArguments = false; // after "--"
@@ -103,7 +144,8 @@ QStringList Completion::candidates(const QStringList& words, const Lister& listR
                 command = &*found;
             continue;
         }
-        ++positional;
+        if (positional++ == 0)
+            firstArgument = word;
     }
 
     // "--type=pri": the value, written with its option.
@@ -173,8 +215,10 @@ QStringList Completion::candidates(const QStringList& words, const Lister& listR
             found << QLatin1Char(':') + path;
         return found;
     }
-    case Operands::Profiles:
-        return withPrefix(Config::profiles(), typed);
+    case Operands::Profiles: // show NAME, remove NAME
+        return positional == 1 && firstArgument != QLatin1String("list")
+            ? withPrefix(Config::profiles(), typed)
+            : QStringList();
     }
     return {};
 }
@@ -184,25 +228,35 @@ QString Completion::script(const QString& shell)
     if (shell == QLatin1String("bash"))
         return QStringLiteral(
             R"sh(# bash completion for nbcli: nbcli completion bash > /etc/bash_completion.d/nbcli,
-# or source <(nbcli completion bash). It asks nbcli what may follow each word.
+# or source <(nbcli completion bash). It asks nbcli what may follow the words typed.
 _nbcli()
 {
     local cur words cword
     if declare -F _get_comp_words_by_ref >/dev/null; then
         _get_comp_words_by_ref -n =: cur words cword
     else
-        # Without bash-completion: the line split at blanks, so that ":" stays in its word.
-        local line=${COMP_LINE:0:COMP_POINT}
-        read -ra words <<<"$line"
-        [[ -z $line || $line == *[[:blank:]] ]] && words+=("")
-        cword=$((${#words[@]} - 1)) cur=${words[cword]}
+        # Without bash-completion: the words bash split at ":" and "=" joined again.
+        local line=${COMP_LINE:0:COMP_POINT} at=0 i gap
+        words=() cword=-1
+        for ((i = 0; i <= COMP_CWORD; i++)); do
+            gap=${line:at}
+            gap=${gap%%[![:blank:]]*}
+            if ((i > 0 && ${#gap} == 0)); then
+                words[cword]+=${COMP_WORDS[i]}
+            else
+                words+=("${COMP_WORDS[i]}")
+                cword=$((cword + 1))
+            fi
+            at=$((at + ${#gap} + ${#COMP_WORDS[i]}))
+        done
+        cur=${words[cword]}
     fi
     local IFS=$'\n'
     local -a reply
-    reply=($("${words[0]}" __complete "${words[@]:1:cword}" 2>/dev/null))
-    if [[ ${reply[0]} == @files ]]; then
+    reply=($("${words[0]}" __complete-quoted "${words[@]:1:cword}" 2>/dev/null))
+    if [[ ${reply[0]-} == @files ]]; then
         compopt -o filenames 2>/dev/null
-        COMPREPLY=($(compgen -f -- "$cur"))
+        COMPREPLY=($(compgen -f -- "${reply[1]-}"))
         return 0
     fi
     COMPREPLY=()
@@ -228,7 +282,7 @@ complete -F _nbcli nbcli
 # source <(nbcli completion zsh) after compinit. It asks nbcli what may follow each word.
 _nbcli() {
     local -a reply folders others
-    reply=("${(@f)$("${words[1]}" __complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+    reply=("${(@f)$("${words[1]}" __complete "${(@Q)words[2,CURRENT]}" 2>/dev/null)}")
     if [[ ${reply[1]} == @files ]]; then
         _files
         return

@@ -15,10 +15,17 @@ public:
     using Lister = std::function<QStringList(const QStringList& globals, const QString& folder)>;
 
     // The words that may stand in the last of `words` (the words after the program's name,
-    // the last being the one completed, maybe empty), or the single word "@files" when
-    // the shell should complete local file names.
+    // the last being the one completed, maybe empty), or "@files" and the word typed when
+    // the shell should complete local file names. A name holding a line break is left out:
+    // the shells read one word a line.
     static QStringList candidates(const QStringList& words, const Lister& listRemote);
+    // A word as the shell would pass it on: quotes and backslashes taken away, a quote
+    // still open taken as closed at the end.
+    static QString unquoted(const QString& word);
 
     // The script that `nbcli completion SHELL` prints, for "bash" or "zsh".
     static QString script(const QString& shell);
+
+private:
+    static QStringList offered(const QStringList& words, const Lister& listRemote);
 };

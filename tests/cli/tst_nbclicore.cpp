@@ -38,7 +38,7 @@ Reply replyOf(
 QStringList listed(const QStringList& globals, const QString& folder)
 {
     if (folder == "/")
-        return { "a.txt", "docs/", "dots/" };
+        return { "a.txt", "docs/", "dots/", "line\nbreak" };
     if (folder == "/docs/")
         return { globals.contains("--space=self") ? "mine" : "my file" };
     return {};
@@ -441,7 +441,7 @@ private slots:
         QTest::newRow("command's value with its option")
             << QStringList { "login", "--tfa=s" } << QStringList { "--tfa=sms" };
         QTest::newRow("flag with a value") << QStringList { "--quiet=" } << QStringList {};
-        QTest::newRow("file values") << QStringList { "--cacert", "ca" } << QStringList { "@files" };
+        QTest::newRow("file values") << QStringList { "--cacert", "ca" } << QStringList { "@files", "ca" };
         QTest::newRow("free values") << QStringList { "lock", "--time", "" } << QStringList {};
         QTest::newRow("value given with =")
             << QStringList { "--type=1", "rm", "/d" } << QStringList { "/docs/", "/dots/" };
@@ -451,20 +451,29 @@ private slots:
             << QStringList { "rm", "-r", "/docs/m" } << QStringList { "/docs/my file" };
         QTest::newRow("remote with the run's space")
             << QStringList { "--space=self", "ls", "/docs/" } << QStringList { "/docs/mine" };
-        QTest::newRow("put sources") << QStringList { "put", "/tm" } << QStringList { "@files" };
+        QTest::newRow("put sources") << QStringList { "put", "/tm" } << QStringList { "@files", "/tm" };
         QTest::newRow("put target") << QStringList { "put", "x", "/d" } << QStringList { "/docs/", "/dots/" };
-        QTest::newRow("put relative target") << QStringList { "put", "x", "y" } << QStringList { "@files" };
+        QTest::newRow("put relative target")
+            << QStringList { "put", "x", "y" } << QStringList { "@files", "y" };
         QTest::newRow("get sources") << QStringList { "get", "/a" } << QStringList { "/a.txt" };
-        QTest::newRow("get target") << QStringList { "get", "/a.txt", "out" } << QStringList { "@files" };
+        QTest::newRow("get target") << QStringList { "get", "/a.txt", "out" }
+                                    << QStringList { "@files", "out" };
         QTest::newRow("get after a value")
             << QStringList { "get", "-j", "4", "/a" } << QStringList { "/a.txt" };
         QTest::newRow("sync remote side")
             << QStringList { "sync", "here", ":/do" } << QStringList { ":/docs/", ":/dots/" };
-        QTest::newRow("sync local side") << QStringList { "sync", ":/docs", "" } << QStringList { "@files" };
+        QTest::newRow("sync local side")
+            << QStringList { "sync", ":/docs", "" } << QStringList { "@files", "" };
         QTest::newRow("words") << QStringList { "share", "" } << QStringList { "get", "put" };
-        QTest::newRow("after the word") << QStringList { "share", "get", "" } << QStringList { "@files" };
+        QTest::newRow("after the word") << QStringList { "share", "get", "" } << QStringList { "@files", "" };
         QTest::newRow("shells") << QStringList { "completion", "" } << QStringList { "bash", "zsh" };
         QTest::newRow("nothing to complete") << QStringList { "raw", "GET", "" } << QStringList {};
+        QTest::newRow("no name with a line break")
+            << QStringList { "ls", "/" } << QStringList { "/a.txt", "/docs/", "/dots/" };
+        QTest::newRow("profile verbs")
+            << QStringList { "profile", "" } << QStringList { "list", "show", "remove" };
+        QTest::newRow("nothing after list") << QStringList { "profile", "list", "" } << QStringList {};
+        QTest::newRow("one name to remove") << QStringList { "profile", "remove", "x", "" } << QStringList {};
         QTest::newRow("after --") << QStringList { "ls", "--", "-" } << QStringList {};
     }
 
@@ -473,6 +482,31 @@ private slots:
         QFETCH(QStringList, words);
         QFETCH(QStringList, expected);
         QCOMPARE(Completion::candidates(words, &listed), expected);
+    }
+
+    void shellWords_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("word");
+        QTest::newRow("plain") << "/docs/a"
+                               << "/docs/a";
+        QTest::newRow("escaped blank") << "/my\\ files/"
+                                       << "/my files/";
+        QTest::newRow("single quotes") << "'/my files/a\\b"
+                                       << "/my files/a\\b";
+        QTest::newRow("double quotes") << "\"/a \\\"b\\\" \\x"
+                                       << "/a \"b\" \\x";
+        QTest::newRow("quotes within") << "/a'b c'd"
+                                       << "/ab cd";
+        QTest::newRow("a lone backslash at the end") << "/a\\"
+                                                     << "/a\\";
+    }
+
+    void shellWords()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QString, word);
+        QCOMPARE(Completion::unquoted(typed), word);
     }
 
     // Every command and every option of the table: offered by completion, described by the

@@ -595,9 +595,10 @@ private slots:
     }
 
     // --cacert given at login (relative, made absolute) and NB_CACERT serve the later runs.
-    // The scripts as the shells run them: bash (with bash-completion and without it) and
-    // zsh, their completion functions called on a command line, asking this nbcli.
-    QStringList completedBy(const QString& shell, const QString& line, bool bashCompletion = true)
+    // The scripts as the shells run them: bash (with bash-completion and without it, under
+    // set -u) and zsh, their completion functions called on a command line of `words` as
+    // typed (the last one being completed), asking this nbcli.
+    QStringList completedBy(const QString& shell, const QStringList& words, bool bashCompletion = true)
     {
         const QString script = local("completion." + shell);
         QFile file(script);
@@ -607,41 +608,42 @@ private slots:
         QProcess process;
         process.setProcessEnvironment(m_cli.environment({}));
         process.setWorkingDirectory(m_dir.path());
-        const QString program = QStringLiteral(NBCLI_PATH);
+        const QStringList line = QStringList { QStringLiteral(NBCLI_PATH) } + words;
+        const auto quoted = [](QString text) {
+            return " '" + text.replace("'", "'\\''") + "'";
+        };
         if (shell == "bash") {
-            // COMP_WORDS split as bash splits them, ":" and "=" words of their own.
-            QString words;
-            for (const QString& word : (program + " " + line).split(' ')) {
-                QString rest = word;
-                for (int at; (at = rest.indexOf(QRegularExpression("[:=]"))) >= 0; rest = rest.mid(at + 1)) {
-                    if (at > 0)
-                        words += " '" + rest.left(at) + "'";
-                    words += " '" + rest.mid(at, 1) + "'";
-                }
-                if (!rest.isEmpty() || !word.contains(QRegularExpression("[:=]")))
-                    words += " '" + rest + "'";
+            // COMP_WORDS split as bash splits them: ":" and "=" words of their own.
+            QString split;
+            for (const QString& word : line) {
+                for (const QString& piece : word.split(QRegularExpression("(?=[:=])|(?<=[:=])")))
+                    if (!piece.isEmpty() || word.isEmpty())
+                        split += quoted(piece);
             }
             const QString code
                 = QString(bashCompletion ? "source /usr/share/bash-completion/bash_completion\n"
                                          : "unset -f _get_comp_words_by_ref\n")
-                + "source '" + script + "'\nCOMP_LINE='" + program + " " + line
-                + "'; COMP_POINT=${#COMP_LINE}\nCOMP_WORDS=(" + words
-                + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_nbcli nbcli\nprintf '%s\\n' "
-                  "\"${COMPREPLY[@]}\"\n";
+                + "set -u\nsource '" + script + "'\nCOMP_LINE=" + quoted(line.join(' ')).mid(1)
+                + "; COMP_POINT=${#COMP_LINE}\nCOMP_WORDS=(" + split
+                + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_nbcli nbcli || echo '(failed)'\n"
+                  "printf '%s\\n' \"${COMPREPLY[@]}\"\n";
             process.start("bash", { "-c", code });
         } else {
-            QString words;
-            for (const QString& word : (program + " " + line).split(' '))
-                words += " '" + word + "'";
+            QString all;
+            for (const QString& word : line)
+                all += quoted(word);
             const QString code = "compdef() { :; }\n_files() { print -r -- '(files)'; }\n"
                                  "compadd() { while [[ $1 == -* && $1 != -- ]]; do [[ $1 == -S ]] && shift; "
                                  "shift; done; [[ $1 == -- ]] && shift; print -rl -- \"$@\"; }\n"
                                  "source '"
-                + script + "'\nwords=(" + words + "); CURRENT=${#words}\n_nbcli\n";
+                + script + "'\nwords=(" + all + "); CURRENT=${#words}\n_nbcli\n";
             process.start("zsh", { "-f", "-c", code });
         }
         if (!process.waitForFinished(30000))
             return { "(no answer)" };
+        const QString errors = QString::fromUtf8(process.readAllStandardError());
+        if (!errors.isEmpty())
+            return { "(error) " + errors };
         QStringList found
             = QString::fromUtf8(process.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
         found.sort();
@@ -654,30 +656,41 @@ private slots:
         QVERIFY(signIn(emu));
         CLI_OK(nbcli({ "mkdir", "-p", "/docs/my files", "/dots" }));
         CLI_OK(nbcli({ "put", "-", "/docs/a b.txt" }, {}, "x"));
+        CLI_OK(nbcli({ "put", "-", "/docs/my files/inner.txt" }, {}, "x"));
         QVERIFY(QDir(m_dir.path()).mkpath("localdir"));
+        QVERIFY(QDir(m_dir.path()).mkpath("loc dir/sub"));
 
         for (const bool withPackage : { true, false }) {
-            QCOMPARE(completedBy("bash", "sy", withPackage), QStringList { "sync" });
-            QCOMPARE(completedBy("bash", "ls --lo", withPackage), QStringList { "--long" });
-            QCOMPARE(completedBy("bash", "ls /do", withPackage), (QStringList { "/docs/", "/dots/" }));
-            QCOMPARE(completedBy("bash", "get /docs/", withPackage),
-                (QStringList { "/docs/a\\ b.txt", "/docs/my\\ files/" }));
+            const auto bash = [&](const QStringList& words) {
+                return completedBy("bash", words, withPackage);
+            };
+            QCOMPARE(bash({ "sy" }), QStringList { "sync" });
+            QCOMPARE(bash({ "ls", "--lo" }), QStringList { "--long" });
+            QCOMPARE(bash({ "ls", "/do" }), (QStringList { "/docs/", "/dots/" }));
+            QCOMPARE(bash({ "get", "/docs/" }), (QStringList { "/docs/a\\ b.txt", "/docs/my\\ files/" }));
+            // Within a folder whose name holds a blank, written as bash users write it.
+            QCOMPARE(bash({ "ls", "/docs/my\\ files/" }), QStringList { "/docs/my\\ files/inner.txt" });
+            QCOMPARE(bash({ "ls", "'/docs/my files/i" }), QStringList { "/docs/my\\ files/inner.txt" });
             // bash replaces only what follows the ":" it split at.
-            QCOMPARE(completedBy("bash", "sync localdir :/docs/m", withPackage),
-                QStringList { "/docs/my\\ files/" });
-            QCOMPARE(completedBy("bash", "--type=pri", withPackage), (QStringList { "private", "private6" }));
-            QCOMPARE(completedBy("bash", "put local", withPackage), QStringList { "localdir" });
+            QCOMPARE(bash({ "sync", "localdir", ":/docs/m" }), QStringList { "/docs/my\\ files/" });
+            QCOMPARE(bash({ "--type=pri" }), (QStringList { "private", "private6" }));
+            QCOMPARE(bash({ "put", "local" }), QStringList { "localdir" });
+            QCOMPARE(bash({ "put", "loc\\ dir/" }), QStringList { "loc dir/sub" });
+            // Nothing to offer, under set -u.
+            QCOMPARE(bash({ "raw", "GET", "" }), QStringList {});
         }
-        QCOMPARE(completedBy("zsh", "sy"), QStringList { "sync" });
-        QCOMPARE(completedBy("zsh", "ls /do"), (QStringList { "/docs/", "/dots/" }));
-        QCOMPARE(completedBy("zsh", "sync localdir :/docs/m"), QStringList { ":/docs/my files/" });
-        QCOMPARE(completedBy("zsh", "get /docs/a"), QStringList { "/docs/a b.txt" });
-        QCOMPARE(completedBy("zsh", "put local"), QStringList { "(files)" });
-        QCOMPARE(completedBy("zsh", "--profile "), QStringList { "default" });
+        QCOMPARE(completedBy("zsh", { "sy" }), QStringList { "sync" });
+        QCOMPARE(completedBy("zsh", { "ls", "/do" }), (QStringList { "/docs/", "/dots/" }));
+        QCOMPARE(completedBy("zsh", { "sync", "localdir", ":/docs/m" }), QStringList { ":/docs/my files/" });
+        QCOMPARE(completedBy("zsh", { "get", "/docs/a" }), QStringList { "/docs/a b.txt" });
+        QCOMPARE(
+            completedBy("zsh", { "ls", "/docs/my\\ files/" }), QStringList { "/docs/my files/inner.txt" });
+        QCOMPARE(completedBy("zsh", { "put", "local" }), QStringList { "(files)" });
+        QCOMPARE(completedBy("zsh", { "--profile", "" }), QStringList { "default" });
 
         // Signed out, or a server that does not answer: nothing, and at once.
         CLI_OK(nbcli({ "logout" }));
-        QCOMPARE(completedBy("bash", "ls /do"), QStringList {});
+        QCOMPARE(completedBy("bash", { "ls", "/do" }), QStringList {});
     }
 
     void tlsChoicesStayWithTheSession()

@@ -230,8 +230,15 @@ void profile(Cli& cli, const QCommandLineParser&, const QStringList& args)
         for (const QString& each : Config::profiles()) {
             QString error;
             const Settings settings = Config::load(each, &error);
-            cli.output.result(profileJson(each, settings, each == cli.profile),
-                profileLine(each, settings, each == cli.profile));
+            QJsonObject item = profileJson(each, settings, each == cli.profile);
+            QString line = profileLine(each, settings, each == cli.profile);
+            // A file that cannot be read is listed, and said to be damaged.
+            if (!error.isEmpty()) {
+                item.insert("damaged", error);
+                line = (each == cli.profile ? QStringLiteral("* ") : QStringLiteral("  "))
+                    + each.leftJustified(12) + QStringLiteral(" damaged: ") + error;
+            }
+            cli.output.result(item, line);
         }
         return;
     }

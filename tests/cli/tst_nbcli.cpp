@@ -254,6 +254,14 @@ private slots:
         QVERIFY(!run.out.contains(session));
         QVERIFY(!nbcli({ "profile", "show", "work", "--json" }).out.contains(session));
 
+        // A damaged profile is listed as such.
+        const QString brokenFile = config + "/profiles/broken.json";
+        writeFile(brokenFile, "{ not json");
+        run = nbcli({ "profile", "list" });
+        CLI_OK(run);
+        QVERIFY2(run.out.contains(QRegularExpression("\\n  broken +damaged: ")), qPrintable(run.out));
+        QVERIFY(QFile::remove(brokenFile));
+
         // Names that are not file names, or could be read as options, are refused.
         for (const char* name : { "../x", ".hidden", "-x", "a/b", "" }) {
             run = nbcli({ "whoami", "--profile", name });

@@ -24,6 +24,9 @@ namespace {
 // A range request asks for at most this much, and each range in flight is held until
 // whole: memory stays within `jobs` ranges however large the file.
 constexpr qint64 RangeSpan = 4 << 20;
+// A range goes to the file in pieces: one write(2) of megabytes took the kernel four to
+// five times the system time of the same bytes in 256 KiB writes (1 GiB: 4 s against 1 s).
+constexpr qint64 WritePiece = 256 << 10;
 
 } // namespace
 
@@ -123,7 +126,11 @@ Downloader::Result Downloader::get(
     // What is missing, from the end of what is there: a body cut short, or an earlier run's part.
     if (file.size() < entry.bytes)
         fetchRanges(remotePath, entry, file.size(), [&](const QByteArray& range) {
-            if (file.write(range) != range.size() || !file.flush())
+            bool written = true;
+            for (qint64 at = 0; written && at < range.size(); at += WritePiece)
+                written = file.write(range.constData() + at, qMin(WritePiece, range.size() - at))
+                    == qMin(WritePiece, range.size() - at);
+            if (!written || !file.flush())
                 throw Failure { Exit::Local,
                     QStringLiteral("cannot write %1: %2").arg(part, file.errorString()) };
         });
@@ -331,7 +338,8 @@ void Downloader::stream(
     // What reaches the target cannot be taken back: only whole ranges, in order.
     fetchRanges(remotePath, entry, 0, [&](const QByteArray& range) {
         for (qint64 at = 0; at < range.size();) {
-            const ssize_t n = ::write(fd, range.constData() + at, size_t(range.size() - at));
+            const ssize_t n
+                = ::write(fd, range.constData() + at, size_t(qMin(WritePiece, range.size() - at)));
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)

@@ -14,7 +14,6 @@ public:
     // `pair` names the server, account, space and both folders; `root` is the remote folder.
     RemoteManifest(const QString& pair, const QString& root);
 
-    QString file() const { return m_file; }
     // False when nothing is kept for the pair (or what is kept cannot be read).
     bool load();
     bool save(QString* error) const;

@@ -207,7 +207,8 @@ Sync::Tree Sync::readRemote(const QString& root)
                 [&](const QString& folder) { return within(path, folder); }))
             continue;
         if (!RemoteTree::isName(entry.name) || !takes(path, entry.dir)) {
-            excluded << path;
+            if (entry.dir) // what it holds goes with it
+                excluded << path;
             continue;
         }
         tree.insert(path, Entry { entry.dir, entry.bytes, {}, entry });
